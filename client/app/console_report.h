@@ -1,0 +1,18 @@
+#pragma once
+
+#include <exception>
+
+#include "domain/error.h"
+
+namespace tavro {
+
+enum class ReportForm { text, json };
+
+/// 2 for `usage`, 4 for `cancelled`, 1 for every other code.
+int exit_code(const Error& error);
+
+/// Tells a failure at the edge of the process: its message on standard error and, for an `Error` in
+/// the JSON form, one line with the problem on standard output. Returns the exit status.
+int report_failure(const std::exception& failure, ReportForm form) noexcept;
+
+}  // namespace tavro
