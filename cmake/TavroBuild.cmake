@@ -77,7 +77,8 @@ function(tavro_program name)
   target_link_libraries(${name} PRIVATE tavro_settings ${PROGRAM_LINKS})
 endfunction()
 
-# tavro_test(NAME LINKS lib... SOURCES file...): one GoogleTest program, each case a CTest test.
+# tavro_test(NAME LINKS lib... SOURCES file...): one GoogleTest program, each case a CTest test, and
+# the whole once more as an ordinary user when the suite runs as root.
 function(tavro_test name)
   cmake_parse_arguments(TEST "" "" "LINKS;SOURCES" ${ARGN})
   tavro_existing(TEST_SOURCES ${TEST_SOURCES})
@@ -85,4 +86,7 @@ function(tavro_test name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE tavro_settings ${TEST_LINKS} GTest::gmock_main)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+  add_test(NAME ${name}.as_ordinary_user
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/support/as_user.sh $<TARGET_FILE:${name}>)
+  set_tests_properties(${name}.as_ordinary_user PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 600)
 endfunction()

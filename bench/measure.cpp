@@ -1,0 +1,195 @@
+// Times operations of the core beside the bare system calls that do the same, in turn, in one
+// process. Prints one JSON document; bench/compare.py makes the table.
+
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "domain/json.h"
+#include "domain/manifest.h"
+#include "platform/files.h"
+#include "platform/snapshot.h"
+#include "platform/unique_fd.h"
+
+namespace {
+
+using namespace tavro;
+
+double timed(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+/// Runs both in turn; the first round only warms the machine.
+json in_turn(int rounds, const std::function<void()>& ours, const std::function<void()>& bare) {
+  std::vector<double> ours_ms, bare_ms, ratios;
+  for (int round = 0; round <= rounds; ++round) {
+    const double mine = timed(ours);
+    const double theirs = timed(bare);
+    if (round == 0) continue;
+    ours_ms.push_back(mine);
+    bare_ms.push_back(theirs);
+    ratios.push_back(mine / theirs);
+  }
+  return {{"ours_ms", median(ours_ms)}, {"bare_ms", median(bare_ms)}, {"ratio", median(ratios)}};
+}
+
+void must(bool condition, const char* what) { require(condition, "measure", what); }
+
+/// What a careful program writes by hand for a document that a crash must not tear.
+void bare_document(const std::string& folder, const std::string& name, const std::string& bytes) {
+  const std::string path = folder + "/" + name, temporary = path + ".tmp";
+  UniqueFd file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  must(bool(file), "bare open");
+  must(write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
+       "bare write");
+  must(fsync(file.get()) == 0, "bare fsync");
+  file.reset();
+  must(rename(temporary.c_str(), path.c_str()) == 0, "bare rename");
+  UniqueFd parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  must(parent && fsync(parent.get()) == 0, "bare folder sync");
+}
+
+json atomic_document(const std::string& folder, int rounds) {
+  must(mkdir(folder.c_str(), 0700) == 0, "new folder");
+  const std::string bytes(700, 'x');
+  return in_turn(
+      rounds, [&] { atomic_write(folder + "/ours.json", bytes); },
+      [&] { bare_document(folder, "bare.json", bytes); });
+}
+
+void run(const std::vector<std::string>& command) {
+  std::vector<char*> arguments;
+  for (const auto& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  const pid_t child = fork();
+  must(child >= 0, "fork");
+  if (child == 0) {
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    dup2(null, 1);
+    dup2(null, 2);
+    execv(arguments[0], arguments.data());
+    _exit(127);
+  }
+  int status = 0;
+  must(waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0,
+       "command");
+}
+
+long peak_kib() {
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  while (status >> word)
+    if (word == "VmHWM:") {
+      long kib = 0;
+      status >> kib;
+      return kib;
+    }
+  return 0;
+}
+
+std::string manifest_text(std::size_t files) {
+  json list = json::array();
+  const std::string hash(64, 'a');
+  unsigned long long total = 0;
+  for (std::size_t i = 0; i < files; ++i) {
+    const std::string path =
+        i == 0 ? "bin/run"
+               : "data/folder-" + std::to_string(i / 100) + "/file-" + std::to_string(i) + ".bin";
+    list.push_back({{"path", path}, {"length", i}, {"mode", i == 0 ? 493 : 420}, {"sha256", hash}});
+    total += i;
+  }
+  const json document = {
+      {"schema_version", 1},
+      {"build_id", "bench-1"},
+      {"platform", "linux-x86_64"},
+      {"executable", "bin/run"},
+      {"archive",
+       {{"format", "tar.zst-v1"}, {"target", "bench.tar.zst"}, {"length", 1}, {"sha256", hash}}},
+      {"files", list},
+      {"expanded_length", total}};
+  return document.dump();
+}
+
+/// Time and memory of reading one manifest; each size runs in a process of its own, since the peak
+/// of a process never falls.
+json manifest(std::size_t files) {
+  const std::string text = manifest_text(files);
+  const long before = peak_kib();
+  std::vector<double> times;
+  for (int round = 0; round < 5; ++round)
+    times.push_back(timed([&] {
+      const auto parsed = SnapshotManifest::parse(parse_json(text, text.size()));
+      must(parsed.files.size() == files, "manifest");
+    }));
+  return {{"files", files},
+          {"bytes", text.size()},
+          {"ms", median({times.begin() + 1, times.end()})},
+          {"peak_kib_above_text", peak_kib() - before}};
+}
+
+/// status of an installed folder beside the start of an empty program.
+json commands(int rounds, const std::vector<std::string>& ours,
+              const std::vector<std::string>& bare) {
+  return in_turn(
+      rounds, [&] { run(ours); }, [&] { run(bare); });
+}
+
+void verify(const std::string& manifest_file, const std::string& tree) {
+  const std::string text = read_file(manifest_file, 16u << 20);
+  json document = parse_json(text, text.size());
+  if (document.contains("snapshot")) document = document["snapshot"];
+  verify_snapshot_tree(SnapshotManifest::parse(document), tree, nullptr);
+}
+
+int measure(const std::vector<std::string>& words) {
+  must(!words.empty(),
+       "usage: tavro-measure atomic-document FOLDER ROUNDS | manifest FILES | verify MANIFEST TREE "
+       "| commands ROUNDS COMMAND... -- COMMAND...");
+  const auto number = [&](std::size_t at) { return std::stoi(words.at(at)); };
+  if (words[0] == "atomic-document") {
+    std::cout << atomic_document(words.at(1), number(2)) << "\n";
+  } else if (words[0] == "manifest") {
+    std::cout << manifest(static_cast<std::size_t>(number(1))) << "\n";
+  } else if (words[0] == "verify") {
+    verify(words.at(1), words.at(2));
+  } else if (words[0] == "commands") {
+    const auto border = std::find(words.begin(), words.end(), "--");
+    must(border != words.end(), "two commands, -- between them");
+    std::cout << commands(number(1), {words.begin() + 2, border}, {border + 1, words.end()})
+              << "\n";
+  } else {
+    must(false, "unknown measurement");
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  return measure({argv + 1, argv + argc});
+} catch (const std::exception& error) {
+  std::cerr << error.what() << "\n";
+  return 1;
+}
