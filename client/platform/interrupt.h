@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+
+namespace tavro {
+
+/// The environment variable that names the channel on which a parent process passes a stop request.
+inline constexpr char launcher_interrupt_reader_environment[] = "TAVRO_LAUNCHER_INTERRUPT_READER";
+
+/// Turns Ctrl+C into a question that the work asks at its safe boundaries: nothing happens inside
+/// the signal handler, so that no durable write is cut. One at a time per process.
+class ConsoleInterrupt {
+ public:
+  /// Installs the handler; a second object while the first lives is `signal`. With `attach` true it
+  /// first listens on the pipe that the environment names, if it names one; a malformed name is
+  /// `launcher_control`. A top-level program passes false.
+  explicit ConsoleInterrupt(bool attach);
+  /// Puts the former handler back.
+  ~ConsoleInterrupt();
+  ConsoleInterrupt(const ConsoleInterrupt&) = delete;
+  ConsoleInterrupt& operator=(const ConsoleInterrupt&) = delete;
+
+  /// Whether a stop was asked for; true stays true. Never blocks; one thread at a time. Throws
+  /// `launcher_control` for a channel that fails or carries anything but the request.
+  bool requested() const;
+
+  /// A channel from the parent is attached and has not reached its end.
+  static bool parent_reader_attached() noexcept;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace tavro
