@@ -1,0 +1,90 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "domain/json.h"
+#include "domain/launcher_contract.h"
+#include "platform/native_lock.h"
+
+namespace tavro {
+
+/// Marks the constructor that creates nothing.
+struct ExistingStore {};
+/// Marks the constructor that touches nothing.
+struct LaunchView {};
+
+/// The version store of launcher releases in one data folder: immutable payload trees side by side,
+/// named by the SHA-256 of their signed descriptors, and one record that says which one is active,
+/// which one the rollback, which one waits to be tried. It keeps nothing of the record in memory.
+///
+/// A record or a directory that the store does not understand is preserved: no failure changes or
+/// removes a file. Record codes: `launcher_state` for a damaged one, `unsupported_schema` for
+/// another version's, and what `read_file` and `parse_json` throw.
+class LauncherStore {
+ public:
+  /// Creates what is missing of the store in the data folder `root` and proves that its record can
+  /// be read. Throws `native_install_incomplete` while setup has not finished there, unless
+  /// `staged_install` says that the caller is that setup.
+  explicit LauncherStore(const std::filesystem::path& root, bool staged_install = false);
+  LauncherStore(const std::filesystem::path& root, ExistingStore tag);
+  LauncherStore(const std::filesystem::path& root, LaunchView tag);
+
+  /// The store of an installed client, for readers: creates nothing, throws when it is not there.
+  static std::unique_ptr<LauncherStore> existing(const std::filesystem::path& root);
+  /// The view of a process that only reads and starts; only a finished setup is required.
+  static std::unique_ptr<LauncherStore> for_launch(const std::filesystem::path& root);
+
+  /// The data folder, absolute and free of links.
+  const std::filesystem::path& root() const noexcept { return root_; }
+  /// The child `launcher` of the data folder, which holds everything of the store.
+  const std::filesystem::path& directory() const noexcept { return directory_; }
+
+  /// The record, proved; the default record of generation 0 when none was ever saved.
+  json load() const;
+  /// The record, or nothing when it is damaged or another version's. Other failures pass.
+  std::optional<json> selection() const;
+  /// The record with the further key `installed`: there is an active version.
+  json status() const;
+
+  /// Replaces the record durably, with its generation raised by one. The caller holds `owner()`.
+  /// Throws `launcher_state` when the generation is used up, `size_limit` above 32768 bytes; the
+  /// old record then stands.
+  void save(json state) const;
+
+  /// The descriptor of a version, proved against the reference. Throws `launcher_missing` for a
+  /// null reference, `content_mismatch`, `launcher_state`, and what the manifest readers throw.
+  LauncherManifest manifest(const json& reference) const;
+  /// Where the payload of a version lies; nothing is checked there. Throws `launcher_missing`.
+  std::filesystem::path payload(const json& reference) const;
+  /// A reference to the newest version on disk with a proved descriptor, whatever the record says.
+  /// Its payload is not verified. Throws `launcher_missing`, or `launcher_state` above 64 entries.
+  json fallback_active() const;
+
+  /// The lock that serialises every change of the record. Waits up to 2 seconds, then `busy`.
+  std::unique_ptr<FileLock> owner() const;
+  /// The lease of a version: shared by what runs from it, exclusive to retire it. Never waits.
+  /// Throws `busy`, `launcher_missing`, and for an exclusive lease `launcher_recovery_uncertain`
+  /// when the version's contract cannot be read.
+  std::unique_ptr<FileLock> version_guard(const json& reference, LockMode mode) const;
+
+  /// Places the first launcher into a new store as its candidate and returns the reference.
+  /// `manifest_text` is the exact descriptor, `archive` its verified archive. `progress` (may be
+  /// empty) gets bytes done and total of extraction and verification; false cancels. Throws
+  /// `already_installed` for a store that is not new, `launcher_incompatible` for another platform,
+  /// `insufficient_space`, and what extraction throws. A failure leaves what was written; the
+  /// caller discards the unfinished folder.
+  json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
+                    std::function<bool(unsigned long long, unsigned long long)> progress);
+
+ private:
+  std::filesystem::path child(std::string_view relative) const;
+
+  std::filesystem::path root_;
+  std::filesystem::path directory_;
+};
+
+}  // namespace tavro
