@@ -13,7 +13,7 @@ using json = nlohmann::json;
 
 /// The only way in which text becomes a value. Throws `size_limit`, `depth_limit` (more than 64
 /// enclosing containers), `duplicate_key`, `invalid_number` (any floating point number) or
-/// `invalid_json` with the parser's words.
+/// `invalid_json` with the parser's words. Time and memory are linear in the text.
 json parse_json(std::string_view text, std::size_t max_bytes);
 
 /// The bytes that are signed and hashed: no white space, keys in ascending byte order, strings as
@@ -26,5 +26,14 @@ std::string quote(std::string_view text);
 
 /// A metadata version: an integer from 1 up. Throws `invalid_version`.
 unsigned long long positive_version(const json& value);
+
+/// True for an integer of exactly this value; false for every other type, 1.0 included.
+bool is_integer(const json& value, unsigned long long expected);
+
+/// True for an object that has `key` as an integer of exactly this value. Never throws.
+bool has_integer(const json& object, std::string_view key, unsigned long long expected);
+
+/// True for an object that has `key` as exactly this text. Never throws.
+bool has_text(const json& object, std::string_view key, std::string_view expected);
 
 }  // namespace tavro
