@@ -1,0 +1,20 @@
+#include "app/console_report.h"
+#include "app/setup_console.h"
+#include "domain/crypto.h"
+#include "domain/input.h"
+#include "platform/interrupt.h"
+
+// An installer without a seal still tells and removes what is installed; it takes no package.
+#ifndef TAVRO_INITIAL_PACKAGE_SHA256
+#define TAVRO_INITIAL_PACKAGE_SHA256 ""
+#endif
+
+int main(int argc, char** argv) {
+  return tavro::run_reported([&] {
+    tavro::initialize_client_runtime();
+    const tavro::ConsoleInterrupt interrupt(false);
+    return tavro::run_setup_console(tavro::process_arguments(argc, argv), "tavro-install",
+                                    TAVRO_INITIAL_PACKAGE_SHA256,
+                                    [&] { return interrupt.requested(); });
+  });
+}
