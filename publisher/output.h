@@ -1,0 +1,42 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "domain/json.h"
+#include "platform/unique_fd.h"
+
+namespace tavro {
+
+/// A new file that is written in order and made durable by `finish`. Without `finish` it is removed
+/// again.
+class OutputFile {
+ public:
+  /// Creates the file with mode 0644 less the umask. Something that stands there is never replaced:
+  /// `file_exists`. Other failures as `transaction_failure` words them.
+  explicit OutputFile(std::filesystem::path path);
+  OutputFile(OutputFile&&) = delete;
+  ~OutputFile();
+
+  void write(std::string_view bytes);
+  unsigned long long written() const { return written_; }
+
+  /// Syncs the file. Its name is durable once the caller has synced the folder.
+  void finish();
+
+ private:
+  std::filesystem::path path_;
+  UniqueFd file_;
+  unsigned long long written_ = 0;
+};
+
+/// Compact text of a document, as it is published. Throws `invalid_text` for a text in it that is
+/// not UTF-8.
+std::string document_text(const json& document);
+
+/// Creates a file that everybody may read (mode 0644 less the umask) whole or not at all, durably.
+/// The folder must exist. An existing file is never replaced: `file_exists`.
+void create_document(const std::filesystem::path& path, std::string_view bytes);
+
+}  // namespace tavro

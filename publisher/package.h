@@ -1,0 +1,44 @@
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "domain/json.h"
+#include "publisher/archive.h"
+
+namespace tavro {
+
+struct PackageRequest {
+  std::filesystem::path out;  ///< the package folder to make; must not exist
+  std::string platform;
+  std::string origin;
+  std::filesystem::path root;       ///< signed root metadata
+  std::filesystem::path bootstrap;  ///< release folders
+  std::filesystem::path launcher;
+  json brand;                       ///< `name`, `id` and `publisher`, or null
+  std::filesystem::path icon;       ///< only with a brand; empty means none
+  std::filesystem::path ca_bundle;  ///< empty means none
+  json featured_game;               ///< `id` and `name`, or null
+};
+
+/// A package before it is on disk.
+struct PackagePlan {
+  /// Small files by name, the descriptor "initial-package.json" among them.
+  std::map<std::string, std::string> documents;
+  /// Archives by name, with the files that they are copied from.
+  std::map<std::string, std::filesystem::path> archives;
+  std::string seal;
+};
+
+/// Reads what the request names and writes the descriptor. Of the rules of a package it proves only
+/// those that the reading needs, and that no two files share a name (`invalid_package`).
+PackagePlan plan_package(const PackageRequest& request);
+
+/// Makes the package folder and returns its seal. It is read back as the installer reads it before
+/// it appears; errors of that reading pass unchanged. The archives are copied, not linked: a
+/// package shares no bytes on disk with anything that may change.
+std::string assemble_package(const PackageRequest& request, const PublishProgress& progress);
+
+}  // namespace tavro
