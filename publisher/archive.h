@@ -1,16 +1,13 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "domain/progress.h"
 #include "publisher/source_tree.h"
 
 namespace tavro {
-
-/// Bytes done and bytes in all; false stops the work with `cancelled`.
-using PublishProgress = std::function<bool(unsigned long long, unsigned long long)>;
 
 struct ArchiveOptions {
   /// Level of the Zstandard encoder, 1 to 19. No level up to 19 needs a window above 8 MiB.
@@ -32,6 +29,6 @@ struct ArchiveFigures {
 /// The file is durable on return, its name when the caller syncs the folder; a failure leaves no
 /// file.
 ArchiveFigures write_archive(const SourceTree& tree, const std::filesystem::path& archive,
-                             const ArchiveOptions& options, const PublishProgress& progress);
+                             const ArchiveOptions& options, const Progress& progress);
 
 }  // namespace tavro

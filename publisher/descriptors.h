@@ -36,7 +36,4 @@ json snapshot_document(const SourceTree& tree, const SnapshotIdentity& identity,
 json launcher_document(json snapshot, const LauncherContract& contract);
 json bootstrap_document(json snapshot);
 
-/// "bin/tavro-bootstrap", with ".exe" on Windows.
-std::string bootstrap_entry_point(std::string_view platform);
-
 }  // namespace tavro

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "domain/json.h"
-#include "publisher/archive.h"
+#include "app/native_package.h"
+#include "domain/progress.h"
 
 namespace tavro {
 
@@ -17,10 +17,10 @@ struct PackageRequest {
   std::filesystem::path root;       ///< signed root metadata
   std::filesystem::path bootstrap;  ///< release folders
   std::filesystem::path launcher;
-  json brand;                       ///< `name`, `id` and `publisher`, or null
+  std::optional<Brand> brand;       ///< its `icon` is not looked at
   std::filesystem::path icon;       ///< only with a brand; empty means none
   std::filesystem::path ca_bundle;  ///< empty means none
-  json featured_game;               ///< `id` and `name`, or null
+  std::optional<FeaturedGame> featured_game;
 };
 
 /// A package before it is on disk.
@@ -39,6 +39,6 @@ PackagePlan plan_package(const PackageRequest& request);
 /// Makes the package folder and returns its seal. It is read back as the installer reads it before
 /// it appears; errors of that reading pass unchanged. The archives are copied, not linked: a
 /// package shares no bytes on disk with anything that may change.
-std::string assemble_package(const PackageRequest& request, const PublishProgress& progress);
+std::string assemble_package(const PackageRequest& request, const Progress& progress);
 
 }  // namespace tavro

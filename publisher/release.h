@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <string>
 
-#include "domain/json.h"
 #include "publisher/archive.h"
 #include "publisher/descriptors.h"
 
@@ -25,7 +24,7 @@ struct Release {
   std::filesystem::path manifest;
   std::filesystem::path archive;
   std::string manifest_bytes;
-  json document;
+  std::string build_id;
 };
 
 /// "launcher-PLATFORM-BUILD.tar.zst", "bootstrap-..." or "snapshot-...".
@@ -36,7 +35,7 @@ std::string default_archive_target(ReleaseKind kind, const SnapshotIdentity& ide
 /// proved with the client's parser before the archive is written and again afterwards; then the
 /// archive is extracted and compared as a client does, into the unfinished folder, so the volume
 /// needs room for the tree and the archive. Errors of these steps pass unchanged.
-Release make_release(const ReleaseRequest& request, const PublishProgress& progress);
+Release make_release(const ReleaseRequest& request, const Progress& progress);
 
 /// Reads a release folder that `make_release` made. Throws `invalid_release` unless it holds
 /// exactly one manifest of that kind and its archive with the right length.

@@ -3,9 +3,11 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "app/native_package.h"
 #include "domain/json.h"
 #include "publisher/keys.h"
 
@@ -28,13 +30,12 @@ struct SealedPackageOptions {
   std::filesystem::path launcher_image;
   std::filesystem::path launcher_gui_image;
   std::filesystem::path maintenance_image;
-  /// `name`, `id` and `publisher`, or null for a package without a brand.
-  json brand;
+  /// Its `icon` is not looked at.
+  std::optional<Brand> brand;
   /// Bytes of the icon (only with a brand) and of the certificate bundle; empty means none.
   std::string icon;
   std::string ca_bundle;
-  /// `id` and `name`, or null.
-  json featured_game;
+  std::optional<FeaturedGame> featured_game;
 };
 
 /// The smallest icon that a package accepts.
