@@ -44,6 +44,11 @@ void use_installed_brand(const std::filesystem::path& root);
 /// Where an installation keeps the icon of its brand; nothing is checked on disk.
 std::filesystem::path brand_icon_path(const std::filesystem::path& root);
 
+/// The icon of the product; empty until a brand brings one. Set once at the start of a command,
+/// before any other thread exists. There is no lock.
+const std::filesystem::path& product_icon();
+void set_product_icon(std::filesystem::path path);
+
 /// The key of an installation in the system's list of installed programs.
 std::string uninstall_entry_key(const std::optional<Brand>& brand);
 

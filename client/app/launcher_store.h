@@ -1,13 +1,13 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
 
 #include "domain/json.h"
 #include "domain/launcher_contract.h"
+#include "domain/progress.h"
 #include "platform/native_lock.h"
 
 namespace tavro {
@@ -78,9 +78,13 @@ class LauncherStore {
   /// `insufficient_space`, and what extraction throws. A failure leaves what was written; the
   /// caller discards the unfinished folder.
   json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
-                    std::function<bool(unsigned long long, unsigned long long)> progress);
+                    const Progress& progress = {});
 
  private:
+  struct Paths {};
+  /// Only computes the paths.
+  LauncherStore(const std::filesystem::path& root, Paths tag);
+
   std::filesystem::path child(std::string_view relative) const;
 
   std::filesystem::path root_;

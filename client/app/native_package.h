@@ -1,7 +1,6 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,6 +8,7 @@
 #include "app/brand.h"
 #include "domain/launcher_contract.h"
 #include "domain/manifest.h"
+#include "domain/progress.h"
 
 namespace tavro {
 
@@ -51,9 +51,8 @@ struct NativePackage {
 /// Throws `native_install_trust` when seal and folder do not belong together,
 /// `invalid_native_package`, `unsupported_schema`, `launcher_incompatible`, `invalid_origin`,
 /// `expired_metadata`, `size_limit`, `content_mismatch`, and what the readers of its parts throw.
-NativePackage read_native_package(
-    const std::filesystem::path& path, std::string_view seal,
-    const std::function<bool(unsigned long long, unsigned long long)>& progress = {});
+NativePackage read_native_package(const std::filesystem::path& path, std::string_view seal,
+                                  const Progress& progress = {});
 
 /// What a front end shows before an install, read from the sealed descriptor alone: no other file
 /// of the package is looked at. They throw as `read_native_package` does.

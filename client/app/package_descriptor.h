@@ -5,8 +5,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <type_traits>
-#include <utility>
 
 #include "app/brand.h"
 #include "app/native_package.h"
@@ -33,9 +31,6 @@ struct DescriptorBrand {
   Brand brand;
   std::optional<Resource> icon;
 };
-
-/// A seal is a lower-case SHA-256; an installer built without one has none.
-bool is_package_seal(std::string_view seal);
 
 /// The descriptor in `folder`, proved by the seal before it is parsed. Throws
 /// `native_install_trust`, and what `read_file` and `parse_json` throw.
