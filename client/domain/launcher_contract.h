@@ -34,8 +34,8 @@ struct LauncherManifest : SnapshotManifest {
                       bool console_interrupt) const;
 
   /// True only for exactly the document that `startup_health` builds from the same arguments, with
-  /// integers where it has integers. A document of any shape is only compared.
-  bool matches_startup_health(const json& document, const json& attempt, unsigned long long pid,
+  /// integers where it has integers. A value of any shape is only compared.
+  bool matches_startup_health(const json& received, const json& attempt, unsigned long long pid,
                               std::string_view interface, bool console_interrupt) const;
 };
 
