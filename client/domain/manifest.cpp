@@ -1,6 +1,7 @@
 #include "domain/manifest.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "domain/crypto.h"
@@ -146,12 +147,14 @@ void read_snapshot(SnapshotManifest& manifest) {
 
 }  // namespace
 
-SnapshotManifest SnapshotManifest::parse(const json& document) {
+SnapshotManifest SnapshotManifest::parse(const json& document) { return parse(json(document)); }
+
+SnapshotManifest SnapshotManifest::parse(json&& document) {
   return read_fields("invalid_manifest", "Snapshot manifest has missing or malformed fields", [&] {
     require(document.is_object() && is_integer(document.at("schema_version"), 1),
             "unsupported_schema", "Unsupported snapshot schema; nothing was rewritten");
     SnapshotManifest manifest;
-    manifest.document = document;
+    manifest.document = std::move(document);
     read_snapshot(manifest);
     return manifest;
   });

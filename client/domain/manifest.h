@@ -51,6 +51,8 @@ struct SnapshotManifest {
   /// `invalid_identity`, `unsafe_path`, `size_limit` or `path_collision`. A document that fails
   /// with `unsupported_schema` is a newer one: whoever stored it is to leave it alone.
   static SnapshotManifest parse(const json& document);
+  /// The same without a copy: the document moves into the manifest.
+  static SnapshotManifest parse(json&& document);
 
   /// The greatest `native_length` of a path of `files`.
   std::size_t longest_native_path() const;
