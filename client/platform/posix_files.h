@@ -1,0 +1,46 @@
+#pragma once
+
+#include <filesystem>
+
+/// Work on open descriptors, and the definition of private storage: owned by the effective user; a
+/// directory of mode 0700 exactly, or a regular file with one link and no group, other, setuid,
+/// setgid or sticky bit; and no access list that lets anybody else in.
+namespace tavro::posix_files {
+
+/// Full durable sync of data and metadata, interruptions retried. 0, or negative with `errno` set;
+/// a failure is final.
+int sync(int descriptor);
+
+/// Makes `size` bytes of storage certain for an open file, all or nothing, and sets its length to
+/// exactly `size`. A size of 0 leaves the file alone. Returns 0 or an `errno` number, never throws:
+/// `ENOSPC`, `EDQUOT`, `ENOTSUP` (the file system cannot reserve), `EFBIG`, `EINVAL` (no regular
+/// file), `EOVERFLOW`. After a failure the length is as it was.
+int reserve(int descriptor, unsigned long long size);
+
+/// Makes a node that this process has just created private: takes its access lists away and sets
+/// mode 0700 or 0600. Anything but an own, new node throws `permissions` and stays as it is.
+void secure_new_private(int descriptor, bool directory);
+
+/// Throws `permissions` unless the node is private. Changes nothing.
+void require_private_node(int descriptor, bool directory);
+
+/// The access list's part of the definition alone. Throws `permissions`; the list is preserved.
+void require_private_acl(int descriptor);
+
+/// Proves the object that an absolute path of at most 4096 bytes names. A final link is not
+/// followed. Throws `unsafe_path` for the path's form, else `permissions`.
+void require_private_path(const std::filesystem::path& path, bool directory);
+
+/// Creates the directory and its missing ancestors, each private and synced into its parent before
+/// the next, or proves an existing directory private; the user's own one is narrowed to 0700 if no
+/// access list lets anybody else in. Existing ancestors are only required to be plain directories.
+/// Links of the operating system are resolved, all others refused. Repeating it changes nothing.
+///
+/// At most 4096 bytes and 128 components, none of them "..". Throws `unsafe_path`, `size_limit`,
+/// `permissions` or `file_sync`; ancestors created so far stay.
+void private_directory(const std::filesystem::path& path);
+
+/// Whether the text is 1 to 4096 bytes with no NUL byte: the bound of every path of this floor.
+bool bounded_path(const std::filesystem::path& path);
+
+}  // namespace tavro::posix_files
