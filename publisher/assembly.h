@@ -7,6 +7,13 @@
 
 namespace tavro {
 
+/// The guard files: while one of them stands in a folder, no image below the folder starts.
+inline constexpr std::string_view native_bundle_guard = ".tavro-native-bundle-incomplete.json";
+inline constexpr std::string_view initial_package_guard = ".tavro-initial-package-incomplete.json";
+inline constexpr std::string_view launcher_package_guard =
+    ".tavro-launcher-package-incomplete.json";
+bool is_package_guard(std::string_view name);
+
 /// A folder that comes into being whole: it is put together beside its final place, under a guard
 /// file that keeps every image below it from starting, and appears with one rename that replaces
 /// nothing. A crash leaves at most a folder "NAME.partial-..." with its guard; a failure leaves

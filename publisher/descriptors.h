@@ -33,6 +33,7 @@ json snapshot_document(const SourceTree& tree, const SnapshotIdentity& identity,
                        const ArchiveFigures& figures);
 
 /// The snapshot manifest, with what makes it the descriptor of a launcher or a bootstrap release.
+/// The optional entry points of a bootstrap are declared when the tree holds them.
 json launcher_document(json snapshot, const LauncherContract& contract);
 json bootstrap_document(json snapshot);
 

@@ -31,6 +31,9 @@ class OutputFile {
   unsigned long long written_ = 0;
 };
 
+/// Throws `file_exists` when anything stands at the path, a dangling link included.
+void require_absent(const std::filesystem::path& path);
+
 /// Compact text of a document, as it is published. Throws `invalid_text` for a text in it that is
 /// not UTF-8.
 std::string document_text(const json& document);

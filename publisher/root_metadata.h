@@ -8,6 +8,9 @@
 
 namespace tavro {
 
+/// Bound on root metadata, the same that a package puts on it.
+inline constexpr unsigned long long root_document_bytes = 524288;
+
 /// Who may sign for a role.
 struct RoleKeys {
   std::vector<json> records;

@@ -41,8 +41,9 @@ struct SealedPackageOptions {
 /// The smallest icon that a package accepts.
 std::string sample_icon();
 
-/// A real sealed package on disk, made as the publisher makes it. The names of its files do not
-/// depend on the options.
+/// A real sealed package on disk, put together by the publisher's own code. The bootstrap is
+/// "bin/tavro-bootstrap"; the launcher has "bin/launcher", "bin/launcher-gui" and the maintenance
+/// helper "bin/launcher-maintenance"; bulk files lie in "share/part-N".
 class SealedPackage {
  public:
   /// Builds below `where`, an existing folder (for instance a TempFolder's path): the package in

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "domain/json.h"
+#include "domain/progress.h"
+#include "publisher/arguments.h"
+
+namespace tavro {
+
+/// What a command did: one sentence for a person, one document for --json. The command line adds
+/// `schema_version` to the document.
+struct CommandResult {
+  std::string sentence;
+  json document;
+};
+
+/// What a command may use while it works.
+struct CommandContext {
+  std::function<bool()> cancelled;
+  bool quiet = false;
+
+  /// Tells a phase on standard error, unless quiet, and gives the progress that polls `cancelled`.
+  Progress phase(std::string_view line) const;
+};
+
+/// One command of tavro-publish, for instance "keys new".
+struct PublishCommand {
+  std::string_view words;
+  std::string_view summary;
+  /// Without --json and --help, which every command has.
+  std::vector<OptionRule> options;
+  CommandResult (*run)(const Arguments& arguments, const CommandContext& context);
+};
+
+/// The commands by subject, each list in the order of the usage text.
+std::vector<PublishCommand> key_commands();
+std::vector<PublishCommand> root_commands();
+std::vector<PublishCommand> release_commands();
+std::vector<PublishCommand> package_commands();
+
+/// A path from the command line, absolute; empty when the option was not given. Throws
+/// `unsafe_path` for a NUL byte.
+std::filesystem::path path_option(const Arguments& arguments, std::string_view option);
+
+}  // namespace tavro

@@ -1,0 +1,87 @@
+#include "publisher/root_metadata.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <set>
+
+#include "domain/error.h"
+#include "tuf/metadata.h"
+#include "tuf/threshold.h"
+
+namespace tavro {
+namespace {
+
+json authority(const RoleKeys& role) {
+  json ids = json::array();
+  for (const json& record : role.records) ids.push_back(key_id(record));
+  return {{"keyids", std::move(ids)}, {"threshold", role.threshold}};
+}
+
+void add_keys(json& keys, const RoleKeys& role) {
+  for (const json& record : role.records) keys[key_id(record)] = record;
+}
+
+}  // namespace
+
+json root_body(const RootRequest& request) {
+  json keys = json::object();
+  json roles = json::object();
+  const std::pair<const char*, const RoleKeys*> all[] = {{"root", &request.root},
+                                                         {"timestamp", &request.timestamp},
+                                                         {"snapshot", &request.snapshot},
+                                                         {"targets", &request.targets}};
+  for (const auto& [name, role] : all) {
+    add_keys(keys, *role);
+    roles[name] = authority(*role);
+  }
+  return {{"_type", "root"},
+          {"spec_version", "1.0.31"},
+          {"version", request.version},
+          {"expires", request.expires},
+          {"consistent_snapshot", request.consistent_snapshot},
+          {"keys", std::move(keys)},
+          {"roles", std::move(roles)}};
+}
+
+json sign_metadata(json body, const std::vector<const SigningKey*>& keys) {
+  const std::string message = canonical_json(body);
+  // One entry per key, in the order of the ids: a repeated one would refuse the whole document.
+  std::map<std::string, std::string> signatures;
+  for (const SigningKey* key : keys)
+    if (!signatures.contains(key->id())) signatures[key->id()] = key->sign(message);
+  json list = json::array();
+  for (const auto& [id, signature] : signatures)
+    list.push_back({{"keyid", id}, {"sig", signature}});
+  return {{"signed", std::move(body)}, {"signatures", std::move(list)}};
+}
+
+void check_root(const json& document) {
+  shape(document, "root");
+  const json& body = document.at("signed");
+  const json& roles = body.at("roles");
+  verify_threshold(document, body.at("keys"), roles.at("root"));
+  // A role that no set of its keys could ever satisfy would only show once it signs.
+  for (const char* role : {"timestamp", "snapshot", "targets"}) {
+    const std::set<std::string> ids = roles.at(role).at("keyids");
+    require(positive_version(roles.at(role).at("threshold")) <= ids.size(), "invalid_threshold",
+            [&] { return std::string("The threshold of ") + role + " exceeds its keys"; });
+  }
+  const auto expires = parse_tuf_time(body.at("expires").get_ref<const std::string&>());
+  require(expires > std::chrono::system_clock::now(), "expired_metadata",
+          "The root would have expired already; choose a later time");
+}
+
+std::string expiry_in_days(unsigned days) {
+  const std::time_t then = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() +
+                                                                std::chrono::days(days));
+  std::tm parts{};
+  ::gmtime_r(&then, &parts);
+  char text[32];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return std::string(text, length);
+}
+
+}  // namespace tavro
