@@ -84,12 +84,12 @@ void run_command(const PublishCommand& command, const Arguments& arguments,
     std::cout << usage(command) << std::flush;
     return;
   }
-  const CommandContext context{cancelled, form == ReportForm::json};
+  const CommandContext context{cancelled, form == ReportForm::json_line};
   CommandResult result = command.run(arguments, context);
   result.document["schema_version"] = 1;
   // The work is done, so a path whose bytes are no UTF-8 must not turn it into a failure.
   const std::string line =
-      form == ReportForm::json
+      form == ReportForm::json_line
           ? result.document.dump(-1, ' ', false, json::error_handler_t::replace)
           : result.sentence;
   std::cout << line << std::endl;
@@ -107,7 +107,7 @@ void dispatch(const std::vector<std::string>& arguments, const std::function<boo
     if (words == 0) continue;
     const auto rest = arguments.begin() + static_cast<std::ptrdiff_t>(words);
     const Arguments options(command.options, {rest, arguments.end()});
-    if (options.has("--json")) form = ReportForm::json;
+    if (options.has("--json")) form = ReportForm::json_line;
     run_command(command, options, cancelled, form);
     return;
   }

@@ -4,6 +4,8 @@
 
 #include <iostream>
 
+#include "domain/json.h"
+
 namespace tavro {
 namespace {
 
@@ -28,7 +30,7 @@ int report_failure(const std::exception& failure, ReportForm form) noexcept {
   const auto* error = dynamic_cast<const Error*>(&failure);
   const int status = error == nullptr ? 1 : exit_code(*error);
   try {
-    if (error != nullptr && form == ReportForm::json) print_problem(*error);
+    if (error != nullptr && form == ReportForm::json_line) print_problem(*error);
     std::cerr << failure.what() << std::endl;
   } catch (const std::exception&) {
     // Nothing is left to tell it to; the status still does.

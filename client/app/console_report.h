@@ -7,7 +7,7 @@
 
 namespace tavro {
 
-enum class ReportForm { text, json };
+enum class ReportForm { text, json_line };
 
 /// 2 for `usage`, 4 for `cancelled`, 1 for every other code.
 int exit_code(const Error& error);

@@ -68,7 +68,7 @@ int run_setup_console(const std::vector<std::string>& arguments, std::string_vie
   try {
     const bool installer = program == "tavro-install";
     SetupCommand command = parse_setup_command(arguments, user_data_root());
-    if (command.json) form = ReportForm::json;
+    if (command.json) form = ReportForm::json_line;
     if (command.help)
       std::cout << setup_usage(program, installer) << std::flush;
     else
@@ -79,10 +79,10 @@ int run_setup_console(const std::vector<std::string>& arguments, std::string_vie
   }
 }
 
-NativeSetupCallbacks console_callbacks(bool json, std::function<bool()> cancelled) {
+NativeSetupCallbacks console_callbacks(bool as_json, std::function<bool()> cancelled) {
   NativeSetupCallbacks callbacks;
   callbacks.cancelled = std::move(cancelled);
-  if (json) return callbacks;
+  if (as_json) return callbacks;
   callbacks.progress = [last = std::make_shared<std::string>()](std::string_view phase,
                                                                 std::uint64_t, std::uint64_t) {
     if (phase == *last) return;

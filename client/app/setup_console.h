@@ -20,8 +20,8 @@ struct Brand;
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program,
                       std::string_view seal, const std::function<bool()>& cancelled);
 
-/// The console's view of a run: one line on standard error for each new phase, none with `json`.
-NativeSetupCallbacks console_callbacks(bool json, std::function<bool()> cancelled);
+/// The console's view of a run: one line on standard error for each new phase, none with `as_json`.
+NativeSetupCallbacks console_callbacks(bool as_json, std::function<bool()> cancelled);
 
 /// The initial package inside the application folder of a windowed installer, or an empty path when
 /// `executable` does not lie in one. Pure path logic.

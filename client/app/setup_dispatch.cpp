@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
+
 #include "app/native_install.h"
 #include "app/native_uninstall.h"
 #include "domain/error.h"
