@@ -15,7 +15,6 @@
 #include "domain/input.h"
 #include "domain/product_name.h"
 #include "platform/files.h"
-#include "platform/native_files.h"
 #include "platform/native_platform.h"
 #include "platform/storage.h"
 

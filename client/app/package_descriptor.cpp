@@ -11,6 +11,7 @@
 #include "domain/relative_path.h"
 
 namespace tavro {
+
 json sealed_descriptor(const std::filesystem::path& folder, std::string_view seal) {
   const auto text = read_file(folder / package_descriptor_name, package_document_bytes);
   require(digest(text, "sha256") == seal, "native_install_trust",

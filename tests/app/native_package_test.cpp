@@ -1,0 +1,158 @@
+#include "app/native_package.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+
+#include "domain/input.h"
+#include "support/failure.h"
+#include "support/sealed_package.h"
+#include "support/temp_folder.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::StartsWith;
+
+SealedPackageOptions full_options() {
+  SealedPackageOptions options;
+  options.brand = Brand{"Nova", "nova", "Nova Ltd", true};
+  options.icon = sample_icon();
+  options.ca_bundle = "certificates";
+  options.featured_game = FeaturedGame{"first-game", "First Game"};
+  return options;
+}
+
+class SealedFolder : public testing::Test {
+ protected:
+  std::string failure(const fs::path& path) {
+    return failure_of([&] { read_native_package(path, package.seal); });
+  }
+  std::string failure() { return failure(package.folder); }
+
+  TempFolder folder;
+  SealedPackage package{folder.path(), full_options()};
+};
+
+TEST_F(SealedFolder, IsReadWholeUnlessItsCallerStops) {
+  const auto read = read_native_package(package.folder / "", package.seal);
+  EXPECT_EQ(read.root, package.folder);
+  EXPECT_EQ(read.ca_bundle + read.brand_icon, "certificates" + sample_icon());
+  EXPECT_EQ(read.launcher_archive(), package.path("launcher_archive"));
+  const auto stop = [](auto done, auto) { return done == 0; };
+  EXPECT_EQ(code_of([&] { read_native_package(read.root, package.seal, stop); }), "cancelled");
+}
+
+TEST_F(SealedFolder, NeedsTheSealOfItsDescriptor) {
+  const auto none = StartsWith("native_install_trust: This installer has no package seal; build");
+  const auto seal = std::exchange(package.seal, std::string(64, 'a'));
+  EXPECT_THAT(failure(), StartsWith("native_install_trust: This package is not the one"));
+  for (const auto& other : {std::string(), seal.substr(1), "A" + seal.substr(1), seal + "0"}) {
+    package.seal = other;
+    EXPECT_THAT(failure("nowhere"), none);
+    EXPECT_THAT(failure_of([&] { package_brand("nowhere", other); }), none);
+  }
+}
+
+TEST_F(SealedFolder, RefusesEveryFileThatIsNotAsSealed) {
+  const auto aside = folder.path() / "aside";
+  for (const auto* name : {"root", "bootstrap_manifest", "launcher_manifest", "ca_bundle", "icon",
+                           "bootstrap_archive", "launcher_archive", "descriptor"}) {
+    const auto path = package.path(name);
+    const auto bytes = read_file(path, 1 << 20);
+    auto flipped = bytes;
+    flipped[flipped.size() / 2] ^= 1;
+    for (const auto& changed : {flipped, bytes.substr(1), bytes + "x", bytes}) {
+      std::ofstream(path, std::ios::binary) << changed;
+      EXPECT_THAT(failure(),
+                  testing::ContainsRegex(changed == bytes ? "^$" : "_mismatch:|_trust:"));
+    }
+    fs::rename(path, aside);
+    EXPECT_NE(failure(), "") << name;
+    fs::create_symlink(aside, path);
+    EXPECT_NE(failure(), "") << name;
+    fs::rename(aside, path);
+  }
+}
+
+TEST_F(SealedFolder, HoldsExactlyItsFiles) {
+  const auto link = folder.path() / "link";
+  fs::create_directory_symlink(package.folder, link);
+  for (const auto& path : {link, link / "", package.path("root")})
+    EXPECT_EQ(failure(path), "invalid_native_package: Choose an initial package directory");
+  fs::create_directory(package.folder / "stray");
+  fs::remove(package.path("launcher_archive"));
+  EXPECT_EQ(failure(),
+            "invalid_native_package: Initial package contains an unexpected entry: stray");
+  fs::remove(package.folder / "stray");
+  EXPECT_EQ(failure(), "invalid_native_package: Initial package is missing a resource");
+}
+
+TEST_F(SealedFolder, RefusesADescriptorByItsFirstBrokenRule) {
+  const auto intact = package.descriptor();
+  const std::string wrong = "invalid_native_package: ";
+  const auto fields = wrong + "Initial package record has unknown";
+  const std::string size = "size_limit: Initial package resource exceeds its size limit";
+  // A null value takes the member away.
+  const std::vector<std::tuple<std::string, json, std::string>> rows = {
+      {"/more", 1, fields},
+      {"/ca_bundle", {}, fields},
+      {"/schema_version", 2, "unsupported_schema: Unsupported initial package"},
+      {"/platform", "windows-x86_64", "launcher_incompatible: This package is for another"},
+      {"/origin", 1, wrong + "Initial package metadata is malformed"},
+      {"/origin", "https://repository.example/", "invalid_origin: The package origin must be"},
+      {"/root/length", -1, wrong + "Resource length must be an unsigned integer"},
+      {"/root/sha256", std::string(64, 'A'), wrong + "Resource hash must be a lowercase"},
+      {"/root/length", 0U, size},
+      {"/ca_bundle/length", 1048577U, size},
+      {"/brand/icon/length", 1048577U, size},
+      {"/root/path", ".hidden", wrong + "Initial package resources need distinct flat"},
+      {"/ca_bundle", intact["root"], wrong + "Initial package resources overlap"},
+      {"/featured_game/name", std::string(81, 'x'), wrong + "Featured game name must be 1 to 80"},
+      {"/brand/icon", {}, wrong + "Brand has unknown or missing fields"},
+      {"/brand/theme", json::object(), "unsupported_schema: This client cannot show brand themes"},
+  };
+  fs::copy_file(package.path("root"), package.folder / ".hidden");
+  for (const auto& [at, value, expected] : rows) {
+    const json::json_pointer pointer(at);
+    auto damaged = intact;
+    damaged[pointer] = value;
+    if (value.is_null()) damaged[pointer.parent_pointer()].erase(pointer.back());
+    package.edit_descriptor([&](json& document) { document = damaged; });
+    EXPECT_THAT(failure(), StartsWith(expected)) << at;
+  }
+}
+
+TEST_F(SealedFolder, RefusesSealedResourcesThatCannotServe) {
+  auto forged = json::parse(package.signed_root("2099-01-01T00:00:00Z"));
+  forged["signed"]["version"] = 2;
+  auto foreign = json::parse(read_file(package.path("launcher_manifest"), 524288));
+  foreign["platform"] = "windows-x86_64";
+  // What is proved later comes first: each failure hides the one before it.
+  const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
+      {"launcher_manifest", foreign.dump(), "launcher_incompatible: Package images are for"},
+      {"root", package.signed_root("2020-01-01T00:00:00Z"), "expired_metadata: The initial"},
+      {"root", forged.dump(), "signature_threshold: "},
+      {"root", "{\"signed\":{}}", "invalid_native_package: Initial package metadata is malformed"},
+      {"icon", sample_icon().substr(0, 21), "invalid_native_package: The brand icon is not an"},
+      {"icon", "x" + sample_icon(), "invalid_native_package: The brand icon is not an .ico file"},
+  };
+  for (const auto& [resource, bytes, expected] : rows) {
+    package.replace_resource(resource, bytes);
+    EXPECT_THAT(failure(), StartsWith(expected));
+  }
+}
+
+TEST_F(SealedFolder, ShowsItsBrandFromTheDescriptorAlone) {
+  fs::remove(package.path("root"));
+  EXPECT_EQ(package_brand(package.folder, package.seal)->publisher, "Nova Ltd");
+  EXPECT_EQ(package_featured_game(package.folder, package.seal)->name, "First Game");
+  EXPECT_EQ(package_brand_icon(package.folder, package.seal), package.path("icon"));
+  std::ofstream(package.path("icon")) << "other";
+  EXPECT_EQ(code_of([&] { package_brand_icon(package.folder, package.seal); }), "content_mismatch");
+}
+
+}  // namespace
+}  // namespace tavro
