@@ -5,6 +5,8 @@
 #include <memory>
 #include <string_view>
 
+#include "domain/progress.h"
+
 namespace tavro {
 
 /// The record by which a reserved file is handed over between objects and processes.
@@ -70,7 +72,7 @@ class AllocatedFile {
   /// prefix; the position is not moved. `progress`, when set, gets bytes done and total; false is
   /// `cancelled`. A short file is `file_read`.
   void read_prefix(unsigned long long length, const std::function<void(std::string_view)>& consumer,
-                   const std::function<bool(unsigned long long, unsigned long long)>& progress);
+                   const Progress& progress);
   /// Closes an unwritten file and returns its record, for the reopening constructors.
   FileReservation retain_reservation();
   /// `size_limit` beyond the file's size, with nothing written; `insufficient_space`, `file_write`.

@@ -1,17 +1,17 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
+
+#include "domain/progress.h"
 
 namespace tavro {
 
 struct SnapshotManifest;
 
-/// Takes bytes done and bytes total (`expanded_length`); false stops the work with `cancelled` at
-/// the next file or block of 65536 bytes.
-using SnapshotProgress = std::function<bool(unsigned long long, unsigned long long)>;
+// Every progress below counts bytes of `expanded_length`, and is asked at each file and after each
+// block of 65536 bytes. Verification begins again at 0.
 
 struct DamagedFiles {
   /// How many differences exist, listed or not.
@@ -21,7 +21,7 @@ struct DamagedFiles {
 };
 
 /// Calls `progress` when it is set; a false answer is `cancelled`.
-void report(const SnapshotProgress& progress, unsigned long long done, unsigned long long total);
+void report(const Progress& progress, unsigned long long done, unsigned long long total);
 
 /// Proves from the disk that the tree at `root` equals the manifest: every file with its length,
 /// digest and, when executable, the owner's execute permission, and no other file, link or special
@@ -31,18 +31,18 @@ void report(const SnapshotProgress& progress, unsigned long long done, unsigned 
 /// (more than 250000 entries, or too many files), `unexpected_file`, `missing_file`,
 /// `content_mismatch`, `content_mode`; `cancelled`; `file_read`.
 void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
-                          const SnapshotProgress& progress = {});
+                          const Progress& progress = {});
 
 /// Makes the same comparison without stopping at a difference; an empty result means an intact
 /// tree. A tree that cannot be walked safely still throws `unsafe_path` or `size_limit`.
 DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest,
-                                    const std::filesystem::path& root,
-                                    const SnapshotProgress& progress, unsigned long limit);
+                                    const std::filesystem::path& root, const Progress& progress,
+                                    unsigned long limit);
 
 /// Turns an archive of format "tar.zst-v1" into a new private tree at `staging`, which must not
 /// exist. The archive is proved by length and digest before it is decoded, every file against the
 /// manifest while it is written, and the finished tree again from the disk. On return the tree is
-/// on stable media, except for the entry of `staging` in its parent when the parent existed before.
+/// on stable media, and so is its name.
 ///
 /// Memory: three blocks of 65536 bytes and the decoder's window of at most 64 MiB, whatever the
 /// size of the package.
@@ -51,6 +51,6 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest,
 /// `archive_inventory`, `size_limit`, `unsafe_path`, `insufficient_space`, `cancelled` and what
 /// writing raises. A failure leaves `staging` as it stands, for the caller to remove.
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
-                      const std::filesystem::path& staging, const SnapshotProgress& progress = {});
+                      const std::filesystem::path& staging, const Progress& progress = {});
 
 }  // namespace tavro

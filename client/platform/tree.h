@@ -2,10 +2,20 @@
 
 #include <filesystem>
 #include <functional>
+#include <string_view>
 
 namespace tavro {
 
 struct SnapshotManifest;
+
+using TreeVisitor =
+    std::function<void(const std::filesystem::directory_entry& entry, std::string_view relative)>;
+
+/// Calls `visit` for each entry below the directory `root`, parents before children, without
+/// following links. `relative` is the entry's path below `root`, valid during the call. The entry
+/// beyond `max_entries` is `size_limit` with the message given.
+void walk_tree(const std::filesystem::path& root, unsigned long max_entries,
+               std::string_view too_many, const TreeVisitor& visit);
 
 /// The total length of the regular files below `root`; 0 when nothing stands there. Changes
 /// nothing. Throws `unsafe_path` for a root that is no plain directory, an unportable name, a link
