@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "domain/json.h"
+
 namespace tavro {
 
 /// Top-level names of a data folder that belong to the player and that only `--remove-data` takes.
@@ -58,8 +60,11 @@ bool stands(const std::filesystem::path& path) noexcept;
 /// `std::filesystem::filesystem_error` when the folder cannot be listed.
 std::vector<std::filesystem::path> children(const std::filesystem::path& folder);
 
+/// The paths as UTF-8 texts.
+json path_array(const std::vector<std::filesystem::path>& paths);
+
 /// Whether a staged bootstrap update waits for the next start.
-bool bootstrap_update_pending(const std::filesystem::path& root) noexcept;
+bool bootstrap_update_pending(const std::filesystem::path& root);
 
 /// Fails with `not_installed`, which names the folder, unless `installed` holds.
 void require_installed(bool installed, const std::filesystem::path& root);

@@ -29,6 +29,9 @@ std::string utc_now();
 /// Writes the marker durably. From then on nothing starts from the folder until it is removed.
 void mark_incomplete(const DataPaths& paths);
 
+/// Removes the marker, without a sync. Throws `file_remove`.
+void clear_incomplete(const DataPaths& paths);
+
 /// Proves that the installation record is one of this version. Throws `unsupported_schema`, or what
 /// `read_file` and `parse_json` throw.
 void check_installation(const DataPaths& paths);

@@ -1,0 +1,114 @@
+#include "app/native_commit.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <string>
+#include <system_error>
+
+#include "app/brand.h"
+#include "app/installation_record.h"
+#include "domain/input.h"
+#include "domain/json_fields.h"
+#include "platform/files.h"
+#include "platform/native_files.h"
+#include "platform/tree.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// How the client reaches the repository; see `TufClient` for what reads it.
+std::string repository_record(const DataPaths& paths, const NativePackage& package) {
+  const fs::path bundle = package.ca_bundle.empty() ? fs::path() : paths.repository_ca;
+  const json record = {
+      {"schema_version", 1}, {"origin", package.origin}, {"ca_bundle", path_utf8(bundle)}};
+  return read_fields("unsafe_path",
+                     "A repository with its own certificates needs a data folder "
+                     "whose path is UTF-8 text",
+                     [&] { return record.dump(); });
+}
+
+/// One installed part: where it lives, where its replacement is staged, where the old one goes.
+struct Part {
+  fs::path live;
+  fs::path staged;
+  fs::path aside;
+};
+
+/// Two renames, and between them the part is missing: the marker covers that. The names become
+/// durable with the next document written beside them.
+void swap_part(const Part& part) {
+  if (stands(part.live)) native_files::rename_replace(part.live, part.aside);
+  native_files::rename_replace(part.staged, part.live);
+}
+
+/// What the replaced bootstrap had staged for itself must not be applied to the new one.
+void discard_bootstrap_update(const fs::path& native) {
+  for (const auto* folder : {"bootstrap-update", "bootstrap-update.partial", "bootstrap-downloads"})
+    remove_path_quietly(native / folder);
+  std::error_code ignored;
+  for (const auto* file :
+       {"bootstrap-update.json", "bootstrap-update.rejected", "bootstrap-old-files"})
+    fs::remove(native / file, ignored);
+}
+
+void commit_bootstrap(const DataPaths& paths, const NativePackage& package) {
+  swap_part({paths.bootstrap, paths.staging / "bootstrap", paths.staging / "old-bootstrap"});
+  atomic_write(paths.bootstrap_manifest, package.bootstrap_descriptor);
+  discard_bootstrap_update(paths.native);
+}
+
+void commit_icon(const DataPaths& paths, const NativePackage& package) {
+  const fs::path icon = brand_icon_path(paths.root);
+  std::error_code ignored;
+  if (package.brand_icon.empty())
+    fs::remove(icon, ignored);
+  else
+    atomic_write(icon, package.brand_icon);
+}
+
+/// A theme that the package does not have does not outlive the commit. Packages carry none yet.
+void commit_theme(const DataPaths& paths) {
+  remove_plain_tree(paths.staging / "theme");
+  remove_plain_tree(theme_directory(paths.root));
+}
+
+/// A link that stood in place of a part is ours to drop once it lies in the staging folder; the
+/// proof of the tree below would refuse it.
+void drop_links_moved_aside(const fs::path& staging) {
+  for (const auto* name : {"old-bootstrap", "old-launcher", "old-trust", "old-theme"}) {
+    const fs::path aside = staging / name;
+    std::error_code ignored;
+    if (fs::is_symlink(fs::symlink_status(aside, ignored))) fs::remove(aside, ignored);
+  }
+}
+
+}  // namespace
+
+void commit(const DataPaths& paths, const NativePackage& package, const InstallPlan& plan) {
+  const std::string repository = repository_record(paths, package);
+  mark_incomplete(paths);
+  if (plan.bootstrap) commit_bootstrap(paths, package);
+  if (plan.launcher)
+    swap_part({paths.launcher, paths.staging / "launcher-root" / "launcher",
+               paths.staging / "old-launcher"});
+  if (plan.trust) swap_part({paths.trust, paths.staging / "trust", paths.staging / "old-trust"});
+
+  // A bundle of an earlier package may stay: only what the record names is used.
+  if (!package.ca_bundle.empty()) atomic_write(paths.repository_ca, package.ca_bundle);
+  atomic_write(paths.repository, repository);
+  commit_icon(paths, package);
+  commit_theme(paths);
+
+  // The record follows all that it describes, and the marker goes last: what a crash leaves before
+  // that is unfinished, whatever it looks like.
+  write_installation(paths, package);
+  drop_links_moved_aside(paths.staging);
+  remove_plain_tree(paths.staging);
+  clear_incomplete(paths);
+  sync_directory(paths.root);
+}
+
+}  // namespace tavro
