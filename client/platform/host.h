@@ -11,6 +11,12 @@ namespace tavro::host {
 /// The system's name as it stands in texts for the user.
 std::string_view system_name() noexcept;
 
+/// A sentence with the system's name in it.
+inline std::string naming_system(std::string_view before, std::string_view after) {
+  std::string text(before);
+  return text.append(system_name()).append(after);
+}
+
 /// The identifier under which this build's platform stands in manifests.
 std::string_view platform() noexcept;
 
@@ -47,11 +53,11 @@ enum class AccessLists {
 };
 
 /// Reads every list of the node, at most 128 entries of each. Changes nothing.
-AccessLists inspect_access_lists(int descriptor, bool directory);
+AccessLists inspect_access_lists(int descriptor) noexcept;
 
 /// Takes all lists from a node, so that the mode bits alone hold. 0, or -1 with `errno` set; a file
 /// system without lists is fine.
-int clear_access_lists(int descriptor, bool directory) noexcept;
+int clear_access_lists(int descriptor) noexcept;
 
 /// A rename that fails with `EEXIST` when `to` exists. 0, or -1 with `errno` set; never done in two
 /// steps where the file system cannot do it in one.

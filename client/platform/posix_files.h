@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <filesystem>
 
 /// Work on open descriptors, and the definition of private storage: owned by the effective user; a
@@ -39,6 +41,9 @@ void require_private_path(const std::filesystem::path& path, bool directory);
 /// At most 4096 bytes and 128 components, none of them "..". Throws `unsafe_path`, `size_limit`,
 /// `permissions` or `file_sync`; ancestors created so far stay.
 void private_directory(const std::filesystem::path& path);
+
+/// Whether both results show one object: the same device, inode and file type.
+bool same_node(const struct stat& left, const struct stat& right);
 
 /// Whether the text is 1 to 4096 bytes with no NUL byte: the bound of every path of this floor.
 bool bounded_path(const std::filesystem::path& path);

@@ -30,7 +30,6 @@ class FailNthCall {
                        std::string_view only = {});
   FailNthCall(const FailNthCall&) = delete;
   FailNthCall& operator=(const FailNthCall&) = delete;
-  ~FailNthCall();
 
   /// Calls seen so far.
   int calls() const;

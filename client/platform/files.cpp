@@ -1,0 +1,242 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <optional>
+#include <string>
+#include <system_error>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "domain/relative_path.h"
+#include "domain/unique_fd.h"
+#include "platform/host.h"
+#include "platform/posix_files.h"
+#include "platform/system_calls.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int max_system_links = 16;
+
+enum class Destination { replaced, created };
+enum class Privacy { private_file, plain_file };
+enum class Durability { durable, volatile_file };
+
+/// Empty when the path cannot be examined, for whatever reason.
+std::optional<struct stat> link_status(const fs::path& path) {
+  struct stat node {};
+  if (retried([&] { return ::lstat(path.c_str(), &node); }) != 0) return std::nullopt;
+  return node;
+}
+
+/// A link that no ordinary user can have planted.
+bool is_system_link(const fs::path& path, const struct stat& node) {
+  if (!S_ISLNK(node.st_mode) || node.st_uid != 0) return false;
+  const auto holder = link_status(path.parent_path());
+  return holder && S_ISDIR(holder->st_mode) && holder->st_uid == 0 &&
+         (holder->st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+fs::path read_system_link(const fs::path& path) {
+  std::array<char, 4095> target;
+  const ssize_t size = ::readlink(path.c_str(), target.data(), target.size());
+  require(size > 0, "unsafe_path", "Cannot read a system link");
+  return std::string(target.data(), static_cast<std::size_t>(size));
+}
+
+/// One walk down the path. True when it met no system link: `path` is then the result. Otherwise
+/// `path` leads through the first one's target, and is walked again.
+bool walk_system_links(fs::path& path, int& links) {
+  const fs::path rest = path.relative_path();
+  fs::path result = path.root_path();
+  for (auto component = rest.begin(); component != rest.end(); ++component) {
+    const fs::path candidate = result / *component;
+    const auto node = link_status(candidate);
+    if (!node) return true;
+    if (!is_system_link(candidate, *node)) {
+      result = candidate;
+      continue;
+    }
+    require(++links <= max_system_links, "unsafe_path", "Too many system links in a path");
+    // An absolute target takes the place of all that stands before it.
+    result /= read_system_link(candidate);
+    while (++component != rest.end()) result /= *component;
+    path = result.lexically_normal();
+    return false;
+  }
+  return true;
+}
+
+/// Removes the temporary file of a write that did not come to its end.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(const fs::path& destination)
+      : path_(destination.native() + "." + random_id() + ".tmp") {}
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  ~TemporaryFile() {
+    if (created_) retried([&] { return system_calls().unlink(path_.c_str()); });
+  }
+
+  UniqueFd create() {
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd file(retried([&] { return system_calls().open(path_.c_str(), flags, 0600); }));
+    if (!file)
+      transaction_failure(static_cast<unsigned long>(errno),
+                          "Cannot create transaction file " + path_utf8(path_));
+    created_ = true;
+    return file;
+  }
+
+  const char* name() const { return path_.c_str(); }
+  void done() { created_ = false; }
+
+ private:
+  fs::path path_;
+  bool created_ = false;
+};
+
+/// `errno` is read before anything else can change it.
+void require_step(bool succeeded, std::string_view message) {
+  if (!succeeded) [[unlikely]]
+    transaction_failure(static_cast<unsigned long>(errno), message);
+}
+
+void write_all(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count =
+        retried([&] { return system_calls().write(file, bytes.data(), bytes.size()); });
+    if (count == 0) errno = EIO;
+    require_step(count > 0, "Cannot write transaction file");
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+void commit(const TemporaryFile& temporary, const fs::path& path, Destination destination) {
+  const auto& calls = system_calls();
+  if (destination == Destination::replaced) {
+    require_step(retried([&] { return calls.rename(temporary.name(), path.c_str()); }) == 0,
+                 "Cannot commit transaction file");
+    return;
+  }
+  require_step(retried([&] { return calls.link(temporary.name(), path.c_str()); }) == 0,
+               "Cannot create export; the destination may already exist");
+  require_step(retried([&] { return calls.unlink(temporary.name()); }) == 0,
+               "Cannot finish export transaction");
+}
+
+void atomic_file(const fs::path& path, std::string_view bytes, Destination destination,
+                 Privacy privacy, Durability durability) {
+  const fs::path parent = path.parent_path();
+  if (privacy == Privacy::private_file)
+    private_directory(parent);
+  else
+    require(fs::is_directory(parent) && !fs::is_symlink(parent), "unsafe_path",
+            "Export parent must be an existing plain directory");
+  require(!fs::is_symlink(path), "unsafe_path", "Refusing to replace a symbolic link");
+  TemporaryFile temporary(path);
+  UniqueFd file = temporary.create();
+  if (privacy == Privacy::private_file) posix_files::secure_new_private(file.get(), false);
+  write_all(file.get(), bytes);
+  // The content is on stable media before the name leads to it: the destination never holds a part.
+  if (durability == Durability::durable)
+    require_step(posix_files::sync(file.get()) == 0, "Cannot synchronize transaction file");
+  file.reset();
+  commit(temporary, path, destination);
+  if (durability == Durability::durable) sync_directory(parent);
+  temporary.done();
+}
+
+}  // namespace
+
+fs::path safe_join(const fs::path& root, std::string_view relative, bool portable) {
+  validate_relative_path(relative, portable);
+  fs::path joined = root;
+  for (std::size_t begin = 0; begin <= relative.size();) {
+    const std::size_t end = std::min(relative.find('/', begin), relative.size());
+    joined /= relative.substr(begin, end - begin);
+    require(!fs::is_symlink(joined), "unsafe_path", "Managed path contains a symbolic link");
+    begin = end + 1;
+  }
+  return joined;
+}
+
+void require_path_room(const fs::path& root, const fs::path& directory,
+                       unsigned long longest_relative) {
+  const std::size_t bound = host::longest_path();
+  if (bound == 0) return;
+  const std::size_t taken = directory.native().size() + 1;
+  require(taken <= bound && longest_relative <= bound - taken, "size_limit", [&] {
+    return "The path of " + path_utf8(root) +
+           " leaves no room for the files of this build; choose a folder with a shorter path";
+  });
+}
+
+fs::path resolve_system_links(const fs::path& path) {
+  fs::path resolved = fs::absolute(path).lexically_normal();
+  int links = 0;
+  while (!walk_system_links(resolved, links)) {
+  }
+  return resolved;
+}
+
+void private_directory(const fs::path& path) { posix_files::private_directory(path); }
+
+void sync_file(const fs::path& path) {
+  constexpr char code[] = "file_sync";
+  require(posix_files::bounded_path(path), code,
+          "File synchronization requires a bounded path without NUL bytes");
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+  const UniqueFd file(retried([&] { return system_calls().open(path.c_str(), flags, mode_t{}); }));
+  struct stat held {};
+  const bool ordinary =
+      file && ::fstat(file.get(), &held) == 0 && S_ISREG(held.st_mode) && held.st_nlink == 1;
+  require(ordinary, code, "Synchronization requires an ordinary single-link file");
+  require(posix_files::sync(file.get()) == 0, code, "Could not durably synchronize file");
+  // What was synced is now known to be what the path names.
+  const auto named = link_status(path);
+  require(named && named->st_nlink == 1 && posix_files::same_node(held, *named), code,
+          "Synchronized file path changed");
+}
+
+void sync_directory(const fs::path& path) {
+  constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  const UniqueFd directory(
+      retried([&] { return system_calls().open(path.c_str(), flags, mode_t{}); }));
+  require(bool(directory), "file_sync", "Cannot open directory for synchronization");
+  require(posix_files::sync(directory.get()) == 0, "file_sync",
+          "Could not durably synchronize directory");
+}
+
+void atomic_write(const fs::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, Destination::replaced, Privacy::private_file, Durability::durable);
+}
+
+void atomic_private_create(const fs::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, Destination::created, Privacy::private_file, Durability::durable);
+}
+
+void atomic_create(const fs::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, Destination::created, Privacy::plain_file, Durability::durable);
+}
+
+void replace_private_file(const fs::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, Destination::replaced, Privacy::private_file, Durability::volatile_file);
+}
+
+void transaction_failure(unsigned long error, std::string_view message) {
+  require(error != ENOSPC && error != EDQUOT, "insufficient_space",
+          "Local storage cannot save data; free space and try again");
+  fail("file_write", std::string(message) + " (" + std::to_string(error) + ")");
+}
+
+}  // namespace tavro

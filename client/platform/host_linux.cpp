@@ -1,0 +1,141 @@
+#include <endian.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <linux/fs.h>
+#include <linux/posix_acl.h>
+#include <linux/posix_acl_xattr.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/host.h"
+#include "platform/system_calls.h"
+
+namespace tavro::host {
+namespace {
+
+constexpr char access_list[] = "system.posix_acl_access";
+constexpr char default_list[] = "system.posix_acl_default";
+constexpr std::size_t max_entries = 128;
+
+/// An entry that names its subject, and every right that a default list hands on beyond the owner,
+/// lets somebody in; the classes of an access list are the mode bits again. The mask is no excuse:
+/// a later change of the mode lifts it.
+AccessLists judge(const posix_acl_xattr_entry& entry, bool inherited) noexcept {
+  const bool grants = le16toh(entry.e_perm) != 0;
+  switch (le16toh(entry.e_tag)) {
+    case ACL_USER_OBJ:
+    case ACL_MASK:
+      return AccessLists::nobody_else;
+    case ACL_USER:
+      return grants && le32toh(entry.e_id) != geteuid() ? AccessLists::somebody_else
+                                                        : AccessLists::nobody_else;
+    case ACL_GROUP_OBJ:
+    case ACL_OTHER:
+      return grants && inherited ? AccessLists::somebody_else : AccessLists::nobody_else;
+    case ACL_GROUP:
+      return grants ? AccessLists::somebody_else : AccessLists::nobody_else;
+    default:
+      return AccessLists::unknown_rule;
+  }
+}
+
+/// The attribute is read as the kernel gives it, since the library reaches a default list by path
+/// alone and a path can change.
+AccessLists inspect_list(int descriptor, const char* name) noexcept {
+  std::array<char, sizeof(posix_acl_xattr_header) + max_entries * sizeof(posix_acl_xattr_entry)>
+      list;
+  const ssize_t size = ::fgetxattr(descriptor, name, list.data(), list.size());
+  if (size < 0) {
+    if (errno == ENODATA || errno == EOPNOTSUPP) return AccessLists::nobody_else;
+    return errno == ERANGE ? AccessLists::beyond_bound : AccessLists::unreadable;
+  }
+  const auto length = static_cast<std::size_t>(size);
+  posix_acl_xattr_header header;
+  if (length < sizeof header || (length - sizeof header) % sizeof(posix_acl_xattr_entry) != 0)
+    return AccessLists::unreadable;
+  std::memcpy(&header, list.data(), sizeof header);
+  if (le32toh(header.a_version) != POSIX_ACL_XATTR_VERSION) return AccessLists::unreadable;
+  for (std::size_t at = sizeof header; at < length; at += sizeof(posix_acl_xattr_entry)) {
+    posix_acl_xattr_entry entry;
+    std::memcpy(&entry, list.data() + at, sizeof entry);
+    const AccessLists verdict = judge(entry, name == default_list);
+    if (verdict != AccessLists::nobody_else) return verdict;
+  }
+  return AccessLists::nobody_else;
+}
+
+int clear_list(int descriptor, const char* name) noexcept {
+  // Looking first is the cheaper call, and nearly always the only one.
+  if (::fgetxattr(descriptor, name, nullptr, 0) >= 0)
+    return retried([&] { return system_calls().fremovexattr(descriptor, name); });
+  return errno == ENODATA || errno == EOPNOTSUPP ? 0 : -1;
+}
+
+}  // namespace
+
+std::string_view system_name() noexcept { return "Linux"; }
+
+std::string_view platform() noexcept { return "linux-x86_64"; }
+
+std::size_t longest_path() noexcept { return PATH_MAX - 1; }
+
+int search_only() noexcept { return O_PATH; }
+
+std::string running_image(std::size_t max_bytes) {
+  // One byte more than allowed: a path that was cut shows itself by filling it.
+  std::string path(max_bytes + 1, '\0');
+  const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
+  const bool whole = size > 0 && static_cast<std::size_t>(size) <= max_bytes;
+  path.resize(whole ? static_cast<std::size_t>(size) : 0);
+  return path;
+}
+
+int full_sync(int descriptor) noexcept {
+  return retried([&] { return system_calls().fsync(descriptor); });
+}
+
+void begin_writeback(int descriptor) noexcept {
+  ::sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+int preallocate(int descriptor, long long length, long long size) noexcept {
+  const auto& calls = system_calls();
+  // The whole range, since blocks that a file has need not be the first ones.
+  if (retried([&] { return calls.fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size); }) == 0)
+    return 0;
+  const int error = errno;
+  static_assert(EOPNOTSUPP == ENOTSUP);
+  if (error == ENOTSUP || error == ENOSYS) return error;
+  // Some file systems keep what they got before the space ran out: setting the length anew gives
+  // back what lies beyond it.
+  retried([&] { return calls.ftruncate(descriptor, length); });
+  return error;
+}
+
+AccessLists inspect_access_lists(int descriptor) noexcept {
+  const AccessLists verdict = inspect_list(descriptor, access_list);
+  return verdict == AccessLists::nobody_else ? inspect_list(descriptor, default_list) : verdict;
+}
+
+int clear_access_lists(int descriptor) noexcept {
+  return clear_list(descriptor, access_list) == 0 ? clear_list(descriptor, default_list) : -1;
+}
+
+int rename_new(const char* from, const char* to) noexcept {
+  return retried(
+      [&] { return system_calls().renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
+}
+
+int exchange_names(int left_directory, const char* left, int right_directory,
+                   const char* right) noexcept {
+  return retried([&] {
+    return system_calls().renameat2(left_directory, left, right_directory, right, RENAME_EXCHANGE);
+  });
+}
+
+}  // namespace tavro::host

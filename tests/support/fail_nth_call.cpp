@@ -1,0 +1,139 @@
+#include "support/fail_nth_call.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <exception>
+
+#include "domain/error.h"
+
+namespace tavro {
+namespace {
+
+struct Strike {
+  int nth = 0;
+  int error = 0;
+  Fault fault = Fault::fail;
+  std::string only;
+  const SystemCalls* real = nullptr;
+  std::atomic<int> calls{0};
+  std::atomic<const char*> struck{nullptr};
+};
+Strike strike;
+
+/// Counts a call; true when it is the one, or lies behind the one that killed the process.
+bool struck_now(const char* name) {
+  if (!strike.only.empty() && strike.only != name)
+    return strike.fault == Fault::cut && strike.struck != nullptr;
+  const int call = ++strike.calls;
+  if (call == strike.nth) strike.struck = name;
+  return call == strike.nth || (strike.fault == Fault::cut && strike.nth > 0 && call > strike.nth);
+}
+
+template <typename Result, typename... Arguments>
+Result carry_out(const char* name, Result (*call)(Arguments...), Arguments... arguments) {
+  if (!struck_now(name) || strike.fault == Fault::shorten) return call(arguments...);
+  errno = strike.error;
+  return -1;
+}
+
+ssize_t striking_write(int descriptor, const void* bytes, std::size_t size) {
+  const bool already_dead = strike.struck != nullptr;
+  if (!struck_now("write")) return strike.real->write(descriptor, bytes, size);
+  const bool stores_half = strike.fault != Fault::fail && !already_dead && size > 1;
+  const ssize_t stored = stores_half ? strike.real->write(descriptor, bytes, size / 2) : 0;
+  if (strike.fault == Fault::shorten)
+    return stores_half ? stored : strike.real->write(descriptor, bytes, size);
+  errno = strike.error;
+  return -1;
+}
+
+int striking_open(const char* path, int flags, mode_t mode) {
+  if ((flags & O_CREAT) == 0) return strike.real->open(path, flags, mode);
+  return carry_out("open", strike.real->open, path, flags, mode);
+}
+
+int striking_openat(int directory, const char* name, int flags, mode_t mode) {
+  if ((flags & O_CREAT) == 0) return strike.real->openat(directory, name, flags, mode);
+  return carry_out("openat", strike.real->openat, directory, name, flags, mode);
+}
+
+#define TAVRO_STRIKING(name) \
+  .name = [](auto... arguments) { return carry_out(#name, strike.real->name, arguments...); }
+
+constexpr SystemCalls striking_calls{
+    .open = striking_open,
+    .openat = striking_openat,
+    .write = striking_write,
+    TAVRO_STRIKING(fsync),
+    TAVRO_STRIKING(fdatasync),
+    TAVRO_STRIKING(rename),
+    TAVRO_STRIKING(renameat),
+    TAVRO_STRIKING(renameat2),
+    TAVRO_STRIKING(link),
+    TAVRO_STRIKING(unlink),
+    TAVRO_STRIKING(unlinkat),
+    TAVRO_STRIKING(rmdir),
+    TAVRO_STRIKING(mkdir),
+    TAVRO_STRIKING(mkdirat),
+    TAVRO_STRIKING(fchmod),
+    TAVRO_STRIKING(ftruncate),
+    TAVRO_STRIKING(fallocate),
+    TAVRO_STRIKING(fremovexattr),
+    TAVRO_STRIKING(flock),
+};
+#undef TAVRO_STRIKING
+
+const SystemCalls& armed(int nth, int error, Fault fault, std::string_view only) {
+  strike.nth = nth;
+  strike.error = error;
+  strike.fault = fault;
+  strike.only = only;
+  strike.real = &system_calls();
+  strike.calls = 0;
+  strike.struck = nullptr;
+  return striking_calls;
+}
+
+}  // namespace
+
+FailNthCall::FailNthCall(int nth, int error, Fault fault, std::string_view only)
+    : scope_(armed(nth, error, fault, only)) {}
+
+int FailNthCall::calls() const { return strike.calls; }
+
+std::string FailNthCall::struck_call() const {
+  const char* name = strike.struck;
+  return name == nullptr ? "" : name;
+}
+
+int strike_each_call(Fault fault, int error, const std::function<void()>& prepare,
+                     const std::function<void()>& work,
+                     const std::function<void(const Stop&)>& check) {
+  constexpr int most_rounds = 10000;
+  for (int nth = 1; nth <= most_rounds; ++nth) {
+    prepare();
+    Stop stop{.nth = nth, .call = {}, .code = {}};
+    {
+      const FailNthCall striking(nth, error, fault);
+      try {
+        work();
+      } catch (const Error& failure) {
+        stop.code = failure.code;
+      } catch (const std::exception& failure) {
+        stop.code = failure.what();
+      }
+      stop.call = striking.struck_call();
+    }
+    SCOPED_TRACE("call " + std::to_string(nth) + " " + stop.call + ": " + stop.code);
+    check(stop);
+    if (!stop.call.empty()) continue;
+    EXPECT_EQ(stop.code, "");
+    return nth - 1;
+  }
+  ADD_FAILURE() << "The operation never completes";
+  return most_rounds;
+}
+
+}  // namespace tavro
