@@ -14,6 +14,7 @@
 
 #include "platform/host.h"
 #include "platform/system_calls.h"
+#include "platform/uninstall_entry.h"
 
 namespace tavro::host {
 namespace {
@@ -139,3 +140,12 @@ int exchange_names(int left_directory, const char* left, int right_directory,
 }
 
 }  // namespace tavro::host
+
+namespace tavro {
+
+// There is no list of installed programs for one user here: programs are known by desktop entries.
+void register_uninstall_entry(const UninstallEntry&) {}
+
+void remove_uninstall_entry(std::string_view) {}
+
+}  // namespace tavro
