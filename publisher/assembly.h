@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <string>
 #include <string_view>
 
 namespace tavro {
@@ -39,7 +38,7 @@ class Assembly {
  private:
   std::filesystem::path place_;
   std::filesystem::path folder_;
-  std::string guard_;
+  std::filesystem::path guard_;
   bool published_ = false;
 };
 

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "domain/json.h"
-#include "platform/unique_fd.h"
+#include "domain/unique_fd.h"
 
 namespace tavro {
 
@@ -25,10 +25,17 @@ class OutputFile {
   /// Syncs the file. Its name is durable once the caller has synced the folder.
   void finish();
 
+  /// Syncs the file and gives it another name, where nothing may stand (`file_exists`); the name it
+  /// was written under goes.
+  void finish_as(const std::filesystem::path& path);
+
  private:
+  void sync();
+
   std::filesystem::path path_;
   UniqueFd file_;
   unsigned long long written_ = 0;
+  bool kept_ = false;
 };
 
 /// Throws `file_exists` when anything stands at the path, a dangling link included.

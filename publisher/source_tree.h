@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "domain/json.h"
-#include "platform/unique_fd.h"
+#include "domain/unique_fd.h"
 
 namespace tavro {
 
@@ -35,7 +35,6 @@ class SourceTree {
 
  private:
   std::filesystem::path folder_;
-  UniqueFd root_;
   std::vector<SourceFile> files_;
   unsigned long long expanded_length_ = 0;
 };

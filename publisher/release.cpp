@@ -1,0 +1,138 @@
+#include "publisher/release.h"
+
+#include <nlohmann/json.hpp>
+
+#include "app/package_descriptor.h"
+#include "domain/bootstrap_contract.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "domain/launcher_contract.h"
+#include "platform/files.h"
+#include "platform/snapshot.h"
+#include "platform/tree.h"
+#include "publisher/assembly.h"
+#include "publisher/output.h"
+
+namespace tavro {
+namespace {
+
+/// A snapshot of 100000 files with long paths stays below this.
+constexpr unsigned long long snapshot_document_bytes = 512ULL << 20;
+
+std::string_view kind_name(ReleaseKind kind) {
+  if (kind == ReleaseKind::launcher) return "launcher";
+  return kind == ReleaseKind::bootstrap ? "bootstrap" : "snapshot";
+}
+
+unsigned long long manifest_bound(ReleaseKind kind) {
+  return kind == ReleaseKind::snapshot ? snapshot_document_bytes : package_document_bytes;
+}
+
+std::string manifest_name(ReleaseKind kind, const std::string& platform) {
+  if (kind == ReleaseKind::launcher) return launcher_manifest_target(platform);
+  if (kind == ReleaseKind::bootstrap) return "bootstrap-" + platform + ".manifest.json";
+  return "snapshot.manifest.json";
+}
+
+std::string_view guard_name(ReleaseKind kind) {
+  return kind == ReleaseKind::launcher ? launcher_package_guard : native_bundle_guard;
+}
+
+std::string file_name(std::string_view target) {
+  return std::string(target.substr(target.rfind('/') + 1));
+}
+
+json document_of(const ReleaseRequest& request, const SourceTree& tree,
+                 const SnapshotIdentity& identity, const ArchiveFigures& figures) {
+  json snapshot = snapshot_document(tree, identity, figures);
+  if (request.kind == ReleaseKind::launcher)
+    return launcher_document(std::move(snapshot), request.contract);
+  return request.kind == ReleaseKind::bootstrap ? bootstrap_document(std::move(snapshot))
+                                                : snapshot;
+}
+
+SnapshotManifest parse_manifest(ReleaseKind kind, const json& document) {
+  if (kind == ReleaseKind::launcher) return LauncherManifest::parse(document);
+  SnapshotManifest manifest = SnapshotManifest::parse(document);
+  if (kind == ReleaseKind::bootstrap) validate_bootstrap_contract(manifest);
+  return manifest;
+}
+
+/// What a client will say of the finished document, said before the archive is made.
+void check_before_packing(ReleaseKind kind, const json& document) {
+  parse_manifest(kind, document);
+  const std::size_t bytes = document_text(document).size();
+  // The archive's length is still to come and may add a few digits.
+  require(bytes + 16 <= manifest_bound(kind), "size_limit", [&] {
+    return "The manifest would exceed " + std::to_string(manifest_bound(kind)) +
+           " bytes; pack fewer files";
+  });
+}
+
+/// Does with the archive what a client does, below the guard of the unfinished folder.
+void check_archive(const SnapshotManifest& manifest, const Assembly& assembly,
+                   const std::filesystem::path& archive, const Progress& progress) {
+  const std::filesystem::path tree = assembly.folder() / "check";
+  extract_snapshot(manifest, archive, tree, progress);
+  remove_plain_tree(tree);
+}
+
+Release read_folder(ReleaseKind kind, const std::filesystem::path& folder,
+                    const std::filesystem::path& manifest_path) {
+  const std::string bytes = read_file(manifest_path, manifest_bound(kind));
+  const SnapshotManifest manifest = parse_manifest(kind, parse_json(bytes, manifest_bound(kind)));
+  return {manifest_path, folder / file_name(manifest.archive_target), bytes, manifest.build_id};
+}
+
+}  // namespace
+
+std::string default_archive_target(ReleaseKind kind, const SnapshotIdentity& identity) {
+  return std::string(kind_name(kind)) + '-' + identity.platform + '-' + identity.build_id +
+         ".tar.zst";
+}
+
+Release make_release(const ReleaseRequest& request, const Progress& progress) {
+  SnapshotIdentity identity = request.identity;
+  if (identity.archive_target.empty())
+    identity.archive_target = default_archive_target(request.kind, identity);
+  if (request.kind == ReleaseKind::bootstrap)
+    identity.executable = bootstrap_entry_point(identity.platform);
+  const SourceTree tree(request.folder);
+  check_before_packing(request.kind,
+                       document_of(request, tree, identity, provisional_figures(tree)));
+
+  Assembly assembly(request.out, guard_name(request.kind));
+  const std::string archive_name = file_name(identity.archive_target);
+  const std::string manifest_file = manifest_name(request.kind, identity.platform);
+  require(archive_name != manifest_file, "usage",
+          "The archive needs another name than its manifest");
+  const std::filesystem::path archive = assembly.folder() / archive_name;
+  const ArchiveFigures figures = write_archive(tree, archive, request.archive, progress);
+  const json document = document_of(request, tree, identity, figures);
+  check_archive(parse_manifest(request.kind, document), assembly, archive, progress);
+  create_document(assembly.folder() / manifest_file, document_text(document));
+  assembly.publish([&](const std::filesystem::path& folder) {
+    read_folder(request.kind, folder, folder / manifest_file);
+  });
+  return read_folder(request.kind, assembly.place(), assembly.place() / manifest_file);
+}
+
+Release read_release(ReleaseKind kind, const std::filesystem::path& folder) {
+  const auto invalid = [&](std::string_view what) {
+    return "Not a " + std::string(kind_name(kind)) + " release (" + std::string(what) +
+           "): " + path_utf8(folder);
+  };
+  require(std::filesystem::is_directory(folder), "invalid_release",
+          [&] { return invalid("no such folder"); });
+  std::vector<std::filesystem::path> manifests;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string name = path_utf8(entry.path().filename());
+    require(!is_package_guard(name), "invalid_release", [&] { return invalid("unfinished"); });
+    if (name.starts_with(kind_name(kind)) && name.ends_with(".manifest.json"))
+      manifests.push_back(entry.path());
+  }
+  require(manifests.size() == 1, "invalid_release", [&] { return invalid("needs one manifest"); });
+  return read_folder(kind, folder, manifests.front());
+}
+
+}  // namespace tavro

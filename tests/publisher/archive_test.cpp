@@ -1,0 +1,145 @@
+#include "publisher/archive.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <zstd.h>
+
+#include <fstream>
+#include <functional>
+
+#include "domain/crypto.h"
+#include "domain/input.h"
+#include "publisher/assembly.h"
+#include "support/failure.h"
+#include "support/temp_folder.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+void put(const fs::path& path, std::string_view bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+class Archive : public testing::Test {
+ protected:
+  ArchiveFigures pack(const std::string& name, const ArchiveOptions& options = {1, 1}) const {
+    return write_archive(SourceTree(tree), temp.path() / name, options, {});
+  }
+
+  TempFolder temp;
+  fs::path tree = temp.path() / "tree";
+};
+
+TEST_F(Archive, SameTreeGivesSameBytesWhateverTheClockTheModesAndTheThreads) {
+  std::string noise(5 << 20, '\0');
+  unsigned state = 1;
+  for (char& c : noise) c = static_cast<char>((state = state * 1664525U + 1013904223U) >> 24);
+  put(tree / "z/last.bin", noise);
+  put(tree / "a-first", "1");
+  put(tree / "a/second", "2");
+  const ArchiveFigures one = pack("one", {1, 1});
+  fs::last_write_time(tree / "a/second", fs::file_time_type::clock::now() - std::chrono::hours(9));
+  fs::permissions(tree / "a-first", fs::perms::owner_read);
+  const ArchiveFigures two = pack("two", {1, 3});
+  EXPECT_EQ(one.sha256, two.sha256);
+  EXPECT_EQ(one.length, fs::file_size(temp.path() / "one"));
+  EXPECT_EQ(digest_file(temp.path() / "one", "sha256"), one.sha256);
+  EXPECT_EQ(one.file_sha256.at(0), digest("1", "sha256"));
+}
+
+TEST_F(Archive, HoldsFilesInByteOrderWithoutOwnersAndTimes) {
+  const std::string long_name(120, 'n');
+  put(tree / long_name / long_name, "content");
+  put(tree / "b", "");
+  fs::permissions(tree / "b", fs::perms::owner_exec, fs::perm_options::add);
+  pack("archive");
+  const std::string packed = read_file(temp.path() / "archive", 1 << 20);
+  std::string tar(1 << 20, '\0');
+  const std::size_t size = ZSTD_decompress(tar.data(), tar.size(), packed.data(), packed.size());
+  // One old header; one extended header with its record, the old header behind it, one block of
+  // content; two blocks at the end.
+  ASSERT_EQ(size, (1U + 3U + 1U + 2U) * 512U);
+  const auto field = [&](std::size_t block, std::size_t at, std::size_t length) {
+    return std::string(tar.substr(block * 512 + at, length).c_str());
+  };
+  EXPECT_EQ(field(0, 0, 100), "b");
+  EXPECT_EQ(field(0, 100, 8), "000755 ");
+  for (const std::size_t block : {0, 1, 3}) {
+    EXPECT_EQ(field(block, 108, 16), "000000 ") << block;
+    EXPECT_EQ(field(block, 136, 12), "00000000000 ") << block;
+    EXPECT_EQ(field(block, 265, 64), "") << block;
+  }
+  EXPECT_EQ(field(3, 100, 8), "000644 ");
+}
+
+struct Unpackable {
+  const char* name;
+  std::function<void(const fs::path&)> make;
+  const char* message;
+};
+
+class SourceTreeRefuses : public testing::TestWithParam<Unpackable> {};
+
+TEST_P(SourceTreeRefuses, AndNamesTheFile) {
+  const TempFolder temp;
+  const fs::path tree = temp.path() / "tree";
+  put(tree / "file", "1");
+  GetParam().make(tree);
+  EXPECT_EQ(failure_of([&] { SourceTree{tree}; }),
+            std::string("unsafe_source: Cannot pack ") + GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sources, SourceTreeRefuses,
+    testing::Values(
+        Unpackable{"link", [](const fs::path& tree) { fs::create_symlink("file", tree / "link"); },
+                   "link: only ordinary files and folders can be packed"},
+        Unpackable{"fifo", [](const fs::path& tree) { ::mkfifo((tree / "pipe").c_str(), 0600); },
+                   "pipe: only ordinary files and folders can be packed"},
+        Unpackable{"empty_folder",
+                   [](const fs::path& tree) { fs::create_directories(tree / "a/b"); },
+                   "a/b: the folder holds no files and would be lost"},
+        Unpackable{"reserved", [](const fs::path& tree) { put(tree / "con.txt", ""); },
+                   "con.txt: Path uses a reserved platform name"},
+        Unpackable{"not_ascii", [](const fs::path& tree) { put(tree / "\xc3\xa9", ""); },
+                   "\xc3\xa9: file paths must be ASCII"},
+        Unpackable{"unfinished",
+                   [](const fs::path& tree) { put(tree / "a" / launcher_package_guard, ""); },
+                   "a/.tavro-launcher-package-incomplete.json: the folder is still being "
+                   "assembled"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Archive, FileThatChangesIsRefusedAndLeavesNoArchive) {
+  put(tree / "a", std::string(200000, 'a'));
+  put(tree / "b", "b");
+  const SourceTree source(tree);
+  const auto packed_while = [&](const std::function<void()>& change) {
+    return code_of([&] {
+      write_archive(source, temp.path() / "archive", {1, 1}, [&](auto done, auto) {
+        if (done == 65536) change();
+        return true;
+      });
+    });
+  };
+  EXPECT_EQ(packed_while([&] { put(tree / "b", "bb"); }), "source_changed");
+  put(tree / "b", "b");
+  EXPECT_EQ(packed_while([&] { put(tree / "a", std::string(200000, 'b')); }), "source_changed");
+  EXPECT_EQ(packed_while([&] { fs::resize_file(tree / "a", 300000); }), "source_changed");
+  EXPECT_FALSE(fs::exists(temp.path() / "archive"));
+}
+
+TEST_F(Archive, CancellingLeavesNoArchive) {
+  put(tree / "a", "a");
+  EXPECT_EQ(code_of([&] {
+              write_archive(SourceTree(tree), temp.path() / "archive", {1, 1},
+                            [](auto, auto) { return false; });
+            }),
+            "cancelled");
+  EXPECT_FALSE(fs::exists(temp.path() / "archive"));
+}
+
+}  // namespace
+}  // namespace tavro

@@ -1,0 +1,232 @@
+#include "publisher/package.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <functional>
+
+#include "domain/input.h"
+#include "platform/native_platform.h"
+#include "publisher/assembly.h"
+#include "publisher/output.h"
+#include "publisher/release.h"
+#include "publisher/root_metadata.h"
+#include "support/fail_nth_call.h"
+#include "support/failure.h"
+#include "support/sealed_package.h"
+#include "support/temp_folder.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+void put(const fs::path& path, std::string_view bytes, bool executable = false) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  if (executable) fs::permissions(path, fs::perms::owner_exec, fs::perm_options::add);
+}
+
+std::vector<std::string> names_in(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::ranges::sort(names);
+  return names;
+}
+
+/// A launcher, a bootstrap and a root, and the request that makes a package of them.
+class Publishing : public testing::Test {
+ protected:
+  Publishing() {
+    put(home / "launcher-tree/bin/cli", "cli", true);
+    put(home / "launcher-tree/bin/gui", "gui", true);
+    put(home / "launcher-tree/data/art.bin", std::string(100000, 'a'));
+    put(home / "bootstrap-tree/bin/tavro-bootstrap", "bootstrap", true);
+    fs::create_directory(home / "out");
+    launcher.identity.executable = "bin/cli";
+    launcher.contract.gui_executable = "bin/gui";
+    for (ReleaseRequest* release : {&launcher, &bootstrap}) {
+      release->identity.build_id = "1.0.0";
+      release->identity.platform = native_platform();
+      release->archive = {1, 1};
+    }
+    request.out = home / "out/package";
+    request.platform = native_platform();
+    request.origin = "https://repository.example";
+    request.root = home / "root.json";
+    request.bootstrap = bootstrap.out;
+    request.launcher = launcher.out;
+    write_root("2099-01-01T00:00:00Z");
+  }
+
+  void write_root(const std::string& expires) const {
+    RootRequest root;
+    root.expires = expires;
+    root.root.records = root.timestamp.records = root.snapshot.records =
+        root.targets.records = {key.record()};
+    put(request.root, sign_metadata(root_body(root), {&key}).dump());
+  }
+
+  void make_releases() const {
+    make_release(launcher, {});
+    make_release(bootstrap, {});
+  }
+
+  TempFolder temp;
+  fs::path home = temp.path();
+  SigningKey key = SigningKey::generate(KeyType::ed25519);
+  ReleaseRequest launcher{
+      ReleaseKind::launcher, home / "launcher-tree", home / "launcher", {}, {}, {}};
+  ReleaseRequest bootstrap{
+      ReleaseKind::bootstrap, home / "bootstrap-tree", home / "bootstrap", {}, {}, {}};
+  PackageRequest request;
+};
+
+TEST_F(Publishing, MakesReleasesAndAPackageThatTheInstallerReads) {
+  make_releases();
+  const std::string platform(native_platform());
+  EXPECT_EQ(names_in(launcher.out),
+            (std::vector<std::string>{"launcher-" + platform + "-1.0.0.tar.zst",
+                                      "launcher-" + platform + ".manifest.json"}));
+  put(home / "brand.ico", sample_icon());
+  put(home / "ca.pem", "certificates");
+  request.brand = Brand{"Acme Play", "acme", "Acme", false};
+  request.icon = home / "brand.ico";
+  request.ca_bundle = home / "ca.pem";
+  request.featured_game = FeaturedGame{"quest", "The Quest"};
+  const std::string seal = assemble_package(request, {});
+  const NativePackage package = read_native_package(request.out, seal);
+  EXPECT_EQ(package.launcher.gui_executable, "bin/gui");
+  EXPECT_EQ(package.brand.value().name, "Acme Play");
+  EXPECT_EQ(package.brand_icon, sample_icon());
+  EXPECT_EQ(package.ca_bundle, "certificates");
+  EXPECT_EQ(package.featured_game.value().id, "quest");
+  EXPECT_EQ(names_in(home / "out"), std::vector<std::string>{"package"});
+
+  request.out = home / "out/again";
+  EXPECT_EQ(assemble_package(request, {}), seal);
+}
+
+TEST_F(Publishing, ReleaseThatAClientWouldRefuseIsRefusedBeforeItIsPacked) {
+  launcher.out = home / "out/launcher";
+  put(home / "launcher-tree/bin/extra", "undeclared", true);
+  EXPECT_EQ(failure_of([&] { make_release(launcher, {}); }),
+            "launcher_incompatible: Every native helper needs declared lifetime ownership");
+  fs::remove(home / "launcher-tree/bin/extra");
+  // Not before packing, but still before anything appears: the volume of text is known only then.
+  launcher.identity.archive_target = "../escape.tar.zst";
+  EXPECT_EQ(code_of([&] { make_release(launcher, {}); }), "unsafe_path");
+  EXPECT_EQ(names_in(home / "out"), std::vector<std::string>{});
+}
+
+struct BadPackage {
+  const char* name;
+  std::function<void(const fs::path& home, PackageRequest& request)> spoil;
+  const char* code;
+};
+
+class PackageRefuses : public Publishing, public testing::WithParamInterface<BadPackage> {};
+
+TEST_P(PackageRefuses, AndLeavesNothing) {
+  make_releases();
+  GetParam().spoil(home, request);
+  const std::vector<std::string> before = names_in(home / "out");
+  EXPECT_EQ(code_of([&] { assemble_package(request, {}); }), GetParam().code);
+  EXPECT_EQ(names_in(home / "out"), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Packages, PackageRefuses,
+    testing::Values(
+        BadPackage{"origin_with_slash", [](auto&, auto& r) { r.origin += "/"; }, "invalid_origin"},
+        BadPackage{"plain_http", [](auto&, auto& r) { r.origin = "http://repository.example"; },
+                   "https_required"},
+        BadPackage{"no_icon_file",
+                   [](auto& home, auto& r) {
+                     put(home / "brand.ico", "not an icon, though long enough");
+                     r.brand = Brand{"Acme", "acme", "Acme", true};
+                     r.icon = home / "brand.ico";
+                   },
+                   "invalid_native_package"},
+        BadPackage{"brand_name_not_utf8",
+                   [](auto&, auto& r) {
+                     r.brand = Brand{"\xff", "acme", "Acme", false};
+                   },
+                   "invalid_text"},
+        BadPackage{"damaged_root", [](auto&, auto& r) { put(r.root, "{}"); },
+                   "invalid_native_package"},
+        BadPackage{"archive_changed_since",
+                   [](auto&, auto& r) {
+                     const Release release = read_release(ReleaseKind::launcher, r.launcher);
+                     std::fstream file(release.archive,
+                                       std::ios::in | std::ios::out | std::ios::binary);
+                     file.seekp(40) << "!!!!";
+                   },
+                   "content_mismatch"},
+        BadPackage{"unfinished_release",
+                   [](auto&, auto& r) { put(r.launcher / launcher_package_guard, "{}"); },
+                   "invalid_release"},
+        BadPackage{"releases_swapped", [](auto&, auto& r) { std::swap(r.launcher, r.bootstrap); },
+                   "invalid_release"},
+        BadPackage{"something_stands_there", [](auto&, auto& r) { put(r.out / "mine", "kept"); },
+                   "file_exists"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Publishing, ExpiredRootAndSharedNamesAreRefused) {
+  launcher.identity.archive_target = bootstrap.identity.archive_target = "a/same.tar.zst";
+  make_releases();
+  EXPECT_EQ(failure_of([&] { assemble_package(request, {}); }),
+            "invalid_package: Two files of the package would be called same.tar.zst");
+  fs::remove_all(launcher.out);
+  launcher.identity.archive_target.clear();
+  fs::remove_all(bootstrap.out);
+  bootstrap.identity.archive_target.clear();
+  make_releases();
+  write_root("2001-01-01T00:00:00Z");
+  EXPECT_EQ(code_of([&] { assemble_package(request, {}); }), "expired_metadata");
+}
+
+TEST_F(Publishing, GuardStandsFromTheFirstByteToTheLast) {
+  make_releases();
+  bool guarded = false;
+  assemble_package(request, [&](auto done, auto total) {
+    for (const auto& entry : fs::directory_iterator(home / "out")) {
+      if (done == total) return true;
+      guarded = code_of([&] { require_complete_native_install_image(entry.path() / "a/image"); }) ==
+                "native_install_incomplete";
+    }
+    return true;
+  });
+  EXPECT_TRUE(guarded);
+  EXPECT_EQ(code_of([&] { require_complete_native_install_image(request.out / "a/image"); }), "");
+}
+
+class EachCall : public Publishing, public testing::WithParamInterface<Fault> {};
+
+TEST_P(EachCall, GivesTheWholePackageOrNone) {
+  make_releases();
+  const std::string seal = plan_package(request).seal;
+  const int rounds = strike_each_call(
+      GetParam(), ENOSPC,
+      [&] {
+        fs::remove_all(home / "out");
+        fs::create_directory(home / "out");
+      },
+      [&] { EXPECT_EQ(assemble_package(request, {}), seal); },
+      [&](const Stop& stop) {
+        SCOPED_TRACE(stop.call + " " + std::to_string(stop.nth));
+        if (fs::exists(request.out)) read_native_package(request.out, seal);
+        for (const std::string& name : names_in(home / "out"))
+          EXPECT_TRUE(name == "package" || GetParam() == Fault::cut) << name;
+        const bool told = !stop.code.empty();
+        EXPECT_EQ(told, !stop.call.empty() && GetParam() != Fault::shorten) << stop.code;
+      });
+  EXPECT_GT(rounds, 20);
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, EachCall,
+                         testing::Values(Fault::fail, Fault::cut, Fault::shorten));
+
+}  // namespace
+}  // namespace tavro

@@ -1,0 +1,199 @@
+#include "support/sealed_package.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <vector>
+
+#include "app/package_descriptor.h"
+#include "domain/crypto.h"
+#include "platform/native_platform.h"
+#include "publisher/archive.h"
+#include "publisher/descriptors.h"
+#include "publisher/package.h"
+#include "publisher/root_metadata.h"
+#include "publisher/source_tree.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+void write_plain(const fs::path& path, std::string_view bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+  out.close();
+  if (!out) throw std::runtime_error("Cannot write " + path.string());
+}
+
+std::string read_plain(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("Cannot read " + path.string());
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void make_executable(const fs::path& path) {
+  fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                            fs::perms::others_read | fs::perms::others_exec);
+}
+
+void put_image(const fs::path& path, const fs::path& image) {
+  fs::create_directories(path.parent_path());
+  if (image.empty())
+    write_plain(path, "#!/bin/sh\necho " + path.filename().string() + "\n");
+  else
+    fs::copy_file(image, path);
+  make_executable(path);
+}
+
+/// Half of it is noise, so that a compressed file is neither tiny nor as large as the plain one.
+std::string bulk(std::size_t bytes, std::uint64_t seed) {
+  std::string text(bytes, 'x');
+  for (std::size_t i = 0; i < bytes; i += 2) {
+    seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+    text[i] = static_cast<char>(seed >> 56);
+  }
+  return text;
+}
+
+void put_bulk(const fs::path& tree, std::size_t files, std::size_t bytes) {
+  for (std::size_t i = 0; i < files; ++i)
+    write_plain(tree / "share" / ("part-" + std::to_string(i / 100)) /
+                    ("file-" + std::to_string(i) + ".bin"),
+                bulk(bytes, i + 1));
+}
+
+/// A release folder, without the reading back that the publisher adds.
+void release(const fs::path& tree, const fs::path& folder, SnapshotIdentity identity,
+             const std::string& name, const LauncherContract* launcher) {
+  fs::create_directories(folder);
+  identity.archive_target = name + ".tar.zst";
+  const SourceTree source(tree);
+  const ArchiveFigures figures =
+      write_archive(source, folder / identity.archive_target, {1, 1}, {});
+  const json snapshot = snapshot_document(source, identity, figures);
+  const json document =
+      launcher != nullptr ? launcher_document(snapshot, *launcher) : bootstrap_document(snapshot);
+  write_plain(folder / (name + ".manifest.json"), document.dump());
+}
+
+json root_for(const SealedPackage& package, const std::string& expires,
+              unsigned long long version) {
+  RootRequest request;
+  request.version = version;
+  request.expires = expires;
+  request.root.records = {package.root_key.record()};
+  request.targets.records = {package.targets_key.record()};
+  request.snapshot.records = {package.snapshot_key.record()};
+  request.timestamp.records = {package.timestamp_key.record()};
+  return sign_metadata(root_body(request), {&package.root_key});
+}
+
+/// Where a descriptor keeps the entry of a resource.
+json& resource_entry(json& descriptor, std::string_view resource) {
+  if (resource == "icon") return descriptor.at("brand").at("icon");
+  return descriptor.at(std::string(resource));
+}
+
+void write_package(const PackagePlan& plan, const fs::path& folder) {
+  fs::create_directories(folder);
+  for (const auto& [name, bytes] : plan.documents) write_plain(folder / name, bytes);
+  for (const auto& [name, source] : plan.archives) fs::rename(source, folder / name);
+}
+
+}  // namespace
+
+std::string sample_icon() { return std::string("\0\0\1\0\1\0", 6) + std::string(16, '\0'); }
+
+SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& options)
+    : folder(where / "package"),
+      bootstrap_tree(where / "bootstrap-tree"),
+      launcher_tree(where / "launcher-tree"),
+      root_key(SigningKey::generate(KeyType::ed25519)),
+      targets_key(SigningKey::generate(KeyType::ed25519)),
+      snapshot_key(SigningKey::generate(KeyType::ed25519)),
+      timestamp_key(SigningKey::generate(KeyType::ed25519)) {
+  const std::string platform =
+      options.platform.empty() ? std::string(native_platform()) : options.platform;
+  put_image(bootstrap_tree / "bin/tavro-bootstrap", options.bootstrap_image);
+  put_bulk(bootstrap_tree, options.bootstrap_files, options.file_bytes);
+  put_image(launcher_tree / "bin/launcher", options.launcher_image);
+  put_image(launcher_tree / "bin/launcher-gui", options.launcher_gui_image);
+  put_image(launcher_tree / "bin/launcher-maintenance", options.maintenance_image);
+  put_bulk(launcher_tree, options.launcher_files, options.file_bytes);
+
+  const fs::path releases = where / "releases";
+  release(bootstrap_tree, releases / "bootstrap",
+          {options.bootstrap_build, platform, "bin/tavro-bootstrap", {}}, "bootstrap", nullptr);
+  const LauncherContract contract{"bin/launcher-gui",
+                                  {{"bin/launcher-maintenance", "maintenance"}}};
+  release(launcher_tree, releases / "launcher",
+          {options.launcher_build, platform, "bin/launcher", {}}, "launcher", &contract);
+
+  PackageRequest request;
+  request.platform = platform;
+  request.origin = options.origin;
+  request.root = releases / "root.json";
+  request.bootstrap = releases / "bootstrap";
+  request.launcher = releases / "launcher";
+  request.brand = options.brand;
+  request.featured_game = options.featured_game;
+  write_plain(request.root, root_for(*this, options.root_expires, 1).dump());
+  if (!options.icon.empty()) {
+    request.icon = releases / "brand.ico";
+    write_plain(request.icon, options.icon);
+  }
+  if (!options.ca_bundle.empty()) {
+    request.ca_bundle = releases / "ca-bundle.pem";
+    write_plain(request.ca_bundle, options.ca_bundle);
+  }
+  const PackagePlan plan = plan_package(request);
+  write_package(plan, folder);
+  seal = plan.seal;
+  fs::remove_all(releases);
+}
+
+fs::path SealedPackage::path(std::string_view resource) const {
+  if (resource == "descriptor") return folder / package_descriptor_name;
+  if (resource == "bootstrap_archive") return folder / "bootstrap.tar.zst";
+  if (resource == "launcher_archive") return folder / "launcher.tar.zst";
+  json document = descriptor();
+  return folder / resource_entry(document, resource).at("path").get<std::string>();
+}
+
+json SealedPackage::descriptor() const { return json::parse(read_plain(path("descriptor"))); }
+
+void SealedPackage::edit_descriptor(const std::function<void(json&)>& change) {
+  json document = descriptor();
+  change(document);
+  const std::string bytes = document.dump();
+  write_plain(path("descriptor"), bytes);
+  seal = digest(bytes, "sha256");
+}
+
+void SealedPackage::replace_resource(std::string_view resource, std::string_view bytes) {
+  write_plain(path(resource), bytes);
+  edit_descriptor([&](json& document) {
+    json& entry = resource_entry(document, resource);
+    entry["sha256"] = digest(bytes, "sha256");
+    entry["length"] = bytes.size();
+  });
+}
+
+void SealedPackage::edit_manifest(std::string_view resource,
+                                  const std::function<void(json&)>& change) {
+  json manifest = json::parse(read_plain(path(resource)));
+  change(manifest);
+  replace_resource(resource, manifest.dump());
+}
+
+std::string SealedPackage::signed_root(const std::string& expires,
+                                       unsigned long long version) const {
+  return root_for(*this, expires, version).dump();
+}
+
+}  // namespace tavro
