@@ -1,0 +1,50 @@
+#include "domain/json.h"
+
+#include "domain/documents.h"
+
+namespace tavro {
+namespace {
+
+std::string nested(std::size_t depth, const std::string& inside) {
+  return std::string(depth, '[') + inside + std::string(depth, ']');
+}
+
+TEST(Json, AcceptsStrictDocumentsAndWritesThemInOneForm) {
+  const std::pair<std::string, std::string> rows[] = {
+      {R"({ "b" : [1, true, null], "a" : "x\"y" })", R"({"a":"x\"y","b":[1,true,null]})"},
+      {R"({"a":{"a":1},"b":{"a":[{"a":2}]}})", R"({"a":{"a":1},"b":{"a":[{"a":2}]}})"},
+      {R"("a\nb\\\u00e9")", "\"a\nb\\\\\xc3\xa9\""},
+      {"{\"\xc3\xa9\":1,\"z\":2,\"Z\":3}", "{\"Z\":3,\"z\":2,\"\xc3\xa9\":1}"},
+      {" [ 18446744073709551615, -0, {} ] ", "[18446744073709551615,0,{}]"},
+      {nested(64, "-9223372036854775808"), nested(64, "-9223372036854775808")},
+      {nested(65, ""), nested(65, "")}};
+  for (const auto& [text, canonical] : rows)
+    EXPECT_EQ(canonical_json(parse_json(text, text.size())), canonical) << text;
+}
+
+TEST(Json, RefusesWhatProtocolDataMayNotHold) {
+  const Answers answers = {
+      {"duplicate_key", {R"({"a":1,"\u0061":2})", R"([{"x":{"b":1,"c":[{}],"b":2}}])"}},
+      {"invalid_number", {"1.0", "[1e3]", "18446744073709551616"}},
+      {"invalid_json", {"1e999", "{} x", "[1,]", "[1] // no", "\"\xff\"", "", "["}},
+      {"depth_limit", {nested(65, "1"), nested(64, "{\"a\":1}"), nested(100000, "")}}};
+  expect_answers(answers, [](const std::string& text) { parse_json(text, text.size()); });
+  EXPECT_EQ(code_of([] { parse_json("!!!", 2); }), "size_limit");
+  for (const json& value : {json(1.0), json::binary({1})})
+    EXPECT_EQ(code_of([&] { canonical_json(json::array({value})); }), "invalid_number");
+}
+
+TEST(Json, TakesNothingElseForAnInteger) {
+  EXPECT_EQ(positive_version(json(1)), 1u);
+  EXPECT_EQ(positive_version(json(~0ull)), ~0ull);
+  expect_answers({{"must be positive", {"0"}}, {"a positive integer", {"-1", "\"1\"", "true"}}},
+                 [](const std::string& text) { positive_version(json::parse(text)); });
+  for (const json& value : {json(1), json(1u)}) EXPECT_TRUE(has_integer({{"a", value}}, "a", 1));
+  for (const json& value : {json(1.0), json(true), json("1"), json(2)})
+    EXPECT_FALSE(has_integer({{"a", value}}, "a", 1)) << value;
+  EXPECT_FALSE(has_integer({{"a", -1}}, "a", ~0ull));
+  EXPECT_FALSE(has_integer(json::array({1}), "a", 1));
+}
+
+}  // namespace
+}  // namespace tavro
