@@ -27,30 +27,29 @@ TEST(BootstrapContract, AllowsTheDeclaredExecutablesOfEachPlatformAndNoOthers) {
   const std::string none = "/notes 1", exe = kEntry + ".exe";
   const std::string gui = "/gui_executable \"" + kGui + '"';
   const std::string shortcut = "/shortcut_executable \"" + kShortcut + '"';
-  const std::pair<SnapshotManifest, std::string> rows[] = {
-      {bootstrap(linux_id, {kEntry}, none), ""},
-      {bootstrap(mac, {kEntry}, none), ""},
-      {bootstrap(mac, {kEntry, kShortcut}, shortcut), ""},
-      {bootstrap(windows, {exe}, none), ""},
-      {bootstrap(windows, {exe, kGui}, gui), ""},
-      {bootstrap(linux_id, {kEntry}, "/bootstrap_abi 1.0"), "schema or ABI"},
-      {bootstrap(linux_id, {kEntry}, "/kind"), "schema or ABI"},
-      {bootstrap("linux-aarch64", {kEntry}, none), "unsupported platform"},
-      {bootstrap(linux_id, {exe}, none), "stable entry point"},
-      {bootstrap(windows, {kEntry}, none), "stable entry point"},
-      {bootstrap(linux_id, {kEntry, kGui}, gui), "Windows windowed executable"},
-      {bootstrap(linux_id, {kEntry}, "/gui_executable null"), "Windows windowed executable"},
-      {bootstrap(windows, {exe}, gui), "Windows windowed executable"},
-      {bootstrap(linux_id, {kEntry, kShortcut}, shortcut), "native app helper"},
-      {bootstrap(mac, {kEntry}, shortcut), "native app helper"},
-      {bootstrap(mac, {kEntry, kShortcut}, shortcut, true), "native app helper"},
-      {bootstrap(mac, {kEntry, kShortcut}, none), "undeclared executable"},
-      {bootstrap(windows, {exe, kGui}, none), "undeclared executable"}};
-  for (const auto& [manifest, words] : rows) {
-    const std::string failure = failure_of([&] { validate_bootstrap_contract(manifest); });
-    EXPECT_THAT(failure, testing::HasSubstr(words)) << manifest.platform << manifest.document;
-    EXPECT_EQ(failure.empty(), words.empty()) << failure;
-  }
+  const std::map<std::string, std::vector<SnapshotManifest>> rows = {
+      {"",
+       {bootstrap(linux_id, {kEntry}, none), bootstrap(mac, {kEntry}, none),
+        bootstrap(mac, {kEntry, kShortcut}, shortcut), bootstrap(windows, {exe}, none),
+        bootstrap(windows, {exe, kGui}, gui)}},
+      {"schema or ABI",
+       {bootstrap(mac, {kEntry}, "/bootstrap_abi 1.0"), bootstrap(mac, {kEntry}, "/kind")}},
+      {"unsupported platform", {bootstrap("linux-aarch64", {kEntry}, none)}},
+      {"stable entry point", {bootstrap(mac, {exe}, none), bootstrap(windows, {kEntry}, none)}},
+      {"Windows windowed executable",
+       {bootstrap(linux_id, {kEntry, kGui}, gui), bootstrap(windows, {exe}, gui),
+        bootstrap(linux_id, {kEntry}, "/gui_executable null")}},
+      {"native app helper",
+       {bootstrap(linux_id, {kEntry, kShortcut}, shortcut), bootstrap(mac, {kEntry}, shortcut),
+        bootstrap(mac, {kEntry, kShortcut}, shortcut, true)}},
+      {"undeclared executable",
+       {bootstrap(mac, {kEntry, kShortcut}, none), bootstrap(windows, {exe, kGui}, none)}}};
+  for (const auto& [words, manifests] : rows)
+    for (const SnapshotManifest& manifest : manifests) {
+      const std::string failure = failure_of([&] { validate_bootstrap_contract(manifest); });
+      EXPECT_THAT(failure, testing::HasSubstr(words)) << manifest.platform << manifest.document;
+      EXPECT_EQ(failure.empty(), words.empty()) << failure;
+    }
 }
 
 }  // namespace
