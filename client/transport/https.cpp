@@ -60,8 +60,10 @@ void require_service_url(const std::string& url) {
   const bool parses = parsed && url.find('\0') == std::string::npos &&
                       curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
   require(parses, "invalid_url", "Invalid service URL");
-  require(url_part(parsed.get(), CURLUPART_HOST) == CURLUE_OK, "invalid_url",
-          "URL must contain a hostname");
+  // The library would take the first name of a path for the host that is missing.
+  const bool named =
+      authority_end(url) > kScheme.size() && url_part(parsed.get(), CURLUPART_HOST) == CURLUE_OK;
+  require(named, "invalid_url", "URL must contain a hostname");
   require_plain_parts(parsed.get(), url);
 }
 

@@ -31,7 +31,7 @@ TEST(HttpsTransport, RefusesAnythingButAPlainHttpsUrl) {
            std::pair(https, "HTTPS://example.test"s),
            std::pair(https, ""s),
            std::pair(invalid, "https://"s),
-           std::pair(invalid, "https:///path"s),
+           std::pair("invalid_url: URL must contain a hostname"s, "https:///path"s),
            std::pair(invalid, "https://a b/"s),
            std::pair(invalid, "https://example.test:port/"s),
            std::pair(invalid, "https://example.test\0.evil.test/"s),

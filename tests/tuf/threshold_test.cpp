@@ -17,14 +17,14 @@
 namespace tavro {
 namespace {
 
-/// A small document, signed by an Ed25519 and an RSA key, and an authority over both.
+/// A small document, signed by an Ed25519 and a P-256 key, and an authority over both.
 struct Signed {
   std::string first = SignedRepository::key_id("first");
-  std::string second = SignedRepository::key_id("rsa");
+  std::string second = SignedRepository::key_id("targets");
   json keys = {{first, SignedRepository::key_record("first")},
-               {second, SignedRepository::key_record("rsa")}};
+               {second, SignedRepository::key_record("targets")}};
   json authority = {{"keyids", {first, second}}, {"threshold", 2}};
-  json document = SignedRepository::sign({{"version", 1}}, {"first", "rsa"});
+  json document = SignedRepository::sign({{"version", 1}}, {"first", "targets"});
 
   std::string code() const {
     return code_of([&] { verify_threshold(document, keys, authority); });
