@@ -8,6 +8,8 @@
 
 #include "domain/crypto.h"
 #include "domain/input.h"
+#include "platform/snapshot.h"
+#include "support/fail_nth_call.h"
 #include "support/failure.h"
 #include "support/sealed_package.h"
 #include "support/temp_folder.h"
@@ -21,10 +23,10 @@ class Store : public testing::Test {
  protected:
   /// A version of this build, as far as the store looks at one, made so many hours ago.
   json version(const std::string& build, int age) {
-    auto descriptor = json::parse(read_file(package.path("launcher_manifest"), 524288));
-    descriptor["build_id"] = build;
-    const auto name = digest(descriptor.dump(), "sha256");
-    write("manifests/" + name + ".json", descriptor.dump());
+    auto manifest = json::parse(descriptor);
+    manifest["build_id"] = build;
+    const auto name = digest(manifest.dump(), "sha256");
+    write("manifests/" + name + ".json", manifest.dump());
     const auto payload = store.directory() / "versions" / name;
     fs::create_directory(payload);
     fs::last_write_time(payload, fs::file_time_type::clock::now() - std::chrono::hours(age));
@@ -35,8 +37,20 @@ class Store : public testing::Test {
   }
   std::string stored() { return read_file(store.directory() / "installation.json", 100000); }
 
+  void seed(LauncherStore& target, const Progress& progress = {}) {
+    target.seed_initial(descriptor, package.path("launcher_archive"), progress);
+  }
+  /// The record's generation, after a proof that what it selects is there.
+  static json proved(const LauncherStore& target) {
+    const auto candidate = target.load().at("candidate");
+    if (!candidate.is_null())
+      verify_snapshot_tree(target.manifest(candidate), target.payload(candidate));
+    return target.load().at("generation");
+  }
+
   TempFolder folder;
   SealedPackage package{folder.path()};
+  std::string descriptor = read_file(package.path("launcher_manifest"), 524288);
   fs::path root = folder.path() / "data";
   LauncherStore store{root};
 };
@@ -52,11 +66,11 @@ TEST_F(Store, SavesARecordWithinItsBoundsOrKeepsTheOldOne) {
   EXPECT_EQ(saved.size(), 32768U);
   EXPECT_EQ(LauncherStore::existing(root)->load().at("generation"), 1);
   EXPECT_TRUE(store.status().at("installed").get<bool>());
-  record["pad"] = std::string(32769 - record.dump().size(), 'x');
+  record["pad"].get_ref<std::string&>() += 'x';
   EXPECT_EQ(code_of([&] { store.save(record); }), "size_limit");
   record["generation"] = UINT64_MAX;
   EXPECT_EQ(code_of([&] { store.save(record); }), "launcher_state");
-  EXPECT_EQ(stored(), saved);
+  EXPECT_TRUE(stored() == saved);
 }
 
 TEST_F(Store, PreservesARecordThatItCannotUse) {
@@ -110,21 +124,20 @@ TEST_F(Store, LeasesAVersionOnlyAsFarAsItsContractIsProved) {
   EXPECT_EQ(code_of([&] { store.manifest(other); }), "content_mismatch");
   EXPECT_EQ(lease(other, LockMode::exclusive), "launcher_recovery_uncertain");
   EXPECT_EQ(lease(other, LockMode::shared), "");
-  EXPECT_EQ(lease(nullptr, LockMode::shared), "launcher_missing");
 }
 
 TEST_F(Store, FallsBackToTheNewestVersionThatIsProved) {
-  const auto versions = store.directory() / "versions";
   EXPECT_EQ(code_of([&] { store.fallback_active(); }), "launcher_missing");
   version("1.0.0", 3);
   const auto expected = version("1.1.0", 2);
   const auto damaged = version("1.2.0", 1)["manifest_sha256"].get<std::string>();
   write("manifests/" + damaged + ".json", "{\"build_id\":\"1.2.0\"}");
   write("versions/" + std::string(64, 'f'), "a file");
-  fs::create_directory_symlink(store.payload(expected), versions / std::string(64, 'e'));
+  const auto link = store.directory() / "versions" / std::string(64, 'e');
+  fs::create_directory_symlink(store.payload(expected), link);
   for (int i = 0; i < 59; ++i) write("versions/" + std::to_string(i), "");
   EXPECT_EQ(store.fallback_active(), expected);
-  fs::create_directory(versions / std::string(63, 'd'));
+  write("versions/one too many", "");
   EXPECT_EQ(code_of([&] { store.fallback_active(); }), "launcher_state");
 }
 
@@ -136,16 +149,37 @@ TEST_F(Store, GivesItsOwnerLockToOneAndToTheNextInTime) {
   EXPECT_TRUE(next.get());
 }
 
-TEST_F(Store, OpensOnlyWhereSetupHasFinishedAndNoLinkLeadsAway) {
-  const auto fresh = folder.path() / "fresh";
-  EXPECT_EQ(code_of([&] { LauncherStore::existing(fresh); }), "unsafe_path");
-  EXPECT_FALSE(fs::exists(fresh));
-  fs::create_directory(fresh);
-  fs::create_directory_symlink(store.directory(), fresh / "launcher");
-  EXPECT_EQ(code_of([&] { LauncherStore{fresh}; }), "unsafe_path");
+TEST_F(Store, IsSeededOnceWithACandidate) {
+  const auto foreign =
+      json::parse(descriptor)
+          .patch({{{"op", "replace"}, {"path", "/platform"}, {"value", "windows-x86_64"}}});
+  const auto good = std::exchange(descriptor, foreign.dump());
+  EXPECT_EQ(code_of([&] { seed(store); }), "launcher_incompatible");
+  descriptor = good;
+  seed(store);
+  EXPECT_EQ(proved(store), 1);
+  EXPECT_FALSE(store.status().at("installed").get<bool>());
+  const auto before = stored();
+  EXPECT_EQ(code_of([&] { seed(store); }), "already_installed");
+  EXPECT_EQ(stored(), before);
   std::ofstream(root / ".tavro-setup-incomplete") << "{}";
   EXPECT_EQ(code_of([&] { LauncherStore{root}; }), "native_install_incomplete");
   EXPECT_EQ(code_of([&] { LauncherStore(root, true); }), "");
+}
+
+TEST_F(Store, IsNothingOrWholeWhereverItsSeedIsCut) {
+  std::optional<LauncherStore> target;
+  const auto prepare = [&] { target.emplace(folder.path() / random_id(), true); };
+  const auto work = [&] { seed(*target); };
+  const int cuts = strike_each_call(Fault::cut, EIO, prepare, work, [&](const Stop& stop) {
+    const bool seeded = proved(*target) == 1;
+    // Only the last call, which makes the new record's name durable, may fail with it in place.
+    EXPECT_TRUE(stop.code.empty() == seeded || (seeded && stop.call == "fsync")) << stop.nth;
+  });
+  EXPECT_GT(cuts, 20);
+  prepare();
+  EXPECT_EQ(code_of([&] { seed(*target, [](auto, auto) { return false; }); }), "cancelled");
+  EXPECT_EQ(proved(*target), 0);
 }
 
 }  // namespace

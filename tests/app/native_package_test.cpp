@@ -46,13 +46,11 @@ TEST_F(SealedFolder, IsReadWholeUnlessItsCallerStops) {
 }
 
 TEST_F(SealedFolder, NeedsTheSealOfItsDescriptor) {
-  const auto none = StartsWith("native_install_trust: This installer has no package seal; build");
   const auto seal = std::exchange(package.seal, std::string(64, 'a'));
   EXPECT_THAT(failure(), StartsWith("native_install_trust: This package is not the one"));
   for (const auto& other : {std::string(), seal.substr(1), "A" + seal.substr(1), seal + "0"}) {
     package.seal = other;
-    EXPECT_THAT(failure("nowhere"), none);
-    EXPECT_THAT(failure_of([&] { package_brand("nowhere", other); }), none);
+    EXPECT_THAT(failure("nowhere"), StartsWith("native_install_trust: This installer has no"));
   }
 }
 
@@ -99,9 +97,7 @@ TEST_F(SealedFolder, RefusesADescriptorByItsFirstBrokenRule) {
   const std::vector<std::tuple<std::string, json, std::string>> rows = {
       {"/more", 1, fields},
       {"/ca_bundle", {}, fields},
-      {"/schema_version", 2, "unsupported_schema: Unsupported initial package"},
       {"/platform", "windows-x86_64", "launcher_incompatible: This package is for another"},
-      {"/origin", 1, wrong + "Initial package metadata is malformed"},
       {"/origin", "https://repository.example/", "invalid_origin: The package origin must be"},
       {"/root/length", -1, wrong + "Resource length must be an unsigned integer"},
       {"/root/sha256", std::string(64, 'A'), wrong + "Resource hash must be a lowercase"},
@@ -136,8 +132,8 @@ TEST_F(SealedFolder, RefusesSealedResourcesThatCannotServe) {
       {"root", package.signed_root("2020-01-01T00:00:00Z"), "expired_metadata: The initial"},
       {"root", forged.dump(), "signature_threshold: "},
       {"root", "{\"signed\":{}}", "invalid_native_package: Initial package metadata is malformed"},
-      {"icon", sample_icon().substr(0, 21), "invalid_native_package: The brand icon is not an"},
-      {"icon", "x" + sample_icon(), "invalid_native_package: The brand icon is not an .ico file"},
+      {"icon", sample_icon().substr(0, 21),
+       "invalid_native_package: The brand icon is not an .ico file"},
   };
   for (const auto& [resource, bytes, expected] : rows) {
     package.replace_resource(resource, bytes);
