@@ -1,0 +1,115 @@
+#include "platform/native_lock.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <thread>
+
+#include "support/fail_nth_call.h"
+#include "support/failure.h"
+#include "support/temp_folder.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+constexpr auto exclusive = LockMode::exclusive, shared = LockMode::shared;
+
+const std::string busy = "busy: Another Tavro operation is using this state";
+const std::string owned = "busy: Another worker owns this native installation";
+const std::string foreign = "lock_failed: Operation lock must be an ordinary private owned file";
+const std::string unfit = "lock_failed: Native ownership requires an ordinary empty private file";
+
+const std::string unbounded =
+    "lock_failed: Native ownership requires a bounded lock path and known sharing";
+
+struct Locks : testing::Test {
+  std::string native(bool create = true, LockMode mode = exclusive, int sharing = 0) const {
+    return failure_of(
+        [&] { NativeFileLock(path, create, static_cast<NativeLockSharing>(sharing), mode); });
+  }
+  std::string operation(LockMode mode = exclusive) const {
+    return failure_of([&] { FileLock(path, false, mode); });
+  }
+
+  TempFolder folder;
+  fs::path at = folder.path(), path = at / "lock";
+};
+
+TEST_F(Locks, ExcludeAsTheirModesSay) {
+  for (const auto held : {exclusive, shared}) {
+    for (const auto wanted : {exclusive, shared}) {
+      const bool free = held == shared && wanted == shared;
+      {
+        const FileLock lock(path, false, held);
+        EXPECT_EQ(operation(wanted), free ? "" : busy);
+      }
+      const NativeFileLock lock(path, true, NativeLockSharing::none, held);
+      EXPECT_EQ(native(true, wanted, 1), free ? "" : owned);
+    }
+  }
+  EXPECT_EQ(operation() + native(), "");
+  const FailNthCall failing(1, ENOLCK, Fault::fail, "flock");
+  EXPECT_EQ(native(), "lock_failed: Cannot acquire native installation ownership");
+}
+
+TEST_F(Locks, LiveUntilReleasedMovedOrTheProcessEnds) {
+  FileLock first(path, false, exclusive);
+  FileLock moved(std::move(first));
+  EXPECT_EQ(operation(), busy);
+  std::thread waiter([&] { FileLock(path, true, exclusive); });
+  { const FileLock ended(std::move(moved)); }
+  waiter.join();
+  FileLock(path, false, exclusive).retain_until_process_exit();
+  EXPECT_EQ(operation(), busy);
+}
+
+TEST_F(Locks, RefuseAFileThatTheyDidNotMake) {
+  EXPECT_EQ(native(false), unfit);
+  std::ofstream(path) << "content";
+  ::chmod(path.c_str(), 0600);
+  EXPECT_EQ(operation(), "");
+  EXPECT_EQ(native(), unfit);
+  fs::resize_file(path, 0);
+  fs::create_hard_link(path, at / "second");
+  EXPECT_EQ(operation() + native(), foreign + unfit);
+  fs::remove(at / "second");
+  for (const mode_t mode : {0644, 0700, 04600}) {
+    ::chmod(path.c_str(), mode);
+    EXPECT_EQ(operation() + native(), foreign + unfit);
+  }
+  fs::remove(path);
+  fs::create_symlink("elsewhere", path);
+  EXPECT_EQ(operation() + native(), "lock_failed: Cannot open operation lock" + unfit);
+  fs::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(operation() + native(), foreign + unfit);
+}
+
+TEST_F(Locks, OwnOnlyInOrdinaryExistingParents) {
+  fs::create_directory_symlink(".", at / "linked");
+  ASSERT_TRUE(::geteuid() != 0 || ::lchown((at / "linked").c_str(), 1, 1) == 0);
+  for (const auto* parent : {"linked", "absent"}) {
+    path = at / parent / "lock";
+    EXPECT_EQ(native(), "lock_failed: Native ownership requires ordinary existing parents");
+    EXPECT_EQ(native(true, exclusive, 2) + native(true, static_cast<LockMode>(2)),
+              unbounded + unbounded);
+  }
+}
+
+TEST_F(Locks, TellAPathThatNoLongerNamesThem) {
+  const FileLock lock(path, false, shared);
+  const NativeFileLock owner(path, false, NativeLockSharing::read, shared);
+  const auto matches = [&] { return lock.matches_path(path) + owner.matches_path(path); };
+  EXPECT_EQ(matches(), 2);
+  fs::rename(path, at / "old");
+  fs::create_symlink("old", path);
+  EXPECT_EQ(matches(), 0);
+  fs::remove(path);
+  EXPECT_EQ(operation() + native(), "");
+  EXPECT_EQ(matches(), 0);
+}
+
+}  // namespace
+}  // namespace tavro

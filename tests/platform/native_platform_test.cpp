@@ -1,0 +1,48 @@
+#include "platform/native_platform.h"
+
+#include <gtest/gtest.h>
+
+#include "support/failure.h"
+#include "support/temp_folder.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string refused(const fs::path& image) {
+  return failure_of([&] { require_complete_native_install_image(image); });
+}
+
+TEST(NativePlatform, RefusesImagesBelowUnfinishedFolders) {
+  const TempFolder folder;
+  const fs::path image = folder.path() / "a/b/image";
+  EXPECT_EQ(refused(image), "");
+  for (const auto* guard :
+       {".tavro-native-bundle-incomplete.json", ".tavro-initial-package-incomplete.json",
+        ".tavro-launcher-package-incomplete.json"}) {
+    fs::create_symlink("nowhere", folder.path() / guard);
+    EXPECT_EQ(refused(image),
+              "native_install_incomplete: This image belongs to an unfinished package; it cannot "
+              "start");
+    fs::remove(folder.path() / guard);
+  }
+  fs::create_directory(folder.path() / ".tavro-setup-incomplete");
+  EXPECT_EQ(refused(image), "native_install_incomplete: Tavro setup did not finish in " +
+                                folder.path().string() +
+                                ". Run the Tavro installer again to repair it.");
+}
+
+TEST(NativePlatform, BoundsTheClimb) {
+  fs::path image = "/";
+  for (int i = 0; i < 256; ++i) image /= "d";
+  EXPECT_EQ(refused(image), "");
+  EXPECT_EQ(refused(image / "d"), "unsafe_path: Native image path is too deep");
+}
+
+TEST(NativePlatform, NamesTheRunningImage) {
+  EXPECT_EQ(current_executable_path(), fs::read_symlink("/proc/self/exe"));
+}
+
+}  // namespace
+}  // namespace tavro
