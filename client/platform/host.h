@@ -67,4 +67,10 @@ int rename_new(const char* from, const char* to) noexcept;
 int exchange_names(int left_directory, const char* left, int right_directory,
                    const char* right) noexcept;
 
+/// Whether the TLS library has to be told where the system's trusted certificates lie.
+bool needs_certificate_bundle() noexcept;
+
+/// The file in which the system keeps them, as PEM; empty when there is none that can be read.
+std::string certificate_bundle();
+
 }  // namespace tavro::host
