@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "domain/crypto.h"
+#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "platform/snapshot.h"
@@ -20,10 +21,6 @@
 namespace tavro {
 namespace {
 
-template <auto Free>
-struct Deleter {
-  void operator()(auto* object) const noexcept { Free(object); }
-};
 using Encoder = std::unique_ptr<ZSTD_CCtx, Deleter<ZSTD_freeCCtx>>;
 using TarWriter = std::unique_ptr<struct archive, Deleter<archive_write_free>>;
 using TarEntry = std::unique_ptr<archive_entry, Deleter<archive_entry_free>>;

@@ -14,6 +14,7 @@
 #include <span>
 
 #include "domain/crypto.h"
+#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/unique_fd.h"
@@ -28,10 +29,6 @@ constexpr std::size_t key_file_bytes = 65536;
 constexpr int least_rsa_bits = 2048;
 constexpr std::size_t new_rsa_bits = 3072;
 
-template <auto Free>
-struct Deleter {
-  void operator()(auto* object) const noexcept { Free(object); }
-};
 using EvpKey = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
 using EvpContext = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX_free>>;
 using Bio = std::unique_ptr<BIO, Deleter<BIO_free_all>>;

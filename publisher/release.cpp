@@ -81,7 +81,14 @@ Release read_folder(ReleaseKind kind, const std::filesystem::path& folder,
                     const std::filesystem::path& manifest_path) {
   const std::string bytes = read_file(manifest_path, manifest_bound(kind));
   const SnapshotManifest manifest = parse_manifest(kind, parse_json(bytes, manifest_bound(kind)));
-  return {manifest_path, folder / file_name(manifest.archive_target), bytes, manifest.build_id};
+  const std::filesystem::path archive = folder / file_name(manifest.archive_target);
+  std::error_code missing;
+  require(std::filesystem::is_regular_file(archive, missing) &&
+              std::filesystem::file_size(archive) == manifest.archive_length,
+          "invalid_release", [&] {
+            return "The release's archive is missing or has another length: " + path_utf8(archive);
+          });
+  return {manifest_path, archive, bytes, manifest.build_id};
 }
 
 }  // namespace

@@ -4,24 +4,19 @@
 #include <sys/stat.h>
 #include <zstd.h>
 
-#include <fstream>
 #include <functional>
 
 #include "domain/crypto.h"
 #include "domain/input.h"
 #include "publisher/assembly.h"
 #include "support/failure.h"
+#include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
-
-void put(const fs::path& path, std::string_view bytes) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 class Archive : public testing::Test {
  protected:
@@ -37,9 +32,7 @@ TEST_F(Archive, SameTreeGivesSameBytesWhateverTheClockTheModesAndTheThreads) {
   std::string noise(5 << 20, '\0');
   unsigned state = 1;
   for (char& c : noise) c = static_cast<char>((state = state * 1664525U + 1013904223U) >> 24);
-  put(tree / "z/last.bin", noise);
-  put(tree / "a-first", "1");
-  put(tree / "a/second", "2");
+  write_tree({{"z/last.bin", noise}, {"a-first", "1"}, {"a/second", "2"}}, tree);
   const ArchiveFigures one = pack("one", {1, 1});
   fs::last_write_time(tree / "a/second", fs::file_time_type::clock::now() - std::chrono::hours(9));
   fs::permissions(tree / "a-first", fs::perms::owner_read);
@@ -52,9 +45,7 @@ TEST_F(Archive, SameTreeGivesSameBytesWhateverTheClockTheModesAndTheThreads) {
 
 TEST_F(Archive, HoldsFilesInByteOrderWithoutOwnersAndTimes) {
   const std::string long_name(120, 'n');
-  put(tree / long_name / long_name, "content");
-  put(tree / "b", "");
-  fs::permissions(tree / "b", fs::perms::owner_exec, fs::perm_options::add);
+  write_tree({{long_name + "/" + long_name, "content"}, {"b", "", 0755}}, tree);
   pack("archive");
   const std::string packed = read_file(temp.path() / "archive", 1 << 20);
   std::string tar(1 << 20, '\0');
@@ -86,7 +77,7 @@ class SourceTreeRefuses : public testing::TestWithParam<Unpackable> {};
 TEST_P(SourceTreeRefuses, AndNamesTheFile) {
   const TempFolder temp;
   const fs::path tree = temp.path() / "tree";
-  put(tree / "file", "1");
+  write_tree({{"file", "1"}}, tree);
   GetParam().make(tree);
   EXPECT_EQ(failure_of([&] { SourceTree{tree}; }),
             std::string("unsafe_source: Cannot pack ") + GetParam().message);
@@ -102,19 +93,26 @@ INSTANTIATE_TEST_SUITE_P(
         Unpackable{"empty_folder",
                    [](const fs::path& tree) { fs::create_directories(tree / "a/b"); },
                    "a/b: the folder holds no files and would be lost"},
-        Unpackable{"reserved", [](const fs::path& tree) { put(tree / "con.txt", ""); },
+        Unpackable{"reserved",
+                   [](const fs::path& tree) {
+                     write_tree({{"con.txt", ""}}, tree);
+                   },
                    "con.txt: Path uses a reserved platform name"},
-        Unpackable{"not_ascii", [](const fs::path& tree) { put(tree / "\xc3\xa9", ""); },
+        Unpackable{"not_ascii",
+                   [](const fs::path& tree) {
+                     write_tree({{"\xc3\xa9", ""}}, tree);
+                   },
                    "\xc3\xa9: file paths must be ASCII"},
         Unpackable{"unfinished",
-                   [](const fs::path& tree) { put(tree / "a" / launcher_package_guard, ""); },
+                   [](const fs::path& tree) {
+                     write_tree({{"a/" + std::string(launcher_package_guard), ""}}, tree);
+                   },
                    "a/.tavro-launcher-package-incomplete.json: the folder is still being "
                    "assembled"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Archive, FileThatChangesIsRefusedAndLeavesNoArchive) {
-  put(tree / "a", std::string(200000, 'a'));
-  put(tree / "b", "b");
+  write_tree({{"a", std::string(200000, 'a')}, {"b", "b"}}, tree);
   const SourceTree source(tree);
   const auto packed_while = [&](const std::function<void()>& change) {
     return code_of([&] {
@@ -124,15 +122,16 @@ TEST_F(Archive, FileThatChangesIsRefusedAndLeavesNoArchive) {
       });
     });
   };
-  EXPECT_EQ(packed_while([&] { put(tree / "b", "bb"); }), "source_changed");
-  put(tree / "b", "b");
-  EXPECT_EQ(packed_while([&] { put(tree / "a", std::string(200000, 'b')); }), "source_changed");
+  EXPECT_EQ(packed_while([&] { write_bytes(tree / "b", "bb"); }), "source_changed");
+  write_bytes(tree / "b", "b");
+  EXPECT_EQ(packed_while([&] { write_bytes(tree / "a", std::string(200000, 'b')); }),
+            "source_changed");
   EXPECT_EQ(packed_while([&] { fs::resize_file(tree / "a", 300000); }), "source_changed");
   EXPECT_FALSE(fs::exists(temp.path() / "archive"));
 }
 
 TEST_F(Archive, CancellingLeavesNoArchive) {
-  put(tree / "a", "a");
+  write_tree({{"a", "a"}}, tree);
   EXPECT_EQ(code_of([&] {
               write_archive(SourceTree(tree), temp.path() / "archive", {1, 1},
                             [](auto, auto) { return false; });

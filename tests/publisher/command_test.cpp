@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <fstream>
-
 #include "app/native_package.h"
+#include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
 
 namespace tavro {
@@ -80,12 +79,11 @@ TEST(PublishCommand, HelpTellsCommandsAndTheirOptions) {
 class PublishRoad : public testing::Test {
  protected:
   PublishRoad() {
-    for (const char* image : {"launcher/bin/cli", "launcher/bin/gui", "launcher/bin/helper",
-                              "bootstrap/bin/tavro-bootstrap"}) {
-      fs::create_directories((home / image).parent_path());
-      std::ofstream(home / image) << image;
-      fs::permissions(home / image, fs::perms::owner_exec, fs::perm_options::add);
-    }
+    write_tree({{"launcher/bin/cli", "cli", 0755},
+                {"launcher/bin/gui", "gui", 0755},
+                {"launcher/bin/helper", "helper", 0755},
+                {"bootstrap/bin/tavro-bootstrap", "bootstrap", 0755}},
+               home);
   }
 
   std::string at(const char* name) const { return (home / name).string(); }

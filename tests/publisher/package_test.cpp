@@ -15,18 +15,13 @@
 #include "support/fail_nth_call.h"
 #include "support/failure.h"
 #include "support/sealed_package.h"
+#include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
-
-void put(const fs::path& path, std::string_view bytes, bool executable = false) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-  if (executable) fs::permissions(path, fs::perms::owner_exec, fs::perm_options::add);
-}
 
 std::vector<std::string> names_in(const fs::path& folder) {
   std::vector<std::string> names;
@@ -39,10 +34,10 @@ std::vector<std::string> names_in(const fs::path& folder) {
 class Publishing : public testing::Test {
  protected:
   Publishing() {
-    put(home / "launcher-tree/bin/cli", "cli", true);
-    put(home / "launcher-tree/bin/gui", "gui", true);
-    put(home / "launcher-tree/data/art.bin", std::string(100000, 'a'));
-    put(home / "bootstrap-tree/bin/tavro-bootstrap", "bootstrap", true);
+    write_tree(
+        {{"bin/cli", "cli", 0755}, {"bin/gui", "gui", 0755}, {"art", std::string(100000, 'a')}},
+        home / "launcher-tree");
+    write_tree({{"bin/tavro-bootstrap", "bootstrap", 0755}}, home / "bootstrap-tree");
     fs::create_directory(home / "out");
     launcher.identity.executable = "bin/cli";
     launcher.contract.gui_executable = "bin/gui";
@@ -65,7 +60,7 @@ class Publishing : public testing::Test {
     root.expires = expires;
     root.root.records = root.timestamp.records = root.snapshot.records =
         root.targets.records = {key.record()};
-    put(request.root, sign_metadata(root_body(root), {&key}).dump());
+    write_bytes(request.root, sign_metadata(root_body(root), {&key}).dump());
   }
 
   void make_releases() const {
@@ -89,8 +84,8 @@ TEST_F(Publishing, MakesReleasesAndAPackageThatTheInstallerReads) {
   EXPECT_EQ(names_in(launcher.out),
             (std::vector<std::string>{"launcher-" + platform + "-1.0.0.tar.zst",
                                       "launcher-" + platform + ".manifest.json"}));
-  put(home / "brand.ico", sample_icon());
-  put(home / "ca.pem", "certificates");
+  write_bytes(home / "brand.ico", sample_icon());
+  write_bytes(home / "ca.pem", "certificates");
   request.brand = Brand{"Acme Play", "acme", "Acme", false};
   request.icon = home / "brand.ico";
   request.ca_bundle = home / "ca.pem";
@@ -110,11 +105,10 @@ TEST_F(Publishing, MakesReleasesAndAPackageThatTheInstallerReads) {
 
 TEST_F(Publishing, ReleaseThatAClientWouldRefuseIsRefusedBeforeItIsPacked) {
   launcher.out = home / "out/launcher";
-  put(home / "launcher-tree/bin/extra", "undeclared", true);
+  write_tree({{"bin/extra", "undeclared", 0755}}, home / "launcher-tree");
   EXPECT_EQ(failure_of([&] { make_release(launcher, {}); }),
             "launcher_incompatible: Every native helper needs declared lifetime ownership");
   fs::remove(home / "launcher-tree/bin/extra");
-  // Not before packing, but still before anything appears: the volume of text is known only then.
   launcher.identity.archive_target = "../escape.tar.zst";
   EXPECT_EQ(code_of([&] { make_release(launcher, {}); }), "unsafe_path");
   EXPECT_EQ(names_in(home / "out"), std::vector<std::string>{});
@@ -144,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "https_required"},
         BadPackage{"no_icon_file",
                    [](auto& home, auto& r) {
-                     put(home / "brand.ico", "not an icon, though long enough");
+                     write_bytes(home / "brand.ico", "not an icon, though long enough");
                      r.brand = Brand{"Acme", "acme", "Acme", true};
                      r.icon = home / "brand.ico";
                    },
@@ -154,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(
                      r.brand = Brand{"\xff", "acme", "Acme", false};
                    },
                    "invalid_text"},
-        BadPackage{"damaged_root", [](auto&, auto& r) { put(r.root, "{}"); },
+        BadPackage{"damaged_root", [](auto&, auto& r) { write_bytes(r.root, "{}"); },
                    "invalid_native_package"},
         BadPackage{"archive_changed_since",
                    [](auto&, auto& r) {
@@ -164,12 +158,20 @@ INSTANTIATE_TEST_SUITE_P(
                      file.seekp(40) << "!!!!";
                    },
                    "content_mismatch"},
+        BadPackage{"archive_missing",
+                   [](auto&, auto& r) {
+                     fs::remove(read_release(ReleaseKind::bootstrap, r.bootstrap).archive);
+                   },
+                   "invalid_release"},
         BadPackage{"unfinished_release",
-                   [](auto&, auto& r) { put(r.launcher / launcher_package_guard, "{}"); },
+                   [](auto&, auto& r) { write_bytes(r.launcher / launcher_package_guard, "{}"); },
                    "invalid_release"},
         BadPackage{"releases_swapped", [](auto&, auto& r) { std::swap(r.launcher, r.bootstrap); },
                    "invalid_release"},
-        BadPackage{"something_stands_there", [](auto&, auto& r) { put(r.out / "mine", "kept"); },
+        BadPackage{"something_stands_there",
+                   [](auto&, auto& r) {
+                     write_tree({{"mine", "kept"}}, r.out);
+                   },
                    "file_exists"}),
     [](const auto& row) { return std::string(row.param.name); });
 

@@ -3,51 +3,28 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
-#include <vector>
 
 #include "app/package_descriptor.h"
 #include "domain/crypto.h"
+#include "domain/input.h"
 #include "platform/native_platform.h"
 #include "publisher/archive.h"
 #include "publisher/descriptors.h"
 #include "publisher/package.h"
 #include "publisher/root_metadata.h"
 #include "publisher/source_tree.h"
+#include "support/snapshot_archive.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
 
-void write_plain(const fs::path& path, std::string_view bytes) {
-  fs::create_directories(path.parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << bytes;
-  out.close();
-  if (!out) throw std::runtime_error("Cannot write " + path.string());
-}
+std::string read_plain(const fs::path& path) { return read_file(path, 64ULL << 20); }
 
-std::string read_plain(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("Cannot read " + path.string());
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void make_executable(const fs::path& path) {
-  fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                            fs::perms::others_read | fs::perms::others_exec);
-}
-
-void put_image(const fs::path& path, const fs::path& image) {
-  fs::create_directories(path.parent_path());
-  if (image.empty())
-    write_plain(path, "#!/bin/sh\necho " + path.filename().string() + "\n");
-  else
-    fs::copy_file(image, path);
-  make_executable(path);
+void put_image(const fs::path& tree, const std::string& path, const fs::path& image) {
+  const std::string script = "#!/bin/sh\necho " + path + "\n";
+  write_tree({{path, image.empty() ? script : read_plain(image), 0755}}, tree);
 }
 
 /// Half of it is noise, so that a compressed file is neither tiny nor as large as the plain one.
@@ -62,9 +39,9 @@ std::string bulk(std::size_t bytes, std::uint64_t seed) {
 
 void put_bulk(const fs::path& tree, std::size_t files, std::size_t bytes) {
   for (std::size_t i = 0; i < files; ++i)
-    write_plain(tree / "share" / ("part-" + std::to_string(i / 100)) /
-                    ("file-" + std::to_string(i) + ".bin"),
-                bulk(bytes, i + 1));
+    write_tree({{"share/part-" + std::to_string(i / 100) + "/file-" + std::to_string(i) + ".bin",
+                 bulk(bytes, i + 1)}},
+               tree);
 }
 
 /// A release folder, without the reading back that the publisher adds.
@@ -78,7 +55,7 @@ void release(const fs::path& tree, const fs::path& folder, SnapshotIdentity iden
   const json snapshot = snapshot_document(source, identity, figures);
   const json document =
       launcher != nullptr ? launcher_document(snapshot, *launcher) : bootstrap_document(snapshot);
-  write_plain(folder / (name + ".manifest.json"), document.dump());
+  write_bytes(folder / (name + ".manifest.json"), document.dump());
 }
 
 json root_for(const SealedPackage& package, const std::string& expires,
@@ -101,7 +78,7 @@ json& resource_entry(json& descriptor, std::string_view resource) {
 
 void write_package(const PackagePlan& plan, const fs::path& folder) {
   fs::create_directories(folder);
-  for (const auto& [name, bytes] : plan.documents) write_plain(folder / name, bytes);
+  for (const auto& [name, bytes] : plan.documents) write_bytes(folder / name, bytes);
   for (const auto& [name, source] : plan.archives) fs::rename(source, folder / name);
 }
 
@@ -119,11 +96,11 @@ SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& 
       timestamp_key(SigningKey::generate(KeyType::ed25519)) {
   const std::string platform =
       options.platform.empty() ? std::string(native_platform()) : options.platform;
-  put_image(bootstrap_tree / "bin/tavro-bootstrap", options.bootstrap_image);
+  put_image(bootstrap_tree, "bin/tavro-bootstrap", options.bootstrap_image);
   put_bulk(bootstrap_tree, options.bootstrap_files, options.file_bytes);
-  put_image(launcher_tree / "bin/launcher", options.launcher_image);
-  put_image(launcher_tree / "bin/launcher-gui", options.launcher_gui_image);
-  put_image(launcher_tree / "bin/launcher-maintenance", options.maintenance_image);
+  put_image(launcher_tree, "bin/launcher", options.launcher_image);
+  put_image(launcher_tree, "bin/launcher-gui", options.launcher_gui_image);
+  put_image(launcher_tree, "bin/launcher-maintenance", options.maintenance_image);
   put_bulk(launcher_tree, options.launcher_files, options.file_bytes);
 
   const fs::path releases = where / "releases";
@@ -142,14 +119,14 @@ SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& 
   request.launcher = releases / "launcher";
   request.brand = options.brand;
   request.featured_game = options.featured_game;
-  write_plain(request.root, root_for(*this, options.root_expires, 1).dump());
+  write_bytes(request.root, root_for(*this, options.root_expires, 1).dump());
   if (!options.icon.empty()) {
     request.icon = releases / "brand.ico";
-    write_plain(request.icon, options.icon);
+    write_bytes(request.icon, options.icon);
   }
   if (!options.ca_bundle.empty()) {
     request.ca_bundle = releases / "ca-bundle.pem";
-    write_plain(request.ca_bundle, options.ca_bundle);
+    write_bytes(request.ca_bundle, options.ca_bundle);
   }
   const PackagePlan plan = plan_package(request);
   write_package(plan, folder);
@@ -171,12 +148,12 @@ void SealedPackage::edit_descriptor(const std::function<void(json&)>& change) {
   json document = descriptor();
   change(document);
   const std::string bytes = document.dump();
-  write_plain(path("descriptor"), bytes);
+  write_bytes(path("descriptor"), bytes);
   seal = digest(bytes, "sha256");
 }
 
 void SealedPackage::replace_resource(std::string_view resource, std::string_view bytes) {
-  write_plain(path(resource), bytes);
+  write_bytes(path(resource), bytes);
   edit_descriptor([&](json& document) {
     json& entry = resource_entry(document, resource);
     entry["sha256"] = digest(bytes, "sha256");
