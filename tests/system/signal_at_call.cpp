@@ -19,6 +19,7 @@ long number(const char* key) {
   return text == nullptr ? 0 : std::atol(text);
 }
 
+constexpr long never = -1000000;
 std::atomic<long> calls{0};
 
 void count_call() {
@@ -30,7 +31,7 @@ void count_call() {
 struct Report {
   ~Report() {
     const char* file = std::getenv("TAVRO_TEST_COUNT");
-    const long total = calls;
+    const long total = calls.exchange(never);  // what follows is not the program's own
     if (file != nullptr) std::ofstream(file) << total;
   }
 } report;
