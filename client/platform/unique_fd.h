@@ -1,3 +1,0 @@
-#pragma once
-
-#include "domain/unique_fd.h"
