@@ -15,7 +15,8 @@ chown $user:$user "$home"
 # A build folder below somebody's private home cannot be reached: then a copy is run.
 if ! as_user test -x "$program"; then
   mkdir -m 755 "$home/bin"
-  cp "$(dirname "$program")"/{tavro-install,tavro-bootstrap,tavro-publish,example-launcher} "$home/bin/"
+  find "$(dirname "$program")" -maxdepth 1 \
+    \( -name 'tavro-*' -o -name 'example-*' -o -name '*.so' \) -exec cp -t "$home/bin" {} +
   cp "$program" "$home/bin/"
   program=$home/bin/$(basename "$program")
 fi
