@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -68,8 +67,10 @@ int rename_new(const char* from, const char* to) noexcept;
 int exchange_names(int left_directory, const char* left, int right_directory,
                    const char* right) noexcept;
 
-/// The file in which the system keeps its trusted certificates, as PEM; empty when there is none
-/// that can be read, and nothing at all where the TLS library finds the system's trust by itself.
-std::optional<std::string> certificate_bundle();
+/// Whether the TLS library has to be told where the system's trusted certificates lie.
+bool needs_certificate_bundle() noexcept;
+
+/// The file in which the system keeps them, as PEM; empty when there is none that can be read.
+std::string certificate_bundle();
 
 }  // namespace tavro::host

@@ -139,7 +139,9 @@ int exchange_names(int left_directory, const char* left, int right_directory,
   });
 }
 
-std::optional<std::string> certificate_bundle() {
+bool needs_certificate_bundle() noexcept { return true; }
+
+std::string certificate_bundle() {
   constexpr std::array places{
       "/etc/ssl/certs/ca-certificates.crt",
       "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem",
@@ -149,7 +151,7 @@ std::optional<std::string> certificate_bundle() {
   };
   const auto* const found = std::find_if(
       places.begin(), places.end(), [](const char* place) { return ::access(place, R_OK) == 0; });
-  return std::string(found == places.end() ? "" : *found);
+  return found == places.end() ? "" : *found;
 }
 
 }  // namespace tavro::host
