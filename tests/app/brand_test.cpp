@@ -44,14 +44,13 @@ TEST(Brand, InstalledOneNamesTheProcessUnlessItsRecordIsDamaged) {
   const TempFolder folder;
   const auto native = folder.path() / "native";
   std::filesystem::create_directory(native);
+  std::ofstream(native / "brand.ico") << "icon";
   const auto record = json{{"brand", valid}}.dump();
   for (const auto& text : {""s, "[1]"s, "{}"s, "{\"brand\":{\"name\":\"Nova\"}}"s, record}) {
     std::ofstream(native / "installation.json") << text;
     use_installed_brand(folder.path());
     EXPECT_EQ(product_name(), text == record ? "Nova" : "Tavro") << text;
   }
-  std::ofstream(native / "brand.ico") << "icon";
-  use_installed_brand(folder.path());
   EXPECT_EQ(product_icon(), native / "brand.ico");
   set_product_name("Tavro");
   set_product_icon({});

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <array>
 #include <fstream>
 
 #include "domain/input.h"
@@ -14,7 +15,7 @@ namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::StartsWith;
+using testing::ContainsRegex, testing::StartsWith;
 
 SealedPackageOptions full_options() {
   SealedPackageOptions options;
@@ -36,15 +37,6 @@ class SealedFolder : public testing::Test {
   SealedPackage package{folder.path(), full_options()};
 };
 
-TEST_F(SealedFolder, IsReadWholeUnlessItsCallerStops) {
-  const auto read = read_native_package(package.folder / "", package.seal);
-  EXPECT_EQ(read.root, package.folder);
-  EXPECT_EQ(read.ca_bundle + read.brand_icon, "certificates" + sample_icon());
-  EXPECT_EQ(read.launcher_archive(), package.path("launcher_archive"));
-  const auto stop = [](auto done, auto) { return done == 0; };
-  EXPECT_EQ(code_of([&] { read_native_package(read.root, package.seal, stop); }), "cancelled");
-}
-
 TEST_F(SealedFolder, NeedsTheSealOfItsDescriptor) {
   const auto seal = std::exchange(package.seal, std::string(64, 'a'));
   EXPECT_THAT(failure(), StartsWith("native_install_trust: This package is not the one"));
@@ -64,8 +56,7 @@ TEST_F(SealedFolder, RefusesEveryFileThatIsNotAsSealed) {
     flipped[flipped.size() / 2] ^= 1;
     for (const auto& changed : {flipped, bytes.substr(1), bytes + "x", bytes}) {
       std::ofstream(path, std::ios::binary) << changed;
-      EXPECT_THAT(failure(),
-                  testing::ContainsRegex(changed == bytes ? "^$" : "_mismatch:|_trust:"));
+      EXPECT_THAT(failure(), ContainsRegex(changed == bytes ? "^$" : "_mismatch:|_trust:"));
     }
     fs::rename(path, aside);
     EXPECT_NE(failure(), "") << name;
@@ -82,8 +73,8 @@ TEST_F(SealedFolder, HoldsExactlyItsFiles) {
     EXPECT_EQ(failure(path), "invalid_native_package: Choose an initial package directory");
   fs::create_directory(package.folder / "stray");
   fs::remove(package.path("launcher_archive"));
-  EXPECT_EQ(failure(),
-            "invalid_native_package: Initial package contains an unexpected entry: stray");
+  EXPECT_THAT(failure(),
+              testing::EndsWith(": Initial package contains an unexpected entry: stray"));
   fs::remove(package.folder / "stray");
   EXPECT_EQ(failure(), "invalid_native_package: Initial package is missing a resource");
 }
@@ -102,7 +93,6 @@ TEST_F(SealedFolder, RefusesADescriptorByItsFirstBrokenRule) {
       {"/root/length", -1, wrong + "Resource length must be an unsigned integer"},
       {"/root/sha256", std::string(64, 'A'), wrong + "Resource hash must be a lowercase"},
       {"/root/length", 0U, size},
-      {"/ca_bundle/length", 1048577U, size},
       {"/brand/icon/length", 1048577U, size},
       {"/root/path", ".hidden", wrong + "Initial package resources need distinct flat"},
       {"/ca_bundle", intact["root"], wrong + "Initial package resources overlap"},
@@ -127,13 +117,12 @@ TEST_F(SealedFolder, RefusesSealedResourcesThatCannotServe) {
   auto foreign = json::parse(read_file(package.path("launcher_manifest"), 524288));
   foreign["platform"] = "windows-x86_64";
   // What is proved later comes first: each failure hides the one before it.
-  const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
+  const std::vector<std::array<std::string, 3>> rows = {
       {"launcher_manifest", foreign.dump(), "launcher_incompatible: Package images are for"},
       {"root", package.signed_root("2020-01-01T00:00:00Z"), "expired_metadata: The initial"},
       {"root", forged.dump(), "signature_threshold: "},
       {"root", "{\"signed\":{}}", "invalid_native_package: Initial package metadata is malformed"},
-      {"icon", sample_icon().substr(0, 21),
-       "invalid_native_package: The brand icon is not an .ico file"},
+      {"icon", sample_icon().substr(0, 21), "invalid_native_package: The brand icon is not an"},
   };
   for (const auto& [resource, bytes, expected] : rows) {
     package.replace_resource(resource, bytes);
@@ -141,7 +130,10 @@ TEST_F(SealedFolder, RefusesSealedResourcesThatCannotServe) {
   }
 }
 
-TEST_F(SealedFolder, ShowsItsBrandFromTheDescriptorAlone) {
+TEST_F(SealedFolder, IsReadWholeOrForItsBrandAlone) {
+  const auto read = read_native_package(package.folder / "", package.seal);
+  EXPECT_EQ(read.root, package.folder);
+  EXPECT_EQ(read.ca_bundle + read.brand_icon, "certificates" + sample_icon());
   fs::remove(package.path("root"));
   EXPECT_EQ(package_brand(package.folder, package.seal)->publisher, "Nova Ltd");
   EXPECT_EQ(package_featured_game(package.folder, package.seal)->name, "First Game");
