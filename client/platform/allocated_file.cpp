@@ -90,9 +90,8 @@ unsigned long long AllocatedFile::Impl::inspect() {
           "unsafe_path", "Allocation requires an ordinary single-link file");
   if (private_file) {
     constexpr mode_t forbidden = S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX;
-    require(status.st_uid == ::geteuid() && (status.st_mode & forbidden) == 0, "permissions", [] {
-      return std::string(host::system_name()) + " allocation must remain private and owned";
-    });
+    require(status.st_uid == ::geteuid() && (status.st_mode & forbidden) == 0, "permissions",
+            [] { return host::naming_system("", " allocation must remain private and owned"); });
     posix_files::require_private_acl(descriptor.get());
   }
   require(!identity_known || (device == status.st_dev && inode == status.st_ino), changed,
@@ -128,9 +127,8 @@ void AllocatedFile::Impl::open(Opening opening) {
           "File allocation exceeds native length bounds");
   path = fs::absolute(path);
   std::error_code ignored;
-  const fs::path parent = path.parent_path();
-  require(fs::is_directory(parent, ignored) && !fs::is_symlink(parent, ignored), "unsafe_path",
-          "Allocation requires an ordinary parent directory");
+  require(fs::symlink_status(path.parent_path(), ignored).type() == fs::file_type::directory,
+          "unsafe_path", "Allocation requires an ordinary parent directory");
   constexpr int common = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
   const bool is_new = opening == Opening::create;
   const int flags = is_new ? common | O_CREAT | O_EXCL : common;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string>
 
+#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/unique_fd.h"
@@ -19,15 +20,11 @@ namespace {
 constexpr int window_log_max = 26;  // 64 MiB
 constexpr std::string_view frame_magic{"\x28\xB5\x2F\xFD", 4};
 
-struct FreeDecoder {
-  void operator()(ZSTD_DCtx* decoder) const noexcept { ZSTD_freeDCtx(decoder); }
-};
-
 }  // namespace
 
 struct BoundedZstd::Impl {
   UniqueFd file;
-  std::unique_ptr<ZSTD_DCtx, FreeDecoder> decoder;
+  std::unique_ptr<ZSTD_DCtx, Deleter<ZSTD_freeDCtx>> decoder;
   std::array<char, kStreamBlock> input_block;
   std::array<char, kStreamBlock> output_block;
   ZSTD_inBuffer input{nullptr, 0, 0};

@@ -1,5 +1,6 @@
 #include <archive.h>
 #include <archive_entry.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <set>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "domain/crypto.h"
+#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/manifest.h"
@@ -15,6 +17,7 @@
 #include "platform/bounded_zstd.h"
 #include "platform/files.h"
 #include "platform/snapshot.h"
+#include "platform/system_calls.h"
 #include "platform/tree.h"
 
 namespace tavro {
@@ -26,10 +29,7 @@ namespace fs = std::filesystem;
 constexpr unsigned long long header_allowance = 8192;
 constexpr unsigned long long end_allowance = 10240;
 
-struct FreeReader {
-  void operator()(struct archive* reader) const noexcept { archive_read_free(reader); }
-};
-using TarReader = std::unique_ptr<struct archive, FreeReader>;
+using TarReader = std::unique_ptr<struct archive, Deleter<archive_read_free>>;
 
 void require_proved_archive(const SnapshotManifest& manifest, const fs::path& archive) {
   std::error_code ignored;
@@ -108,7 +108,7 @@ class Extraction {
     const PackageFile& declared = admit(relative);
     require(matches_declaration(entry, declared), "archive_inventory",
             "Archive file length or mode differs from manifest");
-    make_parent(path.parent_path());
+    make_directories(relative);
 
     AllocatedFile file(path, declared.length, {});
     const std::string sha256 = copy_content(file, declared.length);
@@ -126,9 +126,16 @@ class Extraction {
     return declared->second;
   }
 
-  // A directory that this run made and proved stays proved: it lies in a new private tree.
-  void make_parent(const fs::path& parent) {
-    if (made_.insert(parent.native()).second) private_directory(parent);
+  // Each directory is proved private when it is new, and stays so in a private tree. Its name is
+  // made here without a sync, since all directories are synced at the end; what mkdir does not
+  // manage, `private_directory` does or reports.
+  void make_directories(const std::string& relative) {
+    for (auto end = relative.find('/'); end != relative.npos; end = relative.find('/', end + 1)) {
+      const fs::path directory = staging_ / relative.substr(0, end);
+      if (!made_.insert(directory.native()).second) continue;
+      system_calls().mkdir(directory.c_str(), S_IRWXU);
+      private_directory(directory);
+    }
   }
 
   /// The digest of what was written: the second reading, of the finished tree, is from the disk.
@@ -170,7 +177,7 @@ void sync_files(const SnapshotManifest& manifest, const fs::path& staging,
                 const Progress& progress) {
   for (const auto& [relative, file] : manifest.files) {
     report(progress, manifest.expanded_length, manifest.expanded_length);
-    sync_file(safe_join(staging, relative, true));
+    sync_file(staging / relative);
   }
 }
 
