@@ -1,24 +1,34 @@
 #include "transport/https.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
 #include <mutex>
 #include <utility>
 
 #include "domain/crypto.h"
+#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/product_name.h"
 #include "domain/relative_path.h"
+#include "platform/files.h"
+#include "platform/system_calls.h"
+#include "transport/https_request.h"
 
 namespace tavro {
 namespace {
 
 constexpr std::string_view kScheme = "https://";
 constexpr unsigned long long kMaxDownloadLimit = 1073741824;
+constexpr unsigned long long kMaxMemoryResponse = 16777216;
+constexpr unsigned long long kMaxPostResponse = 16384;
+constexpr unsigned long long kMaxReport = 104857600;
+constexpr std::size_t kMaxPostBody = 4096;
+constexpr std::size_t kMaxComponentBytes = 8192;
 
-struct UrlDeleter {
-  void operator()(CURLU* url) const noexcept { curl_url_cleanup(url); }
-};
+using Url = std::unique_ptr<CURLU, Deleter<curl_url_cleanup>>;
 
 void initialize_https_once() {
   static std::once_flag once;
@@ -55,7 +65,7 @@ void require_plain_parts(CURLU* parsed, const std::string& url) {
 void require_service_url(const std::string& url) {
   require(url.starts_with(kScheme), "https_required",
           [] { return branded("Tavro service URLs must use HTTPS"); });
-  const std::unique_ptr<CURLU, UrlDeleter> parsed(curl_url());
+  const Url parsed(curl_url());
   // The library reads up to a NUL byte; what stands behind one would go unchecked.
   const bool parses = parsed && url.find('\0') == std::string::npos &&
                       curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
@@ -67,8 +77,27 @@ void require_service_url(const std::string& url) {
   require_plain_parts(parsed.get(), url);
 }
 
-[[noreturn]] void refuse_transfer() {
-  fail("transport", "Transfers over HTTPS are not part of this version");
+void require_memory_limit(unsigned long long limit) {
+  require(limit <= kMaxMemoryResponse, "size_limit", "In-memory response limit exceeds 16 MiB");
+}
+
+bool is_plain_file(const struct stat& status, unsigned long long size) {
+  return S_ISREG(status.st_mode) && static_cast<unsigned long long>(status.st_size) == size;
+}
+
+/// Opens what was frozen, and proves on the descriptor that nothing took its place.
+UniqueFd open_snapshot(const std::filesystem::path& snapshot, unsigned long long size) {
+  const auto require_frozen = [&](int result, const struct stat& status) {
+    require(result == 0 && is_plain_file(status, size), "crash_changed",
+            "Frozen upload snapshot is invalid");
+  };
+  struct stat status {};
+  require_frozen(::lstat(snapshot.c_str(), &status), status);
+  UniqueFd stream(retried(
+      [&] { return ::open(snapshot.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); }));
+  require(static_cast<bool>(stream), "file_read", "Cannot open reviewed upload snapshot");
+  require_frozen(::fstat(stream.get(), &status), status);
+  return stream;
 }
 
 }  // namespace
@@ -111,15 +140,86 @@ std::string HttpsTransport::url(std::string_view path) const {
   return base_url_ + quote_url(path, true);
 }
 
-TransportResponse HttpsTransport::get(std::string_view, unsigned long long) { refuse_transfer(); }
-
-TransportResponse HttpsTransport::get_component(std::string_view, unsigned long long) {
-  refuse_transfer();
+TransportResponse HttpsTransport::fetch(const std::string& address,
+                                        unsigned long long limit) const {
+  Transfer transfer{.limit = limit, .budget = budget_.get()};
+  const int status = request(address, ca_bundle_, transfer, download_limit_, nullptr);
+  return {status, std::move(transfer.body)};
 }
 
-void HttpsTransport::download(std::string_view, const std::filesystem::path&, unsigned long long,
-                              const Progress&) {
-  refuse_transfer();
+TransportResponse HttpsTransport::get(std::string_view path, unsigned long long limit) {
+  require_memory_limit(limit);
+  return fetch(url(path), limit);
+}
+
+TransportResponse HttpsTransport::get_component(std::string_view component,
+                                                unsigned long long limit) {
+  const bool named = !component.empty() && component.size() <= kMaxComponentBytes &&
+                     component != "." && component != "..";
+  require(named, "size_limit", "Metadata filename exceeds its component bound");
+  require_memory_limit(limit);
+  return fetch(base_url_ + quote_url(component, false), limit);
+}
+
+void HttpsTransport::download(std::string_view path, const std::filesystem::path& destination,
+                              unsigned long long length, const Progress& progress) {
+  private_directory(destination.parent_path());
+  AllocatedFile file(destination, length, {});
+  Transfer transfer{.limit = length,
+                    .file = &file,
+                    .progress = progress,
+                    .budget = budget_.get(),
+                    .headers = std::make_unique<DownloadResponseHeaders>(length, 0, false),
+                    .length = length};
+  const int status = request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
+  require(status == 200, "http_status",
+          [&] { return "Download failed with status " + std::to_string(status); });
+  file.finish(false);
+}
+
+bool HttpsTransport::supports_resumption() const { return true; }
+
+void HttpsTransport::download_into(std::string_view path, AllocatedFile& file,
+                                   unsigned long long offset, const Progress& progress,
+                                   const std::function<void(std::string_view)>& on_bytes,
+                                   const std::function<void()>& on_restart) {
+  const unsigned long long size = file.reservation().size;
+  require(offset == file.written() && (offset < size || offset == 0), "download_range",
+          "Download cursor differs from the recorded prefix");
+  Transfer transfer{.limit = size - offset,
+                    .file = &file,
+                    .progress = progress,
+                    .budget = budget_.get(),
+                    .headers = std::make_unique<DownloadResponseHeaders>(size, offset, true),
+                    .offset = offset,
+                    .length = size,
+                    .on_bytes = on_bytes,
+                    .on_restart = on_restart};
+  request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
+}
+
+TransportResponse HttpsTransport::send(std::string_view path, Upload& upload,
+                                       const Progress& progress) const {
+  Transfer transfer{.limit = kMaxPostResponse, .progress = progress};
+  const int status = request(url(path), ca_bundle_, transfer, download_limit_, &upload);
+  return {status, std::move(transfer.body)};
+}
+
+TransportResponse HttpsTransport::post_json(std::string_view path, const json& body,
+                                            const Progress& progress) {
+  Upload upload{.body = body.dump()};
+  require(upload.body.size() <= kMaxPostBody, "size_limit", "Ticket request exceeds 4 KiB");
+  return send(path, upload, progress);
+}
+
+TransportResponse HttpsTransport::upload_report(std::string_view path,
+                                                const std::filesystem::path& snapshot,
+                                                unsigned long long size, const std::string& token,
+                                                const Progress& progress) {
+  require(size >= 1 && size <= kMaxReport, "size_limit", "Report upload exceeds 100 MiB");
+  require(is_lower_hex(token, 64), "crash_ticket", "Upload capability is invalid");
+  Upload upload{.stream = open_snapshot(snapshot, size), .remaining = size, .bearer = token};
+  return send(path, upload, progress);
 }
 
 }  // namespace tavro

@@ -7,9 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include "domain/json.h"
 #include "transport/transport.h"
 
 namespace tavro {
+
+struct Upload;
 
 /// What all requests of one optional update check may take together. Not synchronised: requests
 /// that share a budget run one at a time.
@@ -40,13 +43,37 @@ class HttpsTransport : public Transport {
   /// Where a request for this relative path goes. Throws `unsafe_path`.
   std::string url(std::string_view path) const;
 
-  /// `limit` is at most 16 MiB, else `size_limit`; also thrown when the server sends more.
+  /// `limit` is at most 16 MiB. Throws `size_limit`, also when the server sends more.
   TransportResponse get(std::string_view path, unsigned long long limit) override;
+  /// The name has 1 to 8192 bytes.
   TransportResponse get_component(std::string_view component, unsigned long long limit) override;
+  /// The response may be shorter than `length`, but not longer.
   void download(std::string_view path, const std::filesystem::path& destination,
                 unsigned long long length, const Progress& progress) override;
+  bool supports_resumption() const override;
+  /// `offset` is what `file.written()` says. The response must deliver all remaining bytes. After a
+  /// failure the file holds what was written until then.
+  void download_into(std::string_view path, AllocatedFile& file, unsigned long long offset,
+                     const Progress& progress,
+                     const std::function<void(std::string_view)>& on_bytes,
+                     const std::function<void()>& on_restart) override;
+
+  /// Posts a value of at most 4096 bytes; the response has at most 16384. The budget does not
+  /// apply.
+  TransportResponse post_json(std::string_view path, const json& body, const Progress& progress);
+
+  /// Posts the file `snapshot`, of exactly `size` bytes (1 byte to 100 MiB), under the capability
+  /// `token`, 64 lower-case hexadecimal characters; otherwise as `post_json`. Throws `size_limit`,
+  /// `crash_ticket`, `crash_changed` when the file is not, or does not stay, as it was frozen, and
+  /// `file_read`.
+  TransportResponse upload_report(std::string_view path, const std::filesystem::path& snapshot,
+                                  unsigned long long size, const std::string& token,
+                                  const Progress& progress);
 
  private:
+  TransportResponse fetch(const std::string& address, unsigned long long limit) const;
+  TransportResponse send(std::string_view path, Upload& upload, const Progress& progress) const;
+
   std::string base_url_;
   std::string origin_;
   std::filesystem::path ca_bundle_;
