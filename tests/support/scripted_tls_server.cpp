@@ -111,6 +111,8 @@ struct ScriptedTlsServer::Impl {
       SSL_set_fd(session.get(), connection.get());
       if (SSL_accept(session.get()) != 1) continue;
       const std::string request = read_request(session.get());
+      // A client that refused the certificate leaves without a word.
+      if (request.empty()) continue;
       {
         const std::scoped_lock lock(mutex);
         requests.push_back(request);
