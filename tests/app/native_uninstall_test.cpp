@@ -1,0 +1,80 @@
+#include "app/native_uninstall.h"
+
+#include <gtest/gtest.h>
+
+#include "app/launcher_store.h"
+#include "domain/json.h"
+#include "support/failure.h"
+#include "support/installation.h"
+#include "support/snapshot_archive.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Uninstall : public testing::Test {
+ protected:
+  Uninstall() {
+    at.install();
+    put_file(outside / "file", "not ours");
+    fs::create_directory_symlink(outside, paths.root / "link");
+    put_file(paths.root / "notes.txt", "unknown, but in the installation's folder");
+    copy_tree(paths.root, clean);
+    at.add_player_data();
+  }
+
+  Installation at;
+  const DataPaths& paths = at.paths;
+  const fs::path outside = at.folder.path() / "outside";
+  const fs::path clean = at.folder.path() / "clean";
+};
+
+TEST_F(Uninstall, TakesTheFolderAndKeepsOnlyPlayerData) {
+  const auto result = at.uninstall();
+  EXPECT_EQ(result.kept.size(), 2U);
+  EXPECT_FALSE(result.data_removed);
+  EXPECT_EQ(tree_content(paths.root).size(), 2U);
+  EXPECT_TRUE(at.keeps_player_data());
+  const auto refusal = "not_installed: Tavro is not installed in " + paths.root.string();
+  EXPECT_EQ(failure_of([&] { at.uninstall(true); }), refusal);
+  EXPECT_EQ(failure_of([&] { NativeInstaller::remove_shortcuts(paths.root); }), refusal);
+  EXPECT_TRUE(at.keeps_player_data());
+  put_file(paths.incomplete_marker, "");
+  EXPECT_TRUE(at.uninstall(true).kept.empty());
+  EXPECT_FALSE(stands(paths.root));
+  copy_tree(clean, paths.root);
+  EXPECT_TRUE(at.uninstall().data_removed);
+  EXPECT_FALSE(stands(paths.root));
+  EXPECT_EQ(tree_content(outside).size(), 1U);
+}
+
+TEST_F(Uninstall, RemovesALinkInPlaceOfTheNativeFolderAsALink) {
+  fs::rename(paths.native, outside / "native");
+  fs::create_directory_symlink(outside / "native", paths.native);
+  const auto before = tree_content(outside);
+  EXPECT_EQ(at.uninstall().kept.size(), 2U);
+  EXPECT_EQ(tree_content(outside), before);
+}
+
+TEST_F(Uninstall, WaitsForTavroToClose) {
+  const auto store = LauncherStore::existing(paths.root);
+  auto lease = store->version_guard(store->load().at("candidate"), LockMode::shared);
+  const auto before = tree_content(paths.root);
+  int polls = 0;
+  NativeSetupCallbacks callbacks;
+  callbacks.cancelled = [&] { return ++polls == 3; };
+  const auto uninstall = [&](std::chrono::milliseconds timeout) {
+    return code_of([&] { NativeInstaller::uninstall({paths.root, true, timeout}, callbacks); });
+  };
+  EXPECT_EQ(uninstall(std::chrono::milliseconds(150)), "tavro_running");
+  EXPECT_EQ(polls, 2);
+  EXPECT_EQ(uninstall(std::chrono::hours(1)), "cancelled");
+  EXPECT_EQ(tree_content(paths.root), before);
+  callbacks.cancelled = [&] { return lease.reset(), false; };
+  EXPECT_EQ(uninstall(std::chrono::hours(1)), "");
+  EXPECT_FALSE(stands(paths.root));
+}
+
+}  // namespace
+}  // namespace tavro
