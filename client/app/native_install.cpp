@@ -130,13 +130,16 @@ class LockedRun {
         fresh_(fresh) {}
 
   NativeInstallResult run() {
+    // Without this lock the folder is another worker's, so that nothing in it may be settled; and
+    // it is held while a failure is, since the next worker may otherwise be at work by then.
+    const NativeFileLock setup(paths_.setup_lock, true, NativeLockSharing::none,
+                               LockMode::exclusive);
     try {
       return install();
     } catch (const std::exception& failure) {
-      // Both locks are released by now. Without the setup lock nothing here was ever this run's.
-      if (owned_ && repair_)
+      if (repair_)
         write_status(paths_, "repair", "failed", failure.what());
-      else if (owned_)
+      else
         discard_failed_install(paths_, fresh_);
       throw;
     }
@@ -144,9 +147,6 @@ class LockedRun {
 
  private:
   NativeInstallResult install() {
-    const NativeFileLock setup(paths_.setup_lock, true, NativeLockSharing::none,
-                               LockMode::exclusive);
-    owned_ = true;
     // Another run may have come and gone between the look at the folder and the lock.
     fresh_ = fresh_ && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
@@ -170,7 +170,6 @@ class LockedRun {
   const Cancellation& cancellation_;
   const bool repair_;
   bool fresh_;
-  bool owned_ = false;
 };
 
 UninstallEntry uninstall_entry(const DataPaths& paths, const std::optional<Brand>& brand) {
