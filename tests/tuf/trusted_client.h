@@ -1,16 +1,18 @@
 #pragma once
 
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
 
+#include "domain/input.h"
+#include "support/failure.h"
 #include "support/signed_repository.h"
 #include "support/temp_folder.h"
 #include "tuf/tuf.h"
 
 namespace tavro {
+
+inline constexpr const char* kNow = "2030-01-01T00:00:00Z";
 
 /// A trust folder with the repository's first root, and a client over it at will.
 struct TrustedClient {
@@ -23,7 +25,7 @@ struct TrustedClient {
                    .metadata_bytes = 65536,
                    .root_rotations = 8,
                    .delegated_roles = 8};
-  TufTime now = parse_tuf_time("2030-01-01T00:00:00Z");
+  TufTime now = parse_tuf_time(kNow);
   std::optional<TufClient> client;
 
   TrustedClient() { TufClient::initialize(trust, first_root); }
@@ -34,20 +36,17 @@ struct TrustedClient {
     repository.requests.clear();
     return client.emplace(trust, repository, repository, limits, [this] { return now; });
   }
+  std::string refresh_code() {
+    return code_of([&] { reopen().refresh(); });
+  }
 
   /// What the folder holds, by file name.
   std::map<std::string, std::string> stored() const {
     std::map<std::string, std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(trust)) {
-      std::ifstream stream(entry.path(), std::ios::binary);
-      files[entry.path().filename()] = {std::istreambuf_iterator<char>(stream), {}};
-    }
+    for (const auto& entry : std::filesystem::directory_iterator(trust))
+      files[entry.path().filename()] = read_file(entry.path(), 1048576);
     files.erase(".lock");
     return files;
-  }
-
-  void write(const char* name, std::string_view bytes) const {
-    std::ofstream(trust / name, std::ios::binary) << bytes;
   }
 };
 
