@@ -88,26 +88,21 @@ TEST(HttpsTrust, IsTheBundleAloneOrTheSystemsStore) {
 }
 
 TEST(HttpsBudget, EndsACheckBeforeOrInTheTransfer) {
-  using std::chrono::seconds;
   Exchange exchange;
-  const auto code = [&](seconds ahead, HttpsBudget budget) {
-    budget.deadline = std::chrono::steady_clock::now() + ahead;
-    exchange.budget = std::make_shared<HttpsBudget>(std::move(budget));
+  const auto code = [&](int ahead, unsigned long long used, std::function<bool()> cancel = {}) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(ahead);
+    exchange.budget = std::make_shared<HttpsBudget>(HttpsBudget{deadline, 7, used, cancel});
     return exchange.get_code();
   };
-  EXPECT_EQ(code(seconds(20), {.deadline = {}, .limit = 7, .cancel = {}}), "");
+  EXPECT_EQ(code(20, 0), "");
   EXPECT_EQ(exchange.budget->used, 7u);
-  EXPECT_EQ(code(seconds(20), {.deadline = {}, .limit = 7, .used = 1, .cancel = {}}),
-            "discovery_budget");
-  EXPECT_EQ(code(seconds(20), {.deadline = {}, .limit = 7, .used = 8, .cancel = {}}),
-            "discovery_budget");
-  EXPECT_EQ(code(seconds(31), {.deadline = {}, .limit = 7, .cancel = {}}), "discovery_timeout");
-  EXPECT_EQ(code(seconds(0), {.deadline = {}, .limit = 7, .cancel = {}}), "discovery_timeout");
+  EXPECT_EQ(code(20, 1), "discovery_budget") << "in the transfer";
+  EXPECT_EQ(code(20, 8), "discovery_budget") << "before it";
+  EXPECT_EQ(code(31, 0), "discovery_timeout");
+  EXPECT_EQ(code(0, 0), "discovery_timeout");
   int asked = 0;
-  EXPECT_EQ(code(seconds(20), {.deadline = {}, .limit = 7, .cancel = [] { return true; }}),
-            "cancelled");
-  EXPECT_EQ(code(seconds(20), {.deadline = {}, .limit = 7, .cancel = [&] { return ++asked > 1; }}),
-            "cancelled");
+  EXPECT_EQ(code(20, 0, [] { return true; }), "cancelled");
+  EXPECT_EQ(code(20, 0, [&] { return ++asked > 1; }), "cancelled");
 }
 
 TEST(HttpsDownload, BringsAFileOrLeavesNone) {
