@@ -75,14 +75,11 @@ void commit_theme(const DataPaths& paths) {
   remove_plain_tree(theme_directory(paths.root));
 }
 
-/// A link that stood in place of a part is ours to drop once it lies in the staging folder; the
-/// proof of the tree below would refuse it.
-void drop_links_moved_aside(const fs::path& staging) {
-  for (const auto* name : {"old-bootstrap", "old-launcher", "old-trust", "old-theme"}) {
-    const fs::path aside = staging / name;
-    std::error_code ignored;
-    if (fs::is_symlink(fs::symlink_status(aside, ignored))) fs::remove(aside, ignored);
-  }
+/// What a part was before is dropped whole: a link in it, which the proof of the staging folder
+/// would refuse, goes as a link.
+void drop_parts_moved_aside(const fs::path& staging) {
+  for (const auto* name : {"old-bootstrap", "old-launcher", "old-trust", "old-theme"})
+    remove_path_quietly(staging / name);
 }
 
 }  // namespace
@@ -105,7 +102,7 @@ void commit(const DataPaths& paths, const NativePackage& package, const InstallP
   // The record follows all that it describes, and the marker goes last: what a crash leaves before
   // that is unfinished, whatever it looks like.
   write_installation(paths, package);
-  drop_links_moved_aside(paths.staging);
+  drop_parts_moved_aside(paths.staging);
   remove_plain_tree(paths.staging);
   clear_incomplete(paths);
   sync_directory(paths.root);

@@ -116,6 +116,7 @@ TEST_F(Install, RepairsOnlyWhatDoesNotProveIntact) {
       {[&] { put_file(paths.bootstrap_manifest, "{}"); }, {"bootstrap"}},
       {[&] { link(paths.bootstrap); }, {"bootstrap"}},
       {[&] { put_file(version().path() / "stray", ""); }, {"launcher"}},
+      {[&] { fs::create_symlink(outside, version().path() / "link"); }, {"launcher"}},
       {[&] { fs::remove(paths.launcher / "installation.json"); }, {"launcher"}},
       {[&] { link(paths.launcher); }, {"launcher"}},
       {[&] { put_file(paths.trust / "root.json", "{"); }, {"trust"}},
