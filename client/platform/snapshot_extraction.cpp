@@ -62,10 +62,15 @@ TarReader open_tar(BoundedZstd& decoder) {
   return reader;
 }
 
+/// In either form of the text: a target that this locale cannot spell is a target still.
+bool has_link_target(struct archive_entry* entry) {
+  return archive_entry_hardlink(entry) || archive_entry_hardlink_utf8(entry) ||
+         archive_entry_symlink(entry) || archive_entry_symlink_utf8(entry);
+}
+
 bool is_ordinary_file(struct archive_entry* entry) {
-  return archive_entry_filetype(entry) == AE_IFREG && !archive_entry_hardlink(entry) &&
-         !archive_entry_symlink(entry) && archive_entry_sparse_count(entry) == 0 &&
-         archive_entry_xattr_count(entry) == 0;
+  return archive_entry_filetype(entry) == AE_IFREG && !has_link_target(entry) &&
+         archive_entry_sparse_count(entry) == 0 && archive_entry_xattr_count(entry) == 0;
 }
 
 bool matches_declaration(struct archive_entry* entry, const PackageFile& declared) {

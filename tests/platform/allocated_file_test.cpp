@@ -119,7 +119,6 @@ TEST_F(AllocatedFiles, AreCompleteOrGoneWhicheverCallFails) {
           file.finish(true);
         },
         [&](const Stop& stop) {
-          SCOPED_TRACE(stop.call);
           // Until its identity is known an empty file is not proved to be ours, and stays.
           EXPECT_TRUE(stop.code.empty() ? content() == bytes
                                         : !fs::exists(path) || fs::file_size(path) == 0);

@@ -61,46 +61,36 @@ TEST_F(SnapshotTree, PassesAndReportsEveryByteUnlessItIsStopped) {
 TEST_F(SnapshotTree, IsToldApartFromADamagedOne) {
   struct Row {
     void (*damage)(const fs::path& root);
-    std::string answer;
-    Paths listed;  // none where damaged_snapshot_files refuses in the same words
+    std::string code;
+    Paths listed;  // none where damaged_snapshot_files refuses as well
   };
   const Row rows[] = {
       {[](auto&) {}, "", {}},
-      {[](auto& r) { fs::remove(r / "readme"); },
-       "missing_file: Game content is incomplete; repair is available",
-       {"readme"}},
-      {[](auto& r) { fs::rename(r / "readme", r / "Readme"); },
-       "unexpected_file: Game tree contains an unmanaged file",
-       {"Readme", "readme"}},
-      {[](auto& r) { write_bytes(r / "readme", "hellO"); },
-       "content_mismatch: Game content differs from the verified manifest: readme",
-       {"readme"}},
-      {[](auto& r) { write_bytes(r / "data/noise", "a"); },
-       "content_mismatch: Game content differs from the verified manifest: data/noise",
-       {"data/noise"}},
-      {[](auto& r) { fs::permissions(r / "bin/run", fs::perms(0644)); },
-       "content_mode: Game executable permission is missing",
+      {[](auto& r) { fs::remove(r / "readme"); }, "missing_file", {"readme"}},
+      {[](auto& r) { fs::rename(r / "bin", r / "Bin"); },
+       "unexpected_file",
+       {"Bin/run", "bin/run"}},
+      {[](auto& r) { write_bytes(r / "readme", "hellO"); }, "content_mismatch", {"readme"}},
+      {[](auto& r) { write_bytes(r / "bin/run", "a"); }, "content_mismatch", {"bin/run"}},
+      {[](auto& r) { fs::permissions(r / "bin/run", fs::perms(0600)); },
+       "content_mode",
        {"bin/run"}},
-      {[](auto& r) { fs::create_symlink("readme", r / "link"); },
-       "unsafe_path: Game tree contains a symbolic link",
-       {}},
-      {[](auto& r) { write_bytes(r / "aux.txt", ""); },
-       "unsafe_path: Path uses a reserved platform name",
-       {}},
-      {[](auto& r) { fs::remove_all(r), fs::create_symlink(".", r); },
-       "unsafe_path: Game content directory is missing or linked",
-       {}}};
-  for (const auto& [damage, answer, listed] : rows) {
+      {[](auto& r) { fs::create_symlink("readme", r / "link"); }, "unsafe_path", {}},
+      {[](auto& r) { write_bytes(r / "aux.txt", ""); }, "unsafe_path", {}},
+      {[](auto& r) { fs::remove_all(r), fs::create_symlink(".", r); }, "unsafe_path", {}}};
+  for (const auto& [damage, code, listed] : rows) {
     write_tree(sample, root);
     damage(root);
-    EXPECT_EQ(refusal(), answer);
+    EXPECT_EQ(refusal().substr(0, refusal().find(':')), code);
     DamagedFiles damaged;
-    EXPECT_EQ(failure_of([&] { damaged = damaged_snapshot_files(manifest, root, {}, 1); }),
-              listed.empty() ? answer : "");
+    EXPECT_EQ(code_of([&] { damaged = damaged_snapshot_files(manifest, root, {}, 1); }),
+              listed.empty() ? code : "");
     EXPECT_EQ(damaged.count, listed.size());
     EXPECT_EQ(damaged.paths, listed.empty() ? Paths{} : Paths{listed.front()});
     fs::remove_all(root);
   }
+  write_tree({{"readme", "hellO"}}, root);
+  EXPECT_EQ(refusal(), "missing_file: Game content is incomplete; repair is available");
 }
 
 std::string decode(std::string_view file, unsigned long long limit) {
