@@ -70,7 +70,7 @@ void check_root(const json& document) {
             [&] { return std::string("The threshold of ") + role + " exceeds its keys"; });
   }
   const auto expires = parse_tuf_time(body.at("expires").get_ref<const std::string&>());
-  require(expires > std::chrono::system_clock::now(), "expired_metadata",
+  require(!has_expired(expires, std::chrono::system_clock::now()), "expired_metadata",
           "The root would have expired already; choose a later time");
 }
 

@@ -40,9 +40,12 @@ struct PackageResources {
   std::optional<Resource> icon;
 };
 
-/// Without its last separator, so that a link with one behind it is still seen as a link.
+/// Without its last separator, so that a link with one behind it is still seen as a link. Empty for
+/// a path that cannot be made absolute, such as an empty one.
 fs::path package_root(const fs::path& path) {
-  auto root = fs::absolute(path).lexically_normal();
+  std::error_code error;
+  const auto root = fs::absolute(path, error).lexically_normal();
+  if (error) return {};
   return root.has_filename() ? root : root.parent_path();
 }
 
@@ -90,7 +93,7 @@ void check_root_metadata(std::string_view text) {
   const auto& body = document.at("signed");
   verify_threshold(document, body.at("keys"), body.at("roles").at("root"));
   const auto expires = parse_tuf_time(body.at("expires").get_ref<const std::string&>());
-  require(expires > std::chrono::system_clock::now(), "expired_metadata",
+  require(!has_expired(expires, std::chrono::system_clock::now()), "expired_metadata",
           "The initial package's TUF root has expired");
 }
 

@@ -257,6 +257,10 @@ TufTime parse_tuf_time(std::string_view text) {
   return time;
 }
 
+bool has_expired(TufTime expires, std::chrono::system_clock::time_point now) {
+  return expires <= std::chrono::floor<std::chrono::microseconds>(now);
+}
+
 json online_keys(const json& root_document) {
   const json& body = root_document.at("signed");
   json result = json::object();

@@ -46,6 +46,10 @@ unsigned long long length(const json& description);
 /// Throws `invalid_expiry`.
 TufTime parse_tuf_time(std::string_view text);
 
+/// Whether `now` has reached the time. Exact for every year: as nanoseconds, which the clock counts
+/// in, a time after the year 2262 would overflow.
+bool has_expired(TufTime expires, std::chrono::system_clock::time_point now);
+
 /// The keys that sign while nobody watches: an object with the members `timestamp` and `snapshot`,
 /// each of the role's key IDs and records. Two of them differ exactly when these keys were
 /// rotated. `root_document` has passed `shape`.

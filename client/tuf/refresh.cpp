@@ -195,7 +195,7 @@ json TufClient::Impl::verified_role(std::string_view bytes, const json& referenc
 /// A document that expires at exactly this instant has expired.
 void TufClient::Impl::require_unexpired(const json& document) const {
   const auto& expires = document.at("signed").at("expires").get_ref<const std::string&>();
-  require(parse_tuf_time(expires) > now, "expired_metadata",
+  require(!has_expired(parse_tuf_time(expires), now), "expired_metadata",
           "Repository metadata has expired; previously installed games remain playable");
 }
 

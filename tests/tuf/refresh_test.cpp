@@ -192,7 +192,7 @@ TEST(Refresh, KeepsTheStoredTimestampOfAnEqualVersion) {
   TrustedClient trusted;
   ASSERT_EQ(trusted.refresh_code(), "");
   trusted.repository.set_keys("targets", {"targets-new"});  // no rotation of online keys
-  trusted.repository.root["expires"] = "2041-01-01T00:00:00Z";
+  trusted.repository.root["expires"] = "9999-12-31T23:59:59Z";
   trusted.repository.publish_root();
   trusted.repository.files["timestamp.json"].body += '\n';
   const std::string before = trusted.stored().at("timestamp.json");
