@@ -128,9 +128,11 @@ TEST_F(Store, FallsBackToTheNewestVersionThatIsProved) {
   EXPECT_EQ(code_of([&] { store.fallback_active(); }), "launcher_missing");
   version("1.0.0", 3);
   const auto expected = version("1.1.0", 2);
-  const auto damaged = version("1.2.0", 1)["manifest_sha256"].get<std::string>();
-  write("manifests/" + damaged + ".json", "{\"build_id\":\"1.2.0\"}");
-  write("versions/" + std::string(64, 'f'), "a file");
+  const auto damaged = store.payload(version("1.2.0", 1));
+  write("manifests/" + damaged.filename().string() + ".json", "{\"build_id\":\"1.2.0\"}");
+  const auto linked = store.payload(version("1.3.0", 0));
+  fs::remove(linked);
+  fs::create_directory_symlink(damaged, linked);
   for (int i = 0; i < 60; ++i) write("versions/" + std::to_string(i), "");
   EXPECT_EQ(store.fallback_active(), expected);
   write("versions/one too many", "");
@@ -141,6 +143,7 @@ TEST_F(Store, GivesItsOwnerLockToOneAndToTheNextInTime) {
   auto owner = store.owner();
   EXPECT_EQ(code_of([&] { store.owner(); }), "busy");
   auto next = std::async(std::launch::async, [&] { return store.owner(); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   owner.reset();
   EXPECT_TRUE(next.get());
 }

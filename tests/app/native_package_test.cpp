@@ -19,6 +19,7 @@ using testing::ContainsRegex, testing::StartsWith;
 
 SealedPackageOptions full_options() {
   SealedPackageOptions options;
+  options.root_expires = "9999-12-31T23:59:59Z";
   options.brand = Brand{"Nova", "nova", "Nova Ltd", true};
   options.icon = sample_icon();
   options.ca_bundle = "certificates";
@@ -69,7 +70,7 @@ TEST_F(SealedFolder, RefusesEveryFileThatIsNotAsSealed) {
 TEST_F(SealedFolder, HoldsExactlyItsFiles) {
   const auto link = folder.path() / "link";
   fs::create_directory_symlink(package.folder, link);
-  for (const auto& path : {link, link / "", package.path("root")})
+  for (const auto& path : {link, link / "", package.path("root"), fs::path()})
     EXPECT_EQ(failure(path), "invalid_native_package: Choose an initial package directory");
   fs::create_directory(package.folder / "stray");
   fs::remove(package.path("launcher_archive"));
@@ -88,6 +89,7 @@ TEST_F(SealedFolder, RefusesADescriptorByItsFirstBrokenRule) {
   const std::vector<std::tuple<std::string, json, std::string>> rows = {
       {"/more", 1, fields},
       {"/ca_bundle", {}, fields},
+      {"/schema_version", 2, "unsupported_schema: Unsupported initial package schema"},
       {"/platform", "windows-x86_64", "launcher_incompatible: This package is for another"},
       {"/origin", "https://repository.example/", "invalid_origin: The package origin must be"},
       {"/root/length", -1, wrong + "Resource length must be an unsigned integer"},
@@ -116,8 +118,14 @@ TEST_F(SealedFolder, RefusesSealedResourcesThatCannotServe) {
   forged["signed"]["version"] = 2;
   auto foreign = json::parse(read_file(package.path("launcher_manifest"), 524288));
   foreign["platform"] = "windows-x86_64";
+  // The bootstrap alone would still fit.
+  auto vast = json::parse(read_file(package.path("bootstrap_manifest"), 524288));
+  auto& grown = vast["files"][0]["length"];
+  grown = grown.get<unsigned>() + 1073741824U - vast["expanded_length"].get<unsigned>();
+  vast["expanded_length"] = 1073741824U;
   // What is proved later comes first: each failure hides the one before it.
   const std::vector<std::array<std::string, 3>> rows = {
+      {"bootstrap_manifest", vast.dump(), "size_limit: Initial package payload is too large"},
       {"launcher_manifest", foreign.dump(), "launcher_incompatible: Package images are for"},
       {"root", package.signed_root("2020-01-01T00:00:00Z"), "expired_metadata: The initial"},
       {"root", forged.dump(), "signature_threshold: "},
