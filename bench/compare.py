@@ -1,0 +1,172 @@
+#!/usr/bin/env python3
+"""Whole commands of ours beside standard tools that make the same passes, in turn, in one run.
+
+The first round warms the machine and is thrown away; medians and their ratios are printed and kept
+as build/bench.json. Every round gets new folders and all are removed at the end, since removing a
+large synced tree slows what comes next.
+"""
+import argparse, hashlib, json, os, random, shutil, statistics, subprocess, sys, tempfile
+import time
+
+BIN = "build/release/bin"
+WORK = ""
+
+
+def timed(command):
+    """Wall and CPU seconds and the peak memory (KiB) of a command and all its children."""
+    start = time.monotonic()
+    child = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    errors = child.stderr.read()
+    _, status, usage = os.wait4(child.pid, 0)
+    if status:
+        sys.exit(f"{command}: ended with {status}: {errors.decode()}")
+    return dict(wall=time.monotonic() - start, cpu=usage.ru_utime + usage.ru_stime,
+                peak_kib=usage.ru_maxrss)
+
+
+def shell(script, *arguments):
+    return ["bash", "-euc", script, "bash", *arguments]
+
+
+def in_turn(rounds, ours, bare):
+    """Runs both once a round and gives the medians of each and of the ratios."""
+    rows = []
+    for round_number in range(rounds + 1):
+        pair = ours(round_number), bare(round_number)
+        if round_number:
+            rows.append(pair)
+    result = {}
+    for key in ("wall", "cpu"):
+        result[key] = dict(ours=statistics.median(a[key] for a, _ in rows),
+                           bare=statistics.median(b[key] for _, b in rows),
+                           ratio=statistics.median(a[key] / b[key] for a, b in rows))
+    result["peak_kib"] = max(a["peak_kib"] for a, _ in rows)
+    return result
+
+
+def make_tree(folder, files, size):
+    """Program files: half of each compresses, half does not. The same bytes in every run."""
+    source = random.Random(7)
+    words = [source.randbytes(24) for _ in range(400)]
+    for number in range(files):
+        path = os.path.join(folder, f"data/part-{number // 100:03}", f"file-{number:05}.bin")
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as out:
+            out.write(source.randbytes(size // 2))
+            out.write(b"".join(source.choices(words, k=size // 48 + 1))[: size - size // 2])
+
+
+def publish(*arguments):
+    subprocess.run([f"{BIN}/tavro-publish", *arguments], check=True, stdout=subprocess.DEVNULL)
+
+
+def make_package(name, files, size):
+    """A sealed package with a small bootstrap and a launcher of that many files; an installer for
+    it; and the launcher's tree for the standard tools."""
+    at = lambda part: os.path.join(WORK, name, part)
+    for part in ("bootstrap/bin", "launcher/bin"):
+        os.makedirs(at(part))
+    shutil.copy(f"{BIN}/tavro-bootstrap", at("bootstrap/bin/tavro-bootstrap"))
+    for program in ("run", "run-gui", "help"):
+        shutil.copy(f"{BIN}/example-launcher", at(f"launcher/bin/{program}"))
+    make_tree(at("launcher"), files, size)
+    roles = ("root", "targets", "snapshot", "timestamp")
+    for role in roles:
+        publish("keys", "new", "--out", at(f"{role}.pem"))
+    publish("root", "new", "--days", "30", "--out", at("root.json"),
+            *(word for role in roles for word in (f"--{role}-key", at(f"{role}.pem"))))
+    publish("bootstrap", "--folder", at("bootstrap"), "--build", "1.0.0", "--out", at("b"))
+    publish("launcher", "--folder", at("launcher"), "--build", "1.0.0", "--out", at("l"),
+            "--level", "3", "--cli", "bin/run", "--gui", "bin/run-gui",
+            "--helper", "maintenance=bin/help")
+    publish("package", "--out", at("package"), "--origin", "https://repository.example",
+            "--root", at("root.json"), "--bootstrap", at("b"), "--launcher", at("l"))
+    with open(at("package/initial-package.json"), "rb") as descriptor:
+        seal = hashlib.sha256(descriptor.read()).hexdigest()
+    subprocess.run(["cmake", "--preset", "release", f"-DTAVRO_INITIAL_PACKAGE_SHA256={seal}"],
+                   check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", "--preset", "release", "--target", "tavro-install"],
+                   check=True, stdout=subprocess.DEVNULL)
+    shutil.copy(f"{BIN}/tavro-install", at("install"))
+    subprocess.run(shell('cd "$1" && find . -type f -exec sha256sum {} + >"$2"',
+                         at("launcher"), at("sums")), check=True)
+    return at
+
+
+# Each archive is hashed twice, in the package and again before it is decoded; the tree is hashed
+# once as each file arrives and twice as a whole.
+STANDARD_INSTALL = """
+sha256sum "$1" >/dev/null; sha256sum "$1" >/dev/null
+mkdir "$2"; tar --zstd -xf "$1" -C "$2"
+find "$2" -type f -exec sync {} +; find "$2" -type d -exec sync {} +
+cd "$2"; for pass in 1 2 3; do sha256sum --quiet -c "$3"; done
+"""
+
+
+def archive_of(at):
+    document = json.load(open(at("package/initial-package.json")))
+    launcher = json.load(open(at("package/" + document["launcher_manifest"]["path"])))
+    return at("package/" + launcher["archive"]["target"])
+
+
+def measure_install(at, rounds):
+    return in_turn(
+        rounds,
+        lambda n: timed([at("install"), "install", "--package", at("package"), "--data-dir",
+                         at(f"data-{n}")]),
+        lambda n: timed(shell(STANDARD_INSTALL, archive_of(at), at(f"bare-{n}"), at("sums"))))
+
+
+def measure_verification(at, rounds):
+    versions = at("data-1/launcher/versions")
+    tree = os.path.join(versions, os.listdir(versions)[0])
+    manifest = at("data-1/launcher/manifests/" + os.listdir(versions)[0] + ".json")
+    return in_turn(
+        rounds,
+        lambda n: timed([f"{BIN}/tavro-measure", "verify", manifest, tree]),
+        lambda n: timed(shell('cd "$1"; sha256sum --quiet -c "$2"', tree, at("sums"))))
+
+
+def measured(*arguments):
+    return json.loads(subprocess.run([f"{BIN}/tavro-measure", *arguments], check=True,
+                                     capture_output=True).stdout)
+
+
+def main():
+    options = argparse.ArgumentParser(description=__doc__)
+    options.add_argument("--rounds", type=int, default=5)
+    rounds = options.parse_args().rounds
+    small, large = make_package("small", 200, 100_000), make_package("large", 2000, 100_000)
+
+    results = dict(install=measure_install(large, rounds),
+                   small_install=measure_install(small, 1),
+                   verification=measure_verification(large, rounds),
+                   document=measured("atomic-document", os.path.join(WORK, "documents"), "200"),
+                   status=measured("commands", "200", large("install"), "status", "--data-dir",
+                                   large("data-1"), "--", "/bin/true"),
+                   manifests=[measured("manifest", str(n)) for n in (25000, 50000, 100000)])
+    # The decoder's window is 8 MiB for what our publisher packs at this level.
+    rows = [("install 200 MB, 2000 files: CPU time", results["install"]["cpu"]["ratio"], 0.7),
+            ("install 200 MB, 2000 files: wall time", results["install"]["wall"]["ratio"], 0.9),
+            ("verification of the tree: wall time", results["verification"]["wall"]["ratio"], 0.5),
+            ("atomic document against bare calls", results["document"]["ratio"], 1.15),
+            ("status against an empty program", results["status"]["ratio"], 3.0),
+            ("peak memory of install, 200 MB (MiB)", results["install"]["peak_kib"] / 1024, 40),
+            ("the same for 20 MB (MiB)", results["small_install"]["peak_kib"] / 1024, 40)]
+    per_file = [row["ms"] / row["files"] for row in results["manifests"]]
+    rows.append(("manifest of 100000 files, time a file against 25000", per_file[-1] / per_file[0], 1.3))
+    memory = [row["peak_kib_above_text"] / row["files"] for row in results["manifests"]]
+    rows.append(("manifest of 100000 files, memory a file against 25000", memory[-1] / memory[0], 1.3))
+    print(f"{'what':55} {'measured':>9} {'goal':>7}")
+    for name, value, goal in rows:
+        print(f"{name:55} {value:9.2f} {goal:7.2f}{'' if value <= goal else '   missed'}")
+    with open("build/bench.json", "w") as out:
+        json.dump(results, out, indent=1)
+
+
+if __name__ == "__main__":
+    WORK = tempfile.mkdtemp(prefix="tavro-bench-", dir=os.environ.get("TMPDIR", "/var/tmp"))
+    try:
+        main()
+    finally:
+        shutil.rmtree(WORK)
