@@ -169,8 +169,8 @@ void HttpsTransport::download(std::string_view path, const std::filesystem::path
                     .file = &file,
                     .progress = progress,
                     .budget = budget_.get(),
-                    .headers = std::make_unique<DownloadResponseHeaders>(length, 0, false),
                     .length = length};
+  transfer.headers = std::make_unique<DownloadResponseHeaders>(length, 0, false);
   const int status = request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
   require(status == 200, "http_status",
           [&] { return "Download failed with status " + std::to_string(status); });
@@ -190,11 +190,11 @@ void HttpsTransport::download_into(std::string_view path, AllocatedFile& file,
                     .file = &file,
                     .progress = progress,
                     .budget = budget_.get(),
-                    .headers = std::make_unique<DownloadResponseHeaders>(size, offset, true),
                     .offset = offset,
                     .length = size,
                     .on_bytes = on_bytes,
                     .on_restart = on_restart};
+  transfer.headers = std::make_unique<DownloadResponseHeaders>(size, offset, true);
   request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
 }
 

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "domain/deleter.h"
@@ -128,7 +129,7 @@ ScriptedTlsServer::ScriptedTlsServer(const std::filesystem::path& folder, Answer
                                      const TlsCertificate& certificate)
     : impl_(new Impl{.answer = std::move(answer)}) {
   // A client that hangs up must not end the test program.
-  std::signal(SIGPIPE, SIG_IGN);
+  std::ignore = std::signal(SIGPIPE, SIG_IGN);
   impl_->listen();
   impl_->use(folder, certificate);
   impl_->thread = std::thread([this] { impl_->serve(); });
