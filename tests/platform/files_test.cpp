@@ -66,6 +66,9 @@ TEST_F(Files, ResolvesTheSystemsLinksAndNoOthers) {
             "unsafe_path: Too many system links in a path");
   fs::permissions(at, fs::perms::owner_all | fs::perms::others_write);
   EXPECT_EQ(resolve_system_links(at / "1"), at / "1");
+  fs::permissions(at, fs::perms::owner_all);
+  ASSERT_EQ(::chown(at.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(resolve_system_links(at / "1"), at / "1");
 }
 
 using Calls = std::vector<std::string>;
@@ -135,8 +138,18 @@ TEST_F(Files, SynchronizesOnlyTheOrdinaryFileThatAPathNames) {
   const auto file = put("file"), linked = link("link", "file");
   const FailNthCall failing(1);
   EXPECT_EQ(failure_of([&] { sync_file(file); }), "file_sync: Could not durably synchronize file");
-  EXPECT_EQ(failing.calls(), 1);  // a failed sync is final
+  EXPECT_EQ(failing.calls(), 1);  // a failed sync is never repeated
   sync_file(file);
+  SystemCalls swapping = system_calls();
+  swapping.fsync = [](int descriptor) {
+    const auto synced = fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
+    fs::rename(synced, synced.string() + ".old");
+    return std::ofstream(synced) ? 0 : -1;
+  };
+  {
+    const SystemCallScope scope(swapping);
+    EXPECT_EQ(failure_of([&] { sync_file(file); }), "file_sync: Synchronized file path changed");
+  }
   fs::create_hard_link(file, at / "second");
   for (const auto& bad : {linked, at, at / "absent", file})
     EXPECT_EQ(failure_of([&] { sync_file(bad); }),

@@ -76,6 +76,7 @@ TEST_F(Locks, RefuseAFileThatTheyDidNotMake) {
     EXPECT_EQ(operation() + native(), foreign + unfit);
   }
   fs::remove(path);
+  FileLock(at / "elsewhere", false, exclusive);
   fs::create_symlink("elsewhere", path);
   EXPECT_EQ(operation() + native(), "lock_failed: Cannot open operation lock" + unfit);
   fs::remove(path);
@@ -85,12 +86,24 @@ TEST_F(Locks, RefuseAFileThatTheyDidNotMake) {
 
 TEST_F(Locks, OwnOnlyInOrdinaryExistingParents) {
   EXPECT_EQ(native(true, exclusive, 2) + native(true, LockMode{2}), unbounded + unbounded);
+  fs::create_directories(at / "at");
   fs::create_directory_symlink(".", at / "linked");
   ASSERT_TRUE(::geteuid() != 0 || ::lchown((at / "linked").c_str(), 1, 1) == 0);
-  for (const auto* bad : {"linked/lock", "absent/lock"}) {
+  for (const auto* bad : {"linked/lock", "linked/at/lock", "absent/lock"}) {
     path = at / bad;
     EXPECT_EQ(native(), "lock_failed: Native ownership requires ordinary existing parents");
   }
+}
+
+TEST_F(Locks, NoticeAFileReplacedMeanwhile) {
+  SystemCalls swapping = system_calls();
+  swapping.flock = [](int descriptor, int) {
+    const auto locked = fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
+    fs::rename(locked, locked.string() + ".old");
+    return 0;
+  };
+  const SystemCallScope scope(swapping);
+  EXPECT_EQ(native(), "lock_failed: Native ownership path changed while locking");
 }
 
 TEST_F(Locks, TellAPathThatNoLongerNamesThem) {
