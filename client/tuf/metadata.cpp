@@ -158,7 +158,9 @@ void shape_body(const json& document, std::string_view role) {
   const json& body = document.at("signed");
   require(body.at("_type") == role, "metadata_type", "Unexpected metadata type");
   require(is_stable_version(body.at("spec_version").get_ref<const std::string&>()),
-          "unsupported_spec", "A stable TUF 1.x[.y] specification version is required");
+          "unsupported_spec",
+          "A stable TUF 1.x[.y] speci"
+          "fication version is required");
   positive_version(body.at("version"));
   parse_tuf_time(body.at("expires").get_ref<const std::string&>());
   if (role == "root") root_shape(body);
