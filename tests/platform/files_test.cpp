@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
 
 #include "domain/input.h"
@@ -85,33 +86,32 @@ const struct Form {
 
 TEST_F(Files, LeavesOldOrNewWhereverAWriteIsStopped) {
   const std::string fresh(100000, 'n');
-  for (const auto& [write, replaces, calls] : forms) {
-    for (const auto& [fault, error] : {std::pair{Fault::fail, EIO},
-                                       {Fault::fail, ENOSPC},
-                                       {Fault::cut, EIO},
-                                       {Fault::shorten, 0}}) {
+  for (const Form& form : forms) {
+    for (int round = 0; round < 4; ++round) {
+      const Fault fault = std::array{Fault::fail, Fault::fail, Fault::cut, Fault::shorten}[round];
+      const int error = round == 1 ? ENOSPC : EIO;
       Calls seen;
       const auto prepare = [&] {
         for (const auto& entry : fs::directory_iterator(at)) fs::remove(entry);
-        if (replaces) put("document");
+        if (form.replaces) put("document");
       };
       const auto check = [&](const Stop& stop) {
         const bool fails = fault != Fault::shorten && !stop.call.empty();
         if (!stop.call.empty()) seen.push_back(stop.call);
-        const bool last = seen.size() == calls.size() && stop.call == "fsync";
+        const bool last = seen.size() == form.calls.size() && stop.call == "fsync";
         std::string code = error == ENOSPC ? "insufficient_space" : "file_write";
         if (last || stop.call == "fchmod") code = last ? "file_sync" : "permissions";
         EXPECT_EQ(stop.code, fails ? code : "");
         const bool there = fs::exists(at / "document");
-        const std::string before = replaces ? "old" : "none";
+        const std::string before = form.replaces ? "old" : "none";
         EXPECT_EQ(there ? read_file(at / "document", 200000) : "none",
                   !fails || last || stop.call == "unlink" ? fresh : before);
         EXPECT_TRUE(fault == Fault::cut || entries() == (there ? 1 : 0));
       };
       strike_each_call(
-          fault, error, prepare, [&] { write(at / "document", fresh); }, check);
+          fault, error, prepare, [&] { form.write(at / "document", fresh); }, check);
       // The order is what makes it durable. A shortened write adds the one of its other half.
-      EXPECT_TRUE(seen == calls || fault == Fault::shorten) << testing::PrintToString(seen);
+      EXPECT_TRUE(seen == form.calls || fault == Fault::shorten) << testing::PrintToString(seen);
     }
   }
 }

@@ -76,7 +76,7 @@ TEST_F(Locks, RefuseAFileThatTheyDidNotMake) {
     EXPECT_EQ(operation() + native(), foreign + unfit);
   }
   fs::remove(path);
-  FileLock(at / "elsewhere", false, exclusive);
+  const FileLock elsewhere(at / "elsewhere", false, exclusive);
   fs::create_symlink("elsewhere", path);
   EXPECT_EQ(operation() + native(), "lock_failed: Cannot open operation lock" + unfit);
   fs::remove(path);
