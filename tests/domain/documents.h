@@ -1,38 +1,40 @@
 #pragma once
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <map>
+#include <sstream>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "support/failure.h"
 
 namespace tavro {
 
-/// Inputs by words that the answer to each of them must hold. No words: it must be accepted.
-using Answers = std::map<std::string, std::vector<std::string>>;
-
-/// Hands each input to `work` and compares the failure.
+/// Each line of the table holds words and inputs, with "|" between them. Every input is handed to
+/// `work`, and its failure must hold the words; an input without words must be accepted.
 template <typename Work>
-void expect_answers(const Answers& answers, Work&& work) {
-  for (const auto& [words, inputs] : answers)
-    for (const std::string& input : inputs) {
+void expect_answers(const std::string& table, Work&& work) {
+  std::istringstream lines(table);
+  for (std::string line, words, input; std::getline(lines, line);) {
+    std::istringstream cells(line);
+    for (std::getline(cells, words, '|'); std::getline(cells, input, '|');) {
       const std::string failure = failure_of([&] { work(input); });
-      EXPECT_THAT(failure, testing::HasSubstr(words)) << input.substr(0, 99);
-      EXPECT_EQ(failure.empty(), words.empty()) << input.substr(0, 99) << ": " << failure;
+      EXPECT_TRUE(failure.empty() == words.empty() && failure.find(words) != failure.npos)
+          << input.substr(0, 99) << ": \"" << failure << "\", not \"" << words << '"';
     }
+  }
 }
 
-/// "/a/b 7" sets a member of the document to 7, "/a/b" alone erases it.
+/// "/a/b 7" sets a member to 7, "/a/b" erases it; what names no member replaces the document.
 inline nlohmann::json damaged(nlohmann::json document, const std::string& damage) {
+  if (!damage.starts_with('/')) return nlohmann::json::parse(damage);
   const std::size_t end = damage.find(' ');
   const nlohmann::json::json_pointer place(damage.substr(0, end));
-  if (end == std::string::npos)
-    document.at(place.parent_pointer()).erase(place.back());
-  else
+  if (end != damage.npos)
     document[place] = nlohmann::json::parse(damage.substr(end));
+  else
+    document.at(place.parent_pointer()).erase(place.back());
   return document;
 }
 
@@ -40,14 +42,14 @@ inline nlohmann::json file_entry(const std::string& path, unsigned mode = 0644) 
   return {{"path", path}, {"length", 1}, {"mode", mode}, {"sha256", std::string(64, 'a')}};
 }
 
-/// A valid snapshot of these files, of 1 byte each.
-inline nlohmann::json snapshot_document(const std::string& executable,
-                                        const nlohmann::json& files) {
+/// A valid snapshot of these files, of 1 byte each. The first of them is its entry point.
+inline nlohmann::json snapshot_of(nlohmann::json files) {
   auto document = nlohmann::json::parse(R"({"schema_version": 1, "build_id": "build-1",
-      "platform": "linux-x86_64", "archive": {"format": "tar.zst-v1", "target": "one.tar.zst"}})");
-  document["archive"].update({{"length", 100}, {"sha256", std::string(64, 'b')}});
-  document.update(
-      {{"executable", executable}, {"files", files}, {"expanded_length", files.size()}});
+      "platform": "linux-x86_64", "archive": {"format": "tar.zst-v1", "target": "one.tar.zst",
+      "length": 9, "sha256": "4bf5122f344554c53bde2ebb8cd2b7e3d1600ad631c385a5d7cce23c7785459a"}})");
+  document["executable"] = files[0]["path"];
+  document["expanded_length"] = files.size();
+  document["files"] = std::move(files);
   return document;
 }
 

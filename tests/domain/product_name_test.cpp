@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 namespace tavro {
-namespace {
 
 TEST(ProductName, ReplacesWholeWordsOnceABrandIsSet) {
   EXPECT_EQ(branded("Tavro's Tavro"), "Tavro's Tavro");
@@ -14,5 +13,4 @@ TEST(ProductName, ReplacesWholeWordsOnceABrandIsSet) {
   set_product_name("Tavro");
 }
 
-}  // namespace
 }  // namespace tavro
