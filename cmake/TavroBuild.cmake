@@ -25,6 +25,7 @@ find_package(nlohmann_json 3.11.2 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd)
 pkg_check_modules(ACL REQUIRED IMPORTED_TARGET libacl)
+pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)
 
 add_library(tavro_settings INTERFACE)
 # GCC 12 takes `"text" + std::string` for an overlapping copy when it optimises: no -Wrestrict.
