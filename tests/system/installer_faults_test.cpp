@@ -51,8 +51,11 @@ struct Struck : InstallerWorld {
   /// Goes by what `status` says about the folder that a broken run left, as a user would.
   void recover() {
     const json left = status();
-    const Ending next =
-        left["installed"] == true || left["incomplete"] == true ? repair() : install();
+    const bool installed = left["installed"] == true, unfinished = left["incomplete"] == true;
+    // No part stands or lacks without the record or the marker that answers for it.
+    for (const char* part : {"native/bootstrap", "launcher", "trust"})
+      EXPECT_TRUE(unfinished || fs::exists(root / part) == installed) << part;
+    const Ending next = installed || unfinished ? repair() : install();
     EXPECT_EQ(next.status, 0) << next.errors;
     expect_healthy();
   }
