@@ -52,12 +52,12 @@ enum class AccessLists {
   somebody_else,
 };
 
-/// Reads every list of the node, at most 128 entries of each. Changes nothing.
-AccessLists inspect_access_lists(int descriptor) noexcept;
+/// Reads every list that such a node can have, at most 128 entries of each. Changes nothing.
+AccessLists inspect_access_lists(int descriptor, bool directory) noexcept;
 
 /// Takes all lists from a node, so that the mode bits alone hold. 0, or -1 with `errno` set; a file
 /// system without lists is fine.
-int clear_access_lists(int descriptor) noexcept;
+int clear_access_lists(int descriptor, bool directory) noexcept;
 
 /// A rename that fails with `EEXIST` when `to` exists. 0, or -1 with `errno` set; never done in two
 /// steps where the file system cannot do it in one.
@@ -72,5 +72,13 @@ bool needs_certificate_bundle() noexcept;
 
 /// The file in which the system keeps them, as PEM; empty when there is none that can be read.
 std::string certificate_bundle();
+
+/// What a shortcut is on this system.
+enum class ShortcutForm { desktop_entry, launch_document };
+ShortcutForm shortcut_form() noexcept;
+
+/// Makes the application at this path the one that opens launch documents. False when it cannot be,
+/// as everywhere that has no such documents.
+bool register_launch_handler(const std::string& application) noexcept;
 
 }  // namespace tavro::host

@@ -118,13 +118,16 @@ int preallocate(int descriptor, long long length, long long size) noexcept {
   return error;
 }
 
-AccessLists inspect_access_lists(int descriptor) noexcept {
+// Only a directory has a default list: for a file the second call is saved.
+AccessLists inspect_access_lists(int descriptor, bool directory) noexcept {
   const AccessLists verdict = inspect_list(descriptor, access_list);
-  return verdict == AccessLists::nobody_else ? inspect_list(descriptor, default_list) : verdict;
+  if (!directory || verdict != AccessLists::nobody_else) return verdict;
+  return inspect_list(descriptor, default_list);
 }
 
-int clear_access_lists(int descriptor) noexcept {
-  return clear_list(descriptor, access_list) == 0 ? clear_list(descriptor, default_list) : -1;
+int clear_access_lists(int descriptor, bool directory) noexcept {
+  const int answer = clear_list(descriptor, access_list);
+  return directory && answer == 0 ? clear_list(descriptor, default_list) : answer;
 }
 
 int rename_new(const char* from, const char* to) noexcept {
@@ -138,6 +141,10 @@ int exchange_names(int left_directory, const char* left, int right_directory,
     return system_calls().renameat2(left_directory, left, right_directory, right, RENAME_EXCHANGE);
   });
 }
+
+ShortcutForm shortcut_form() noexcept { return ShortcutForm::desktop_entry; }
+
+bool register_launch_handler(const std::string&) noexcept { return false; }
 
 bool needs_certificate_bundle() noexcept { return true; }
 
