@@ -6,6 +6,7 @@
 
 #include "app/launcher_store.h"
 #include "app/native_install.h"
+#include "app/shortcut_ledger.h"
 #include "domain/input.h"
 
 namespace tavro {
@@ -44,6 +45,8 @@ NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_ro
   status.bootstrap_build = current_bootstrap(paths).build_id;
   status.launcher_build = launcher_build(paths.root);
   status.bootstrap_update_pending = bootstrap_update_pending(paths.root);
+  for (const auto& shortcut : owned_native_shortcuts(paths.root))
+    status.shortcuts.push_back(path_from_utf8(shortcut.path));
   status.last_operation = last_operation(paths);
   return status;
 }

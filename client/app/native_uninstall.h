@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "app/native_install.h"
+#include "app/shortcut_ledger.h"
 #include "domain/json.h"
 
 namespace tavro {
@@ -30,13 +31,6 @@ struct NativeUninstallResult {
 
   /// The document of the command `uninstall`.
   json to_json() const;
-};
-
-/// What became of the recorded shortcuts.
-struct ShortcutRemoval {
-  std::vector<std::filesystem::path> removed;
-  /// Changed by the user; they stay.
-  std::vector<std::filesystem::path> changed;
 };
 
 }  // namespace tavro

@@ -1,5 +1,6 @@
 #include "support/installation.h"
 
+#include <cstdlib>
 #include <fstream>
 
 #include "support/snapshot_archive.h"
@@ -19,7 +20,10 @@ void copy_tree(const fs::path& from, const fs::path& to) {
   fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
 }
 
-Installation::Installation(const SealedPackageOptions& options) : package(folder.path(), options) {}
+Installation::Installation(const SealedPackageOptions& options) : package(folder.path(), options) {
+  // The menu is this installation's own too.
+  setenv("XDG_DATA_HOME", (folder.path() / "share").c_str(), 1);
+}
 
 NativeInstallResult Installation::install(bool repair) {
   return NativeInstaller::install({package.folder, paths.root, repair, true}, package.seal, {});

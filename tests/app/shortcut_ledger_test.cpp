@@ -1,0 +1,213 @@
+#include "app/shortcut_ledger.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "app/menu_icon.h"
+#include "domain/input.h"
+#include "platform/desktop_entry.h"
+#include "support/fail_nth_call.h"
+#include "support/failure.h"
+#include "support/installation.h"
+#include "support/snapshot_archive.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+using Paths = std::vector<fs::path>;
+
+struct ShortcutLedger : testing::Test {
+  ShortcutLedger() {
+    // Others may change it, so that no link in it is the system's, even where root tests.
+    fs::permissions(at, fs::perms(0770));
+    put_file(shortcut.executable, "a bootstrap");
+    fs::permissions(root, fs::perms::owner_all);
+    fs::permissions(root / "native", fs::perms::owner_all);
+    fs::create_directory(at / "menu");
+  }
+
+  bool create(const fs::path& path) const {
+    return create_owned_native_shortcut(shortcut, path).at("created").get<bool>();
+  }
+  std::string refusal(const fs::path& path) const {
+    return failure_of([&] { create(path); });
+  }
+  fs::path entry(int number) const { return at / "menu" / (std::to_string(number) + ".desktop"); }
+  json document(int count) const {
+    json entries = json::array();
+    for (int number = 0; number < count; ++number)
+      entries.push_back(
+          {{"path", entry(number).string()}, {"game", ""}, {"name", "Old"}, {"sha256", ""}});
+    return {{"schema_version", 1}, {"kind", "tavro-shortcuts"}, {"entries", entries}};
+  }
+  void write(const std::string& text) const {
+    put_file(ledger, text);
+    fs::permissions(ledger, fs::perms(0600));
+  }
+
+  TempFolder folder;
+  const fs::path at = folder.path(), root = at / "data", ledger = root / "native/shortcuts.json";
+  const DesktopShortcut shortcut{root / "native/bootstrap/bin/tavro-bootstrap", root, "", "Tavro"};
+};
+
+TEST_F(ShortcutLedger, KnowsItsOwnShortcutsByTheirBytes) {
+  for (int number = 1; number <= 4; ++number) EXPECT_TRUE(create(entry(number)));
+  const auto recorded = tree_content(at);
+  EXPECT_FALSE(create(entry(1)));
+  EXPECT_EQ(tree_content(at), recorded);
+  put_file(entry(2), "the user's");
+  fs::remove(entry(3));
+  fs::remove(entry(4));
+  fs::create_symlink(entry(1), entry(4));
+  EXPECT_THAT(refusal(entry(2)), testing::StartsWith("already_exists: "));
+  EXPECT_EQ(owned_native_shortcuts(root).size(), 4U);
+
+  EXPECT_EQ(restore_owned_native_shortcuts(root, shortcut.executable), Paths{entry(3)});
+  EXPECT_EQ(read_file(entry(3), 65536), linux_desktop_entry(shortcut));
+  EXPECT_EQ(read_file(entry(2), 65536), "the user's");
+  fs::remove(entry(3));
+  const auto removal = remove_owned_native_shortcuts(root);
+  EXPECT_EQ(removal.removed, Paths{entry(1)});
+  EXPECT_EQ(removal.changed, (Paths{entry(2), entry(4)}));
+  EXPECT_EQ(owned_native_shortcuts(root).size(), 0U);
+  EXPECT_EQ(read_file(entry(2), 65536), "the user's");
+  EXPECT_TRUE(fs::is_symlink(entry(4)));
+  EXPECT_TRUE(remove_owned_native_shortcuts(root).changed.empty());
+  EXPECT_TRUE(remove_owned_native_shortcuts(at / "none").removed.empty());
+  EXPECT_FALSE(fs::exists(at / "none"));
+}
+
+TEST_F(ShortcutLedger, HoldsNoMoreThan128) {
+  write(document(128).dump());
+  EXPECT_EQ(refusal(at / "menu/new.desktop"), "size_limit: Too many recorded shortcuts");
+  EXPECT_TRUE(create(entry(127)));
+  EXPECT_EQ(owned_native_shortcuts(root).at(127).name, "Tavro");
+  write(document(129).dump());
+  EXPECT_EQ(refusal(entry(0)), "shortcut_ledger: Unsupported shortcut list " + ledger.string());
+}
+
+TEST_F(ShortcutLedger, LeavesAloneWhatItCannotRead) {
+  create(entry(0));
+  const std::string good = read_file(ledger, 262144);
+  const auto with = [&](const json& patch) {
+    json damaged = json::parse(good);
+    damaged.merge_patch(patch);
+    return damaged.dump();
+  };
+  const auto with_path = [&](const json& path) {
+    json damaged = json::parse(good);
+    damaged["entries"][0]["path"] = path;
+    return damaged.dump();
+  };
+  const std::string unsupported = "Unsupported shortcut list ",
+                    malformed = "Shortcut list is malformed: ";
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {with({{"schema_version", 2}}), "shortcut_ledger: " + unsupported + ledger.string()},
+      {with({{"kind", "tavro-launch-document"}}), "shortcut_ledger: " + unsupported},
+      {with({{"entries", "none"}}), "shortcut_ledger: " + unsupported},
+      {with({{"entries", nullptr}}), "shortcut_ledger: " + malformed + ledger.string()},
+      {with({{"entries", {1}}}), "shortcut_ledger: " + malformed},
+      {with_path(7), "shortcut_ledger: " + malformed},
+      {with_path("menu/x.desktop"), "shortcut_path: "},
+      {with_path("/a\nb"), "shortcut_text: "},
+      {good.substr(0, good.size() / 2), "shortcut_ledger: " + malformed},
+      {"", "shortcut_ledger: " + malformed},
+      {good + std::string(262145 - good.size(), ' '), "size_limit: "},
+  };
+  for (const auto& [text, failure] : rows) {
+    write(text);
+    const auto before = tree_content(at);
+    for (const auto& work : std::vector<std::function<void()>>{
+             [&] { create(entry(1)); }, [&] { owned_native_shortcuts(root); },
+             [&] { remove_owned_native_shortcuts(root); },
+             [&] { restore_owned_native_shortcuts(root, shortcut.executable); }})
+      EXPECT_THAT(failure_of(work), testing::StartsWith(failure));
+    EXPECT_EQ(tree_content(at), before) << failure;
+  }
+  write(good);
+  put_file(entry(0), std::string(65537, 'x'));
+  EXPECT_EQ(code_of([&] { remove_owned_native_shortcuts(root); }), "size_limit");
+  EXPECT_EQ(owned_native_shortcuts(root).size(), 1U);
+}
+
+TEST_F(ShortcutLedger, RefusesTheDataFolderUnderEverySpelling) {
+  const std::string inside = "shortcut_path: Shortcuts must be outside the data folder";
+  EXPECT_EQ(refusal(root), inside);
+  EXPECT_EQ(refusal(root / "x.desktop"), inside);
+  EXPECT_EQ(refusal(root / "none/x.desktop"), inside);
+  fs::create_directory_symlink(root, at / "link");
+  EXPECT_THAT(refusal(at / "link/x.desktop"), testing::StartsWith("unsafe_path: "));
+  EXPECT_THAT(refusal(at / "menu/../data/x.desktop"), testing::StartsWith("shortcut_path: "));
+  put_file(root / ".tavro-setup-incomplete", "");
+  EXPECT_THAT(refusal(entry(0)), testing::StartsWith("native_install_incomplete: "));
+  fs::remove(root / ".tavro-setup-incomplete");
+  fs::create_directory(at / "bound");
+  if (mount(root.c_str(), (at / "bound").c_str(), "", MS_BIND, nullptr) != 0)
+    GTEST_SKIP() << "may not mount";
+  EXPECT_EQ(refusal(at / "bound/x.desktop"), inside);
+  EXPECT_EQ(native_menu_entry(at / "bound", "", ""), native_menu_entry(root, "", ""));
+  umount2((at / "bound").c_str(), MNT_DETACH);
+}
+
+TEST_F(ShortcutLedger, IsChangedByOneProcessAtATime) {
+  constexpr int each = 15;
+  std::vector<pid_t> children;
+  for (int process = 0; process < 3; ++process) {
+    children.push_back(fork());
+    if (children.back() != 0) continue;
+    const std::string failure = failure_of([&] {
+      for (int number = 0; number < each; ++number) create(entry(process * 100 + number));
+    });
+    _exit(failure.empty() ? 0 : 1);
+  }
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(owned_native_shortcuts(root).size(), 3U * each);
+  EXPECT_EQ(remove_owned_native_shortcuts(root).removed.size(), 3U * each);
+}
+
+TEST_F(ShortcutLedger, LeavesNoShortcutThatItDoesNotKnowWhereverWritingFails) {
+  const int struck = strike_each_call(
+      Fault::fail, EIO, [&] { fs::remove(ledger), fs::remove(entry(0)); },
+      [&] { create(entry(0)); },
+      [&](const Stop& stop) {
+        const bool known = owned_native_shortcuts(root).size() == 1;
+        EXPECT_TRUE(!fs::exists(entry(0)) || known) << stop.nth << stop.call;
+        EXPECT_TRUE(!stop.code.empty() || fs::exists(entry(0)));
+      });
+  EXPECT_GT(struck, 12);
+}
+
+TEST(MenuIcon, IsTheLargestImageThatDesktopsShow) {
+  const auto image = [](int width, std::uint32_t size, std::uint32_t offset) {
+    std::string text{static_cast<char>(width)};
+    text.append(7, '\0');
+    for (const auto value : {size, offset})
+      for (int byte = 0; byte < 4; ++byte) text += static_cast<char>(value >> 8 * byte);
+    return text;
+  };
+  const auto icon = [](const std::string& images, int count) {
+    return std::string("\0\0\1\0", 4) + static_cast<char>(count) + '\0' + images;
+  };
+  const std::string png = "\x89PNG\r\n\x1a\n";
+  EXPECT_EQ(largest_png(icon(image(16, 9, 54) + image(0, 10, 63) + image(255, 8, 0), 3) + png +
+                        "a" + png + "bc"),
+            png + "bc");
+  for (const std::string& hostile :
+       {std::string(), icon("", 255), icon(image(0, 0xFFFFFFFF, 0xFFFFFFFF), 1),
+        icon(image(0, 30, 6), 1), icon(image(0, 4, 22), 200) + png})
+    EXPECT_EQ(largest_png(hostile), "");
+}
+
+}  // namespace
+}  // namespace tavro
