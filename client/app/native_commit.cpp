@@ -56,8 +56,10 @@ void discard_bootstrap_update(const fs::path& native) {
 
 void commit_bootstrap(const DataPaths& paths, const NativePackage& package) {
   swap_part({paths.bootstrap, paths.staging / "bootstrap", paths.staging / "old-bootstrap"});
-  atomic_write(paths.bootstrap_manifest, package.bootstrap_descriptor);
+  // Before the manifest: once that proves the new tree, a run that finishes a cut-off commit keeps
+  // the bootstrap, and would keep the old one's update with it.
   discard_bootstrap_update(paths.native);
+  atomic_write(paths.bootstrap_manifest, package.bootstrap_descriptor);
 }
 
 void commit_icon(const DataPaths& paths, const NativePackage& package) {

@@ -10,6 +10,7 @@
 #include "app/launcher_store.h"
 #include "app/native_commit.h"
 #include "app/native_package.h"
+#include "app/shortcut_ledger.h"
 #include "app/tavro_closed.h"
 #include "domain/error.h"
 #include "domain/input.h"
@@ -103,31 +104,64 @@ void stage(const DataPaths& paths, const NativePackage& package, const InstallPl
   cancellation.check();
 }
 
-/// Best effort: the folder returns to what it was, unless the commit had begun. Player data and
-/// unknown files stay.
-void discard_failed_install(const DataPaths& paths, bool fresh) {
-  if (fresh) {
-    remove_path_quietly(paths.root);
+/// A folder that did not exist before goes as a whole, in an order that keeps it honest: cut off
+/// anywhere, it is not taken for an installation, and a further run knows it for its own. The lock
+/// goes last, and the folder only if it is empty by then: another run may have entered.
+void discard_new_folder(const DataPaths& paths) {
+  std::error_code ignored;
+  fs::remove(paths.installation, ignored);
+  bool emptied = true;
+  for (const auto& entry : children(paths.root))
+    if (entry != paths.native && entry != paths.incomplete_marker && entry != paths.setup_lock)
+      emptied = remove_path_quietly(entry) && emptied;
+  if (!emptied || !remove_path_quietly(paths.native)) return;
+  fs::remove(paths.incomplete_marker, ignored);
+  fs::remove(paths.setup_lock, ignored);
+  fs::remove(paths.root, ignored);
+}
+
+/// Takes back what a failed install did to a folder that it found, unless the commit had begun.
+/// Player data and unknown files stay.
+void discard_additions(const DataPaths& paths) {
+  remove_path_quietly(paths.staging);
+  if (!is_absent(paths.incomplete_marker) || !is_absent(paths.installation)) return;
+  std::error_code ignored;
+  fs::remove(paths.bootstrap_lock, ignored);
+  remove_path_quietly(paths.native);
+  fs::remove(paths.setup_lock, ignored);
+}
+
+/// Best effort, so that the failure itself is what the caller hears of.
+void discard_failed_install(const DataPaths& paths, bool fresh) noexcept {
+  try {
+    if (fresh)
+      discard_new_folder(paths);
+    else
+      discard_additions(paths);
+  } catch (const std::exception&) {
+    // What stays is for the next run.
     return;
   }
-  remove_path_quietly(paths.staging);
-  if (stands(paths.incomplete_marker) || stands(paths.installation)) return;
-  remove_path_quietly(paths.native);
-  std::error_code ignored;
-  fs::remove(paths.setup_lock, ignored);
-  fs::remove(paths.bootstrap_lock, ignored);
+}
+
+/// Nothing is rolled back. Only what was staged for a commit that never began goes, for it may be
+/// what fills the disk.
+void settle_failed_repair(const DataPaths& paths, std::string_view problem) {
+  if (is_absent(paths.incomplete_marker)) remove_path_quietly(paths.staging);
+  write_status(paths, "repair", "failed", problem);
 }
 
 /// One run, as far as it works under the locks.
 class LockedRun {
  public:
-  LockedRun(const DataPaths& paths, const NativePackage& package, bool repair, bool fresh,
+  /// `was_absent`: nothing stood at the root when the run began.
+  LockedRun(const DataPaths& paths, const NativePackage& package, bool repair, bool was_absent,
             const Cancellation& cancellation)
       : paths_(paths),
         package_(package),
         cancellation_(cancellation),
         repair_(repair),
-        fresh_(fresh) {}
+        was_absent_(was_absent) {}
 
   NativeInstallResult run() {
     // Without this lock the folder is another worker's, so that nothing in it may be settled; and
@@ -138,7 +172,7 @@ class LockedRun {
       return install();
     } catch (const std::exception& failure) {
       if (repair_)
-        write_status(paths_, "repair", "failed", failure.what());
+        settle_failed_repair(paths_, failure.what());
       else
         discard_failed_install(paths_, fresh_);
       throw;
@@ -148,7 +182,7 @@ class LockedRun {
  private:
   NativeInstallResult install() {
     // Another run may have come and gone between the look at the folder and the lock.
-    fresh_ = fresh_ && holds_nothing_but_setup_lock(paths_);
+    fresh_ = was_absent_ && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
     private_directory(paths_.native);
     const NativeFileLock closed =
@@ -169,8 +203,25 @@ class LockedRun {
   const NativePackage& package_;
   const Cancellation& cancellation_;
   const bool repair_;
-  bool fresh_;
+  const bool was_absent_;
+  bool fresh_ = false;
 };
+
+/// A repair brings back what is missing; an install makes the launcher's shortcut, unless a front
+/// end makes that of the brand's game instead.
+void make_shortcuts(const DataPaths& paths, const NativeInstallRequest& request,
+                    const NativePackage& package, std::vector<fs::path>& shortcuts) {
+  const fs::path target = shortcut_bootstrap(paths);
+  if (request.repair) {
+    shortcuts = restore_owned_native_shortcuts(paths.root, target);
+    return;
+  }
+  if (!request.create_shortcut || (package.brand && package.featured_game)) return;
+  const std::string name = package.brand ? package.brand->name : "Tavro";
+  const fs::path entry = native_menu_entry(paths.root, "", name);
+  create_owned_native_shortcut({target, paths.root, "", name}, entry);
+  shortcuts.push_back(entry);
+}
 
 UninstallEntry uninstall_entry(const DataPaths& paths, const std::optional<Brand>& brand) {
   UninstallEntry entry;
@@ -207,13 +258,16 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
   const DataPaths paths(data_folder(request.data_root));
   require_apart(paths.root, package.root);
   require_room(paths, package);
-  const bool fresh = is_absent(paths.root);
+  const bool was_absent = is_absent(paths.root);
   require_starting_point(paths, request.repair);
 
   // The first change on disk.
   private_directory(paths.root);
-  NativeInstallResult result = LockedRun(paths, package, request.repair, fresh, cancellation).run();
+  NativeInstallResult result =
+      LockedRun(paths, package, request.repair, was_absent, cancellation).run();
 
+  guarded(result.shortcut_problem,
+          [&] { make_shortcuts(paths, request, package, result.shortcuts); });
   guarded(result.shortcut_problem,
           [&] { register_uninstall_entry(uninstall_entry(paths, package.brand)); });
   write_status(paths, request.repair ? "repair" : "install", "succeeded", result.shortcut_problem);

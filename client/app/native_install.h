@@ -73,14 +73,16 @@ class NativeInstaller {
   static NativeUninstallResult uninstall(const NativeUninstallRequest& request,
                                          const NativeSetupCallbacks& callbacks);
 
-  /// `game`, `destination` and `name` may be empty. Throws `not_installed`; this version makes no
-  /// shortcuts and then always answers `shortcuts_unavailable`.
+  /// Creates and records a shortcut of the launcher, or of `game` when that is not empty, and
+  /// returns its path. An empty `destination` means the usual place; an empty `name` the game or
+  /// the product. A shortcut that stands there as recorded is fine. Throws `not_installed`, and as
+  /// `native_menu_entry` and `create_owned_native_shortcut`.
   static std::filesystem::path create_shortcut(const std::filesystem::path& data_root,
                                                std::string_view game,
                                                const std::filesystem::path& destination,
                                                std::string_view name);
 
-  /// Throws as `create_shortcut`.
+  /// Throws `not_installed`, and as `remove_owned_native_shortcuts`.
   static ShortcutRemoval remove_shortcuts(const std::filesystem::path& data_root);
 };
 

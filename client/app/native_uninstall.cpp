@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <exception>
 #include <system_error>
 
 #include "app/brand.h"
@@ -10,6 +11,7 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "domain/product_name.h"
 #include "platform/files.h"
 #include "platform/native_files.h"
 #include "platform/native_lock.h"
@@ -69,16 +71,38 @@ class Removal {
   bool remove_data_;
 };
 
+void require_removable(const DataPaths& paths) {
+  require_installed(stands(paths.installation) || stands(paths.incomplete_marker), paths.root);
+}
+
+/// On a full disk, which the user may be about to free, the record itself becomes the marker: it
+/// only has to stand there, and a move takes no space.
+void mark_removal(const DataPaths& paths) {
+  try {
+    mark_incomplete(paths);
+  } catch (const Error& error) {
+    if (error.code != "insufficient_space") throw;
+    if (is_directory_itself(paths.native) && stands(paths.installation))
+      native_files::rename_replace(paths.installation, paths.incomplete_marker);
+    require(stands(paths.incomplete_marker), error.code, error.what());
+    sync_directory(paths.root);
+  }
+}
+
 /// The record goes before all that it describes. It is not looked for behind a link in place of the
 /// native folder: that link goes, and what it leads to stays.
 void remove_installation_record(const DataPaths& paths) {
   if (is_directory_itself(paths.native)) native_files::remove_or_trash(paths.installation, {});
 }
 
-void remove_lock_files(const DataPaths& paths) {
+/// Without the marker the folder counts as removed, so that the removals must be durable first. The
+/// setup lock goes right before it: from then on another run may enter and set a marker of its own.
+void remove_locks_and_marker(const DataPaths& paths) {
   std::error_code ignored;
   fs::remove(paths.bootstrap_lock, ignored);
+  sync_directory(paths.root);
   fs::remove(paths.setup_lock, ignored);
+  clear_incomplete(paths);
 }
 
 /// The folder itself, if nothing of the player's is left in it; best effort.
@@ -93,7 +117,16 @@ DataPaths installed_paths(const fs::path& data_root) {
   return paths;
 }
 
-constexpr std::string_view no_shortcuts = "This version cannot create or remove shortcuts";
+/// Shortcuts never stop an uninstall. Behind a link in place of the native folder none are
+/// recorded.
+std::vector<fs::path> remove_shortcuts_quietly(const DataPaths& paths) {
+  try {
+    if (!is_directory_itself(paths.native)) return {};
+    return remove_owned_native_shortcuts(paths.root).changed;
+  } catch (const std::exception&) {
+    return {};
+  }
+}
 
 }  // namespace
 
@@ -101,27 +134,28 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
                                                  const NativeSetupCallbacks& callbacks) {
   const Cancellation cancellation(callbacks);
   const DataPaths paths(data_folder(request.data_root));
-  require_installed(stands(paths.installation) || stands(paths.incomplete_marker), paths.root);
+  require_removable(paths);
   const Removal removal(paths, request.remove_data);
   NativeUninstallResult result;
   result.data_root = paths.root;
 
   const NativeFileLock setup(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  // Another run may have come and gone since the first look.
+  require_removable(paths);
   {
     const NativeFileLock closed = wait_for_tavro_closed(paths, request.timeout, cancellation);
     // The last point of return.
     cancellation.check();
     cancellation.report("removing", 0, 0);
-    mark_incomplete(paths);
+    // Read first: the record may become the marker.
     const auto brand = installed_brand(paths.root);
+    mark_removal(paths);
     remove_installation_record(paths);
     remove_uninstall_entry(uninstall_entry_key(brand));
+    result.changed_shortcuts = remove_shortcuts_quietly(paths);
     removal.run(result);
   }
-  remove_lock_files(paths);
-  // Without the marker the folder counts as removed, so that the removals must be durable first.
-  sync_directory(paths.root);
-  clear_incomplete(paths);
+  remove_locks_and_marker(paths);
   remove_root(paths.root, request.remove_data);
   if (!result.deferred.empty()) native_files::remove_after_exit(removal.trash());
   result.data_removed = !stands(paths.root);
@@ -129,15 +163,19 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
   return result;
 }
 
-fs::path NativeInstaller::create_shortcut(const fs::path& data_root, std::string_view,
-                                          const fs::path&, std::string_view) {
-  installed_paths(data_root);
-  fail("shortcuts_unavailable", no_shortcuts);
+fs::path NativeInstaller::create_shortcut(const fs::path& data_root, std::string_view game,
+                                          const fs::path& destination, std::string_view name) {
+  const DataPaths paths = installed_paths(data_root);
+  if (name.empty()) name = game.empty() ? std::string_view(product_name()) : game;
+  const fs::path path = destination.empty() ? native_menu_entry(paths.root, game, name)
+                                            : fs::absolute(destination).lexically_normal();
+  create_owned_native_shortcut(
+      {shortcut_bootstrap(paths), paths.root, std::string(game), std::string(name)}, path);
+  return path;
 }
 
 ShortcutRemoval NativeInstaller::remove_shortcuts(const fs::path& data_root) {
-  installed_paths(data_root);
-  fail("shortcuts_unavailable", no_shortcuts);
+  return remove_owned_native_shortcuts(installed_paths(data_root).root);
 }
 
 json NativeUninstallResult::to_json() const {

@@ -40,17 +40,11 @@ json created_document(const SetupCommand& command) {
   return {{"schema_version", 1}, {"created", path_utf8(created)}};
 }
 
-json path_texts(const std::vector<std::filesystem::path>& paths) {
-  json texts = json::array();
-  for (const auto& path : paths) texts.push_back(path_utf8(path));
-  return texts;
-}
-
 json removed_document(const SetupCommand& command) {
   const ShortcutRemoval removal = NativeInstaller::remove_shortcuts(command.data_root);
   return {{"schema_version", 1},
-          {"removed", path_texts(removal.removed)},
-          {"changed", path_texts(removal.changed)}};
+          {"removed", path_array(removal.removed)},
+          {"changed", path_array(removal.changed)}};
 }
 
 // What follows reads documents of this process's own making.

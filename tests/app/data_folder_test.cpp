@@ -21,7 +21,7 @@ TEST(DataFolder, AcceptsOnlyAFolderThatCanBeOne) {
   const std::string root = "unsafe_path: The data folder cannot be a filesystem root";
   const std::vector<std::pair<fs::path, std::string>> rows = {
       {"", "unsafe_path: Choose a data folder"},
-      {"/" + std::string(4096, 'a'), "unsafe_path: Choose a data folder"},
+      {std::string(4097, 'a'), "unsafe_path: Choose a data folder"},
       {fs::path(std::string("a\0b", 3)), "unsafe_path: Choose a data folder"},
       {"/", root},
       {base / "", root},

@@ -33,8 +33,6 @@ TEST_F(Install, MakesAPrivateFolderThatProvesIntact) {
   EXPECT_TRUE(status.installed);
   EXPECT_EQ(status.bootstrap_build + status.launcher_build, "1.0.01.0.0");
   EXPECT_EQ(status.last_operation->action + status.last_operation->outcome, "installsucceeded");
-  EXPECT_EQ(read_file(paths.trust / "root.json", 524288),
-            read_file(at.package.path("root"), 524288));
   EXPECT_FALSE(stands(paths.staging) || stands(paths.incomplete_marker));
   for (const auto& folder : {paths.root, paths.native, paths.launcher, paths.trust})
     EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all) << folder;
@@ -84,6 +82,29 @@ TEST_F(Install, TakesAnEarlierFolderAndKeepsWhatIsNotItsOwn) {
     EXPECT_EQ(at.keeps_player_data(), played);
     EXPECT_EQ(stands(paths.root / "notes.txt"), noted);
   }
+}
+
+TEST_F(Install, TakesAStoppedRunBack) {
+  NativeSetupCallbacks callbacks;
+  bool stopped = false;
+  callbacks.progress = [&](auto phase, auto...) { stopped = phase == "installing"; };
+  callbacks.cancelled = [&] { return stopped; };
+  const auto run = [&](bool repair) {
+    const NativeInstallRequest request{at.package.folder, paths.root, repair, true};
+    return code_of([&] { NativeInstaller::install(request, at.package.seal, callbacks); });
+  };
+  EXPECT_EQ(run(false), "cancelled");
+  EXPECT_FALSE(stands(paths.root));
+  at.add_player_data();
+  put_file(paths.root / "notes.txt", "mine");
+  const auto before = tree_content(paths.root);
+  EXPECT_EQ(run(false), "cancelled");
+  EXPECT_EQ(tree_content(paths.root), before);
+  at.install();
+  put_file(paths.bootstrap / "stray", "");
+  EXPECT_EQ(run(true), "cancelled");
+  EXPECT_EQ(at.status().last_operation->message, "Operation cancelled at a safe boundary");
+  EXPECT_FALSE(stands(paths.staging));
 }
 
 TEST_F(Install, LeavesTheFolderOfAnotherWorkerAlone) {

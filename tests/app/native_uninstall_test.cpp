@@ -4,6 +4,7 @@
 
 #include "app/launcher_store.h"
 #include "domain/json.h"
+#include "support/fail_nth_call.h"
 #include "support/failure.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
@@ -20,7 +21,6 @@ class Uninstall : public testing::Test {
     put_file(outside / "file", "not ours");
     fs::create_directory_symlink(outside, paths.root / "link");
     put_file(paths.root / "notes.txt", "unknown, but in the installation's folder");
-    copy_tree(paths.root, clean);
     at.add_player_data();
   }
 
@@ -35,7 +35,6 @@ TEST_F(Uninstall, TakesTheFolderAndKeepsOnlyPlayerData) {
   EXPECT_EQ(result.kept.size(), 2U);
   EXPECT_FALSE(result.data_removed);
   EXPECT_EQ(tree_content(paths.root).size(), 2U);
-  EXPECT_TRUE(at.keeps_player_data());
   const auto refusal = "not_installed: Tavro is not installed in " + paths.root.string();
   EXPECT_EQ(failure_of([&] { at.uninstall(true); }), refusal);
   EXPECT_EQ(failure_of([&] { NativeInstaller::remove_shortcuts(paths.root); }), refusal);
@@ -43,10 +42,22 @@ TEST_F(Uninstall, TakesTheFolderAndKeepsOnlyPlayerData) {
   put_file(paths.incomplete_marker, "");
   EXPECT_TRUE(at.uninstall(true).kept.empty());
   EXPECT_FALSE(stands(paths.root));
-  copy_tree(clean, paths.root);
-  EXPECT_TRUE(at.uninstall().data_removed);
-  EXPECT_FALSE(stands(paths.root));
   EXPECT_EQ(tree_content(outside).size(), 1U);
+}
+
+/// A failure leaves what a second run completes; a full disk is no failure, for it is to be freed.
+TEST_F(Uninstall, EndsWellFromEveryPointOfFailure) {
+  const auto check = [&](const Stop& stop) {
+    EXPECT_TRUE(stop.call != "write" || stop.code.empty());
+    EXPECT_EQ(at.status().installed || at.status().incomplete, !stop.code.empty());
+    if (!stop.code.empty()) at.uninstall();
+    EXPECT_EQ(tree_content(paths.root).size(), 2U);
+    EXPECT_TRUE(at.keeps_player_data());
+  };
+  copy_tree(paths.root, clean);
+  const auto prepare = [&] { copy_tree(clean, paths.root); };
+  const auto work = [&] { at.uninstall(); };
+  EXPECT_GT(strike_each_call(Fault::fail, ENOSPC, prepare, work, check), 20);
 }
 
 TEST_F(Uninstall, RemovesALinkInPlaceOfTheNativeFolderAsALink) {
