@@ -21,9 +21,9 @@
 #include "domain/input.h"
 #include "domain/json.h"
 #include "domain/manifest.h"
+#include "domain/unique_fd.h"
 #include "platform/files.h"
 #include "platform/snapshot.h"
-#include "platform/unique_fd.h"
 
 namespace {
 
