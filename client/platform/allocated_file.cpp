@@ -26,15 +26,14 @@ namespace fs = std::filesystem;
 constexpr char changed[] = "allocation_changed";
 constexpr unsigned long long block_bytes = 512;
 
-[[noreturn]] void storage_failure(int error, std::string_view code, const std::string& message) {
+[[noreturn]] void storage_failure(int error, std::string_view code, std::string_view message) {
   require(error != ENOSPC && error != EDQUOT, "insufficient_space",
           "Cannot allocate game storage; free space or choose another location");
-  fail(code, message + " (" + std::to_string(error) + ")");
+  fail(code, std::string(message) + " (" + std::to_string(error) + ")");
 }
 
-int open_for_inspection(const fs::path& path) {
-  return retried(
-      [&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); });
+UniqueFd open_for_inspection(const fs::path& path) {
+  return posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
 }
 
 }  // namespace
@@ -52,7 +51,7 @@ struct AllocatedFile::Impl : FileReservation {
   Impl& operator=(const Impl&) = delete;
   ~Impl() {
     descriptor.reset();
-    if (owned && identity_known && path_names_file()) system_calls().unlink(path.c_str());
+    if (owned && identity_known && path_names_file()) remove();
   }
 
   enum class Opening { create, reopen };
@@ -61,6 +60,9 @@ struct AllocatedFile::Impl : FileReservation {
   void reopen(const FileReservation& record, unsigned long long least, unsigned long long most);
 
   bool path_names_file() const noexcept;
+  bool remove() const noexcept {
+    return retried([&] { return system_calls().unlink(path.c_str()); }) == 0;
+  }
   void require_path(std::string_view message) const {
     require(path_names_file(), changed, message);
   }
@@ -78,28 +80,26 @@ struct AllocatedFile::Impl : FileReservation {
 };
 
 bool AllocatedFile::Impl::path_names_file() const noexcept {
-  struct stat named {};
-  return ::lstat(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) && named.st_dev == device &&
-         named.st_ino == inode;
+  const auto named = posix_files::node_at(path);
+  return named && S_ISREG(named->st_mode) && named->st_dev == device && named->st_ino == inode;
 }
 
 unsigned long long AllocatedFile::Impl::inspect() {
-  struct stat status {};
-  require(::fstat(descriptor.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-              status.st_nlink == 1 && status.st_size >= 0,
+  const auto node = posix_files::node_of(descriptor.get());
+  require(node && S_ISREG(node->st_mode) && node->st_nlink == 1 && node->st_size >= 0,
           "unsafe_path", "Allocation requires an ordinary single-link file");
   if (private_file) {
-    constexpr mode_t forbidden = S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX;
-    require(status.st_uid == ::geteuid() && (status.st_mode & forbidden) == 0, "permissions",
+    constexpr mode_t forbidden = posix_files::mode_bits & ~mode_t{S_IRWXU};
+    require(node->st_uid == ::geteuid() && (node->st_mode & forbidden) == 0, "permissions",
             [] { return host::naming_system("", " allocation must remain private and owned"); });
-    posix_files::require_private_acl(descriptor.get());
+    posix_files::require_private_acl(descriptor.get(), false);
   }
-  require(!identity_known || (device == status.st_dev && inode == status.st_ino), changed,
+  require(!identity_known || (device == node->st_dev && inode == node->st_ino), changed,
           "Prepared allocation identity changed");
-  device = status.st_dev;
-  inode = status.st_ino;
+  device = node->st_dev;
+  inode = node->st_ino;
   identity_known = true;
-  return static_cast<unsigned long long>(status.st_size);
+  return static_cast<unsigned long long>(node->st_size);
 }
 
 void AllocatedFile::Impl::require_in_bounds(unsigned long long least, std::string_view message) {
@@ -132,7 +132,7 @@ void AllocatedFile::Impl::open(Opening opening) {
   constexpr int common = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
   const bool is_new = opening == Opening::create;
   const int flags = is_new ? common | O_CREAT | O_EXCL : common;
-  descriptor.reset(retried([&] { return system_calls().open(path.c_str(), flags, 0600); }));
+  descriptor = posix_files::open(path, flags, 0600);
   if (!descriptor)
     storage_failure(errno, "unsafe_path",
                     "Cannot exclusively create or reopen a prepared allocation");
@@ -209,7 +209,7 @@ AllocatedFile::~AllocatedFile() = default;
 void AllocatedFile::verify_identity(const FileReservation& reservation) {
   Impl file(reservation);
   file.identity_known = true;
-  file.descriptor.reset(open_for_inspection(file.path));
+  file.descriptor = open_for_inspection(file.path);
   require(bool(file.descriptor), "unsafe_path", "Cannot inspect owned partial file identity");
   file.require_in_bounds(0, "Owned partial file identity or bounds changed");
 }
@@ -217,7 +217,7 @@ void AllocatedFile::verify_identity(const FileReservation& reservation) {
 FileReservation AllocatedFile::inspect_file(const fs::path& path) {
   Impl file;
   file.path = fs::absolute(path);
-  file.descriptor.reset(open_for_inspection(file.path));
+  file.descriptor = open_for_inspection(file.path);
   require(bool(file.descriptor), "unsafe_path", "Cannot inspect cache file identity");
   file.size = file.inspect();
   file.require_path("Cache file changed during inspection");
@@ -232,10 +232,9 @@ unsigned long long AllocatedFile::size() const { return impl_->inspect(); }
 
 unsigned long long AllocatedFile::allocated_bytes() const {
   impl_->inspect();
-  struct stat status {};
-  require(::fstat(impl_->descriptor.get(), &status) == 0 && status.st_blocks >= 0, "volume_query",
-          "Cannot inspect existing file allocation");
-  return storage_sum::multiply(static_cast<unsigned long long>(status.st_blocks), block_bytes);
+  const auto node = posix_files::node_of(impl_->descriptor.get());
+  require(node && node->st_blocks >= 0, "volume_query", "Cannot inspect existing file allocation");
+  return storage_sum::multiply(static_cast<unsigned long long>(node->st_blocks), block_bytes);
 }
 
 void AllocatedFile::reserve_remaining() {
@@ -260,7 +259,7 @@ void AllocatedFile::discard() {
   impl_->owned = true;
   impl_->descriptor.reset();
   impl_->require_path("Partial path changed before disposal");
-  if (system_calls().unlink(impl_->path.c_str()) != 0)
+  if (!impl_->remove())
     throw fs::filesystem_error("cannot remove", impl_->path,
                                std::error_code(errno, std::generic_category()));
   impl_->owned = false;
@@ -317,8 +316,8 @@ void AllocatedFile::write(std::string_view bytes) {
 void AllocatedFile::set_executable(bool executable) {
   impl_->require_in_bounds(0, "Allocated file changed before setting executable permissions");
   const mode_t mode = executable ? 0700 : 0600;
-  require(system_calls().fchmod(impl_->descriptor.get(), mode) == 0, "file_permissions",
-          "Cannot set private allocated file permissions");
+  require(retried([&] { return system_calls().fchmod(impl_->descriptor.get(), mode); }) == 0,
+          "file_permissions", "Cannot set private allocated file permissions");
   impl_->require_path("Allocated file changed while setting executable permissions");
 }
 

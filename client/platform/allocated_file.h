@@ -80,8 +80,9 @@ class AllocatedFile {
   void write(std::string_view bytes);
   /// Sets mode 0700 or 0600; the file stays private. Throws `file_permissions`.
   void set_executable(bool executable);
-  /// Ends the file at `written`, makes it durable and gives it up: from now on the file stays. With
-  /// `require_complete` fewer bytes than the size are `length_mismatch`.
+  /// Ends the file at `written`, makes it durable and gives it up: from now on the file stays. Its
+  /// name is durable once the caller syncs the directory. With `require_complete` fewer bytes than
+  /// the size are `length_mismatch`.
   void finish(bool require_complete);
   /// `finish` without the sync, for a writer of many files that syncs each of them later, before
   /// anything refers to them: the system starts to write the data out, and promises nothing yet.

@@ -11,8 +11,7 @@
 #include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/unique_fd.h"
-#include "platform/system_calls.h"
+#include "platform/posix_files.h"
 
 namespace tavro {
 namespace {
@@ -75,8 +74,7 @@ struct BoundedZstd::Impl {
 BoundedZstd::BoundedZstd(const std::filesystem::path& archive, unsigned long long limit)
     : impl_(new Impl) {
   impl_->limit = limit;
-  impl_->file.reset(retried(
-      [&] { return ::open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); }));
+  impl_->file = posix_files::open(archive, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
   impl_->decoder.reset(ZSTD_createDCtx());
   require(impl_->file && impl_->decoder, "archive", "Cannot open bounded snapshot decoder");
   const auto set =
@@ -100,14 +98,14 @@ std::string_view BoundedZstd::output() const noexcept {
   return {impl_->output_block.data(), impl_->output_size};
 }
 
-ssize_t BoundedZstd::callback(struct archive* reader, void* self, const void** buffer) {
+ssize_t BoundedZstd::callback(struct archive* reader, void* self, const void** buffer) noexcept {
   auto& decoder = *static_cast<BoundedZstd*>(self);
   try {
     const std::size_t size = decoder.read();
     *buffer = decoder.impl_->output_block.data();
     return static_cast<ssize_t>(size);
   } catch (const std::exception& error) {
-    decoder.impl_->first_error = error.what();
+    if (decoder.impl_->first_error.empty()) decoder.impl_->first_error = error.what();
     archive_set_error(reader, EINVAL, "%s", error.what());
     return -1;
   }

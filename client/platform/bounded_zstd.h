@@ -30,7 +30,7 @@ class BoundedZstd {
 
   /// The read callback of a tar reader, with `self` a `BoundedZstd`. No exception passes through
   /// the library: the text of a failure is kept for `finish`, and -1 is returned.
-  static ssize_t callback(struct archive* reader, void* self, const void** buffer);
+  static ssize_t callback(struct archive* reader, void* self, const void** buffer) noexcept;
 
   /// Proves the end of frame and file, also when the tar reader stopped early; raises a kept text.
   void finish();

@@ -80,9 +80,10 @@ struct ConsoleInterrupt::State {
 
   void install() {
     unsigned char free = 0;
-    require(scope_owned.compare_exchange_strong(free, 1), "signal",
-            "Console cancellation handler is already installed");
-    owner = true;
+    owner = scope_owned.compare_exchange_strong(free, 1);
+    // The owner may be listening on this very descriptor, and goes on.
+    if (!owner) reader.release();
+    require(owner, "signal", "Console cancellation handler is already installed");
     interrupted = 0;
     struct sigaction action {};
     action.sa_handler = note_interrupt;

@@ -9,6 +9,7 @@
 #include "domain/manifest.h"
 #include "domain/relative_path.h"
 #include "platform/files.h"
+#include "platform/posix_files.h"
 #include "platform/tree.h"
 
 namespace tavro {
@@ -41,10 +42,10 @@ struct FoundFile {
   bool executable_by_owner = false;
 
   FoundFile(const std::filesystem::path& path, const PackageFile& declared) {
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    has_length = static_cast<unsigned long long>(status.st_size) == declared.length;
-    executable_by_owner = (status.st_mode & S_IXUSR) != 0;
+    const auto node = posix_files::node_at(path);
+    if (!node || !S_ISREG(node->st_mode)) return;
+    has_length = static_cast<unsigned long long>(node->st_size) == declared.length;
+    executable_by_owner = (node->st_mode & S_IXUSR) != 0;
   }
 
   bool lacks_permission(const PackageFile& declared) const {

@@ -41,10 +41,10 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest,
 
 /// Turns an archive of format "tar.zst-v1" into a new private tree at `staging`, which must not
 /// exist. The archive is proved by length and digest before it is decoded, every file against the
-/// manifest while it is written, and the finished tree again from the disk. On return the tree is
-/// on stable media, and so is its name.
+/// manifest as soon as it is written, and the finished tree again from the disk. On return the tree
+/// is on stable media, and so is its name.
 ///
-/// Memory: three blocks of 65536 bytes and the decoder's window of at most 64 MiB, whatever the
+/// Memory: four blocks of 65536 bytes and the decoder's window of at most 64 MiB, whatever the
 /// size of the package.
 ///
 /// Throws `content_mismatch`, `staging_exists`, `archive`, `archive_path`, `archive_type`,

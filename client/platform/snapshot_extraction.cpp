@@ -116,10 +116,10 @@ class Extraction {
     make_directories(relative);
 
     AllocatedFile file(path, declared.length, {});
-    const std::string sha256 = copy_content(file, declared.length);
+    copy_content(file, declared.length);
     file.set_executable(declared.executable);
     file.finish_unsynchronized(true);
-    require(sha256 == declared.sha256, "content_mismatch",
+    require(digest_file(path, "sha256") == declared.sha256, "content_mismatch",
             "Extracted file hash differs from manifest");
   }
 
@@ -143,9 +143,7 @@ class Extraction {
     }
   }
 
-  /// The digest of what was written: the second reading, of the finished tree, is from the disk.
-  std::string copy_content(AllocatedFile& file, unsigned long long length) {
-    DigestState digest("sha256");
+  void copy_content(AllocatedFile& file, unsigned long long length) {
     unsigned long long written = 0;
     for (;;) {
       const auto count = archive_read_data(reader_.get(), block_.data(), block_.size());
@@ -155,13 +153,11 @@ class Extraction {
       require(bytes.size() <= length - written, "size_limit",
               "Archive expands beyond authenticated file length");
       file.write(bytes);
-      digest.update(bytes);
       written += bytes.size();
       done_ += bytes.size();
       report(progress_, done_, manifest_.expanded_length);
     }
     require(written == length, "archive", "Snapshot file is truncated");
-    return digest.value();
   }
 
   const SnapshotManifest& manifest_;

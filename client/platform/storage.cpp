@@ -4,10 +4,11 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <cstdint>
 #include <limits>
 
 #include "domain/error.h"
-#include "domain/unique_fd.h"
+#include "platform/posix_files.h"
 #include "platform/system_calls.h"
 
 namespace tavro {
@@ -16,10 +17,13 @@ namespace {
 constexpr auto unknown = std::numeric_limits<unsigned long long>::max();
 
 void read_entry_counters(const struct statvfs& geometry, StorageVolume& volume) {
-  // A volume without a fixed table of entries says 0, or fills the whole field with ones.
-  constexpr auto all_ones = std::numeric_limits<fsfilcnt_t>::max();
-  if (geometry.f_files == 0 || geometry.f_files == all_ones || geometry.f_favail == all_ones)
-    return;
+  // A volume without a fixed table of entries says 0, or fills the field with ones: its own of 32
+  // bits, or the whole one.
+  constexpr auto all_ones = [](fsfilcnt_t count) {
+    return count == std::numeric_limits<std::uint32_t>::max() ||
+           count == std::numeric_limits<fsfilcnt_t>::max();
+  };
+  if (geometry.f_files == 0 || all_ones(geometry.f_files) || all_ones(geometry.f_favail)) return;
   volume.inode_capacity = geometry.f_files;
   volume.available_inodes = geometry.f_favail;
 }
@@ -46,7 +50,8 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& directory) {
   const auto space = std::filesystem::space(directory);
   struct stat status {};
   struct statvfs geometry {};
-  require(::stat(directory.c_str(), &status) == 0 && ::statvfs(directory.c_str(), &geometry) == 0,
+  require(retried([&] { return ::stat(directory.c_str(), &status); }) == 0 &&
+              retried([&] { return ::statvfs(directory.c_str(), &geometry); }) == 0,
           "volume_query", "Cannot inspect storage volume allocation geometry");
 
   StorageVolume volume;
@@ -62,16 +67,14 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& directory) {
 
 std::array<unsigned long long, 2> inspect_storage_directory(
     const std::filesystem::path& directory) {
-  const UniqueFd descriptor(retried(
-      [&] { return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+  constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  const UniqueFd descriptor = posix_files::open(directory, flags);
   require(bool(descriptor), "unsafe_path", "Cannot inspect prepared directory identity");
-  struct stat opened {};
-  struct stat named {};
-  require(::fstat(descriptor.get(), &opened) == 0 && ::lstat(directory.c_str(), &named) == 0 &&
-              S_ISDIR(opened.st_mode) && S_ISDIR(named.st_mode) && opened.st_dev == named.st_dev &&
-              opened.st_ino == named.st_ino,
+  const auto held = posix_files::node_of(descriptor.get());
+  const auto named = posix_files::node_at(directory);
+  require(held && named && S_ISDIR(held->st_mode) && posix_files::same_node(*held, *named),
           "unsafe_path", "Prepared directory is linked, replaced or unavailable");
-  return {opened.st_dev, opened.st_ino};
+  return {held->st_dev, held->st_ino};
 }
 
 namespace storage_sum {

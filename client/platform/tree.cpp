@@ -35,7 +35,7 @@ class Retirement {
     require(type == fs::file_type::not_found || type == fs::file_type::regular, "unsafe_path",
             "Changed managed paths were preserved");
     if (type == fs::file_type::regular) {
-      require(system_calls().unlink(path.c_str()) == 0, "file_remove",
+      require(retried([&] { return system_calls().unlink(path.c_str()); }) == 0, "file_remove",
               "Cannot remove a declared managed file");
       to_sync_.insert(path.parent_path());
     }
@@ -78,7 +78,8 @@ class Retirement {
   };
 
   void remove_directory(const fs::path& directory, std::string_view message) {
-    require(system_calls().rmdir(directory.c_str()) == 0, "file_remove", message);
+    require(retried([&] { return system_calls().rmdir(directory.c_str()); }) == 0, "file_remove",
+            message);
     to_sync_.erase(directory);
     to_sync_.insert(directory.parent_path());
   }

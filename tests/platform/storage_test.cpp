@@ -33,57 +33,46 @@ TEST(Storage, InspectsOnlyAnOrdinaryDirectoryAndBelievesOnlyWhatCanBe) {
   std::filesystem::create_directory_symlink(".", folder.path() / "link");
   EXPECT_EQ(code_of([&] { inspect_storage_volume(folder.path() / "link"); }), "unsafe_path");
   EXPECT_EQ(code_of([&] { inspect_storage_directory(folder.path() / "link"); }), "unsafe_path");
-  void (*const damages[])(StorageVolume&) = {
-      [](auto& v) { v.allocation_unit = 0; }, [](auto& v) { v.available_bytes = ~0ULL; },
-      [](auto& v) { v.inode_capacity.reset(); }, [](auto& v) { v.available_inodes = ~0ULL; }};
-  for (const auto& damage : damages) {
-    auto volume = roomy;
-    damage(volume);
-    EXPECT_EQ(code_of([&] { make_storage_volume_budget(volume); }), "volume_query");
-  }
+  for (const auto& [bytes, inodes] : {std::pair(~0ULL, 0ULL), std::pair(0ULL, ~0ULL)})
+    EXPECT_EQ(code_of([&] { make_storage_volume_budget(volume_of(bytes, inodes)); }),
+              "volume_query");
 }
 
-TEST(StoragePlan, ChargesWholeUnitsAndAUnitForEachEntry) {
-  EXPECT_EQ(snapshot_storage_file_entries(files_of({{"a/b/c", 1}, {"a/d", 1}})), 5U);
-  const auto budget = plan_install_storage(one_byte, roomy, false, 0, false).at("volume");
-  EXPECT_EQ(budget.at("additional_bytes"), (3U + 3U) * 4096U + margin);
-  EXPECT_EQ(budget.at("peak_capacity_bytes"), (1ULL << 40) - (1 << 30) + 6 * 4096U + margin);
-  EXPECT_EQ(budget.at("peak_inodes"), 1000000U - 1000U + 2U + 1U + 64U);
+TEST(StoragePlan, ChargesWholeUnitsAUnitForEachEntryAndTheDownloadThatIsMissing) {
+  const auto peak = plan_install_storage(one_byte, roomy, false, 0, false).at("volume");
+  EXPECT_EQ(peak.at("peak_capacity_bytes"), (1ULL << 40) - (1 << 30) + 6 * 4096U + margin);
+  EXPECT_EQ(peak.at("peak_inodes"), 1000000U - 1000U + 2U + 1U + 64U);
   const auto pair = plan_native_payload_storage(one_byte, files_of({{"b/c", 4097}}), roomy, 7);
   EXPECT_EQ(pair.at("volume").at("additional_bytes"), (3U + 5U + 7U) * 4096U + 20971520U);
   EXPECT_EQ(pair.at("volume").at("additional_file_entries"), 2U + 3U + 7U + 64U);
+  EXPECT_EQ(snapshot_storage_file_entries(files_of({{"a/b/c", 1}, {"a/d", 1}})), 5U);
+
+  const auto download = [](bool cached, Amount existing, bool partial) {
+    const auto plan = plan_install_storage(one_byte, roomy, cached, existing, partial);
+    return plan.at("volume").at("download_bytes").get<Amount>();
+  };
+  EXPECT_EQ(download(false, 4096, true), 4096U);
+  EXPECT_EQ(download(false, 16384, true), 0U);
+  EXPECT_EQ(download(true, 4096, true), 0U);
+  EXPECT_EQ(code_of([&] { download(false, 1, false); }), "volume_query");
   const auto huge = files_of({{"a", ~0ULL - 5000}, {"b", 5000}});
   EXPECT_EQ(code_of([&] { plan_install_storage(huge, roomy, true, 0, false); }), "size_limit");
 }
 
-TEST(StoragePlan, ChargesTheDownloadThatIsStillMissing) {
-  const auto charge = [](bool cached, Amount existing, bool partial) {
-    const auto plan = plan_install_storage(one_byte, roomy, cached, existing, partial);
-    return plan.at("volume").at("download_bytes").get<Amount>();
-  };
-  EXPECT_EQ(charge(false, 0, false), 8192U + 4096U);
-  EXPECT_EQ(charge(false, 4096, true), 4096U);
-  EXPECT_EQ(charge(false, 16384, true), 0U);
-  EXPECT_EQ(charge(true, 4096, true), 0U);
-  EXPECT_EQ(code_of([&] { charge(false, 1, false); }), "volume_query");
-}
-
 TEST(StoragePlan, TellsAShortfallInTheUnitThatIsMissing) {
-  const auto told = [](StorageVolume volume) {
+  const auto told = [](Amount lacking_bytes, Amount lacking_entries, bool counted) {
+    auto volume = volume_of(3 * 4096 + margin - lacking_bytes, 2 + 64 - lacking_entries);
+    if (!counted) volume.inode_capacity = volume.available_inodes = std::nullopt;
     const auto plan = plan_install_storage(one_byte, volume, true, 0, false);
     return failure_of([&] { require_install_storage(plan, ""); });
   };
-  const auto lacking = [&](Amount bytes, Amount entries) {
-    return told(volume_of(3 * 4096 + margin - bytes, 2 + 64 - entries));
-  };
   const std::string start = "insufficient_space: Storage at /data needs ";
   const std::string end = " before installation; free space first";
-  EXPECT_EQ(lacking(0, 0), "");
-  EXPECT_EQ(lacking(1, 0), start + "1 more byte" + end);
-  EXPECT_EQ(lacking(2, 9), start + "2 more bytes" + end);
-  EXPECT_EQ(lacking(0, 1), start + "1 more file entry" + end);
-  EXPECT_EQ(lacking(0, 5), start + "5 more file entries" + end);
-  EXPECT_EQ(told({"/data", "device:1", 4096, 1ULL << 40, 1 << 30, {}, {}}), "") << "no counters";
+  EXPECT_EQ(told(0, 0, true) + told(0, 1, false), "");
+  EXPECT_EQ(told(1, 0, true), start + "1 more byte" + end);
+  EXPECT_EQ(told(2, 9, true), start + "2 more bytes" + end);
+  EXPECT_EQ(told(0, 1, true), start + "1 more file entry" + end);
+  EXPECT_EQ(told(0, 5, true), start + "5 more file entries" + end);
 }
 
 }  // namespace
