@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "domain/error.h"
-#include "domain/unique_fd.h"
 #include "platform/files.h"
 #include "platform/host.h"
 #include "platform/posix_files.h"
@@ -18,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int max_components = 128;
 constexpr int walk_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 [[noreturn]] void refuse(std::string_view code, std::string_view before, std::string_view after) {
@@ -42,21 +40,18 @@ fs::path resolved_target(const fs::path& path) {
 /// the path meanwhile can lead the walk elsewhere.
 class DirectoryWalk {
  public:
-  explicit DirectoryWalk(const fs::path& root)
-      : current_(retried([&] { return system_calls().open(root.c_str(), walk_flags, mode_t{}); })) {
+  explicit DirectoryWalk(const fs::path& root) : current_(posix_files::open(root, walk_flags)) {
     if (!current_) refuse("unsafe_path", "Cannot anchor ", " directory ancestry");
   }
 
   void enter(const char* name, bool last) {
-    if (++depth_ > max_components)
-      refuse("size_limit", "", " directory ancestry exceeds its bound");
-    UniqueFd next(open_entry(name, last));
+    if (++depth_ > max_ancestry) refuse("size_limit", "", " directory ancestry exceeds its bound");
+    UniqueFd next = open_entry(name, walk_flags);
+    // A folder above that holds everybody's homes is often passable and yet not readable.
+    const bool unreadable = !next && errno == EACCES && !last && host::search_only() != 0;
+    if (unreadable) next = open_entry(name, walk_flags | host::search_only());
     const bool created = !next && errno == ENOENT;
-    if (created) {
-      if (retried([&] { return system_calls().mkdirat(current_.get(), name, S_IRWXU); }) != 0)
-        refuse("permissions", "Cannot reserve a new ", " private directory");
-      next.reset(open_entry(name, true));
-    }
+    if (created) next = create_entry(name);
     if (!next) refuse("unsafe_path", "", " directory ancestry is missing or linked");
     const struct stat node = entered(next.get(), name);
     if (created)
@@ -64,35 +59,39 @@ class DirectoryWalk {
     else if (last)
       require_own(next.get(), node);
     current_ = std::move(next);
+    readable_ = !unreadable;
   }
 
   void require_at(const fs::path& target) const {
-    struct stat held {};
-    struct stat named {};
-    if (::fstat(current_.get(), &held) != 0 || ::lstat(target.c_str(), &named) != 0 ||
-        !same_node(held, named))
+    const auto held = node_of(current_.get());
+    const auto named = node_at(target);
+    if (!held || !named || !same_node(*held, *named))
       refuse("unsafe_path", "", " private directory path changed");
   }
 
  private:
-  int open_entry(const char* name, bool last) const {
-    const auto attempt = [&](int flags) {
-      return retried([&] { return system_calls().openat(current_.get(), name, flags, mode_t{}); });
-    };
-    const int descriptor = attempt(walk_flags);
-    // A folder above that holds everybody's homes is often passable and yet not readable.
-    if (descriptor >= 0 || errno != EACCES || last || host::search_only() == 0) return descriptor;
-    return attempt(walk_flags | host::search_only());
+  UniqueFd open_entry(const char* name, int flags) const {
+    return UniqueFd(
+        retried([&] { return system_calls().openat(current_.get(), name, flags, mode_t{}); }));
+  }
+
+  UniqueFd create_entry(const char* name) const {
+    // Without a readable parent the new name could not be synced, and the next run would take it
+    // for an old one.
+    if (!readable_ ||
+        retried([&] { return system_calls().mkdirat(current_.get(), name, S_IRWXU); }) != 0)
+      refuse("permissions", "Cannot reserve a new ", " private directory");
+    return open_entry(name, walk_flags);
   }
 
   struct stat entered(int descriptor, const char* name) const {
-    struct stat held {};
+    const auto held = node_of(descriptor);
     struct stat named {};
-    if (::fstat(descriptor, &held) != 0 ||
-        ::fstatat(current_.get(), name, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISDIR(held.st_mode) || !same_node(held, named))
+    const bool read =
+        retried([&] { return ::fstatat(current_.get(), name, &named, AT_SYMLINK_NOFOLLOW); }) == 0;
+    if (!held || !read || !S_ISDIR(held->st_mode) || !same_node(*held, named))
       refuse("unsafe_path", "", " directory ancestry changed");
-    return held;
+    return *held;
   }
 
   // The name becomes durable only after the privacy, and before anything is created below it.
@@ -103,17 +102,17 @@ class DirectoryWalk {
   }
 
   static void require_own(int descriptor, const struct stat& node) {
-    constexpr mode_t all_bits = 07777;
-    if (node.st_uid == ::geteuid() && (node.st_mode & all_bits) != S_IRWXU) {
+    if (node.st_uid == ::geteuid() && (node.st_mode & mode_bits) != S_IRWXU) {
       // Narrowing the mode would quietly take from an access list what it grants.
-      require_private_acl(descriptor);
+      require_private_acl(descriptor, true);
       if (retried([&] { return system_calls().fchmod(descriptor, S_IRWXU); }) != 0)
         refuse("permissions", "Cannot restrict ", " directory permissions");
     }
-    require_private_node(descriptor, true);
+    private_node(descriptor, true);
   }
 
   UniqueFd current_;
+  bool readable_ = true;
   int depth_ = 0;
 };
 

@@ -7,15 +7,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <optional>
 #include <string>
-#include <system_error>
 
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/relative_path.h"
-#include "domain/unique_fd.h"
 #include "platform/host.h"
 #include "platform/posix_files.h"
 #include "platform/system_calls.h"
@@ -31,24 +28,18 @@ enum class Destination { replaced, created };
 enum class Privacy { private_file, plain_file };
 enum class Durability { durable, volatile_file };
 
-/// Empty when the path cannot be examined, for whatever reason.
-std::optional<struct stat> link_status(const fs::path& path) {
-  struct stat node {};
-  if (retried([&] { return ::lstat(path.c_str(), &node); }) != 0) return std::nullopt;
-  return node;
-}
-
 /// A link that no ordinary user can have planted.
 bool is_system_link(const fs::path& path, const struct stat& node) {
   if (!S_ISLNK(node.st_mode) || node.st_uid != 0) return false;
-  const auto holder = link_status(path.parent_path());
+  const auto holder = posix_files::node_at(path.parent_path());
   return holder && S_ISDIR(holder->st_mode) && holder->st_uid == 0 &&
          (holder->st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 fs::path read_system_link(const fs::path& path) {
   std::array<char, 4095> target;
-  const ssize_t size = ::readlink(path.c_str(), target.data(), target.size());
+  const ssize_t size =
+      retried([&] { return ::readlink(path.c_str(), target.data(), target.size()); });
   require(size > 0, "unsafe_path", "Cannot read a system link");
   return std::string(target.data(), static_cast<std::size_t>(size));
 }
@@ -60,7 +51,7 @@ bool walk_system_links(fs::path& path, int& links) {
   fs::path result = path.root_path();
   for (auto component = rest.begin(); component != rest.end(); ++component) {
     const fs::path candidate = result / *component;
-    const auto node = link_status(candidate);
+    const auto node = posix_files::node_at(candidate);
     if (!node) return true;
     if (!is_system_link(candidate, *node)) {
       result = candidate;
@@ -89,12 +80,11 @@ class TemporaryFile {
 
   UniqueFd create() {
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    UniqueFd file(retried([&] { return system_calls().open(path_.c_str(), flags, 0600); }));
-    if (!file)
-      transaction_failure(static_cast<unsigned long>(errno),
-                          "Cannot create transaction file " + path_utf8(path_));
-    created_ = true;
-    return file;
+    UniqueFd file = posix_files::open(path_, flags, 0600);
+    created_ = bool(file);
+    if (created_) return file;
+    const auto error = static_cast<unsigned long>(errno);
+    transaction_failure(error, "Cannot create transaction file " + path_utf8(path_));
   }
 
   const char* name() const { return path_.c_str(); }
@@ -196,22 +186,20 @@ void sync_file(const fs::path& path) {
   require(posix_files::bounded_path(path), code,
           "File synchronization requires a bounded path without NUL bytes");
   constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-  const UniqueFd file(retried([&] { return system_calls().open(path.c_str(), flags, mode_t{}); }));
-  struct stat held {};
-  const bool ordinary =
-      file && ::fstat(file.get(), &held) == 0 && S_ISREG(held.st_mode) && held.st_nlink == 1;
-  require(ordinary, code, "Synchronization requires an ordinary single-link file");
+  const UniqueFd file = posix_files::open(path, flags);
+  const auto held = posix_files::node_of(file.get());
+  require(held && S_ISREG(held->st_mode) && held->st_nlink == 1, code,
+          "Synchronization requires an ordinary single-link file");
   require(posix_files::sync(file.get()) == 0, code, "Could not durably synchronize file");
   // What was synced is now known to be what the path names.
-  const auto named = link_status(path);
-  require(named && named->st_nlink == 1 && posix_files::same_node(held, *named), code,
+  const auto named = posix_files::node_at(path);
+  require(named && named->st_nlink == 1 && posix_files::same_node(*held, *named), code,
           "Synchronized file path changed");
 }
 
 void sync_directory(const fs::path& path) {
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-  const UniqueFd directory(
-      retried([&] { return system_calls().open(path.c_str(), flags, mode_t{}); }));
+  const UniqueFd directory = posix_files::open(path, flags);
   require(bool(directory), "file_sync", "Cannot open directory for synchronization");
   require(posix_files::sync(directory.get()) == 0, "file_sync",
           "Could not durably synchronize directory");

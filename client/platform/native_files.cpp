@@ -1,8 +1,7 @@
 #include "platform/native_files.h"
 
-#include <unistd.h>
-
 #include <cerrno>
+#include <exception>
 #include <system_error>
 
 #include "domain/error.h"

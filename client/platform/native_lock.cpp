@@ -20,28 +20,28 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int max_components = 128;
 constexpr mode_t lock_mode = S_IRUSR | S_IWUSR;
 
+bool single_file(const struct stat& node) { return S_ISREG(node.st_mode) && node.st_nlink == 1; }
+
 bool own_lock_file(const struct stat& node) {
-  constexpr mode_t all_bits = 07777;
-  return S_ISREG(node.st_mode) && node.st_nlink == 1 && node.st_uid == ::geteuid() &&
-         (node.st_mode & all_bits) == lock_mode;
+  return single_file(node) && node.st_uid == ::geteuid() &&
+         (node.st_mode & posix_files::mode_bits) == lock_mode;
 }
 
 /// A lock file of an installation is empty besides.
 bool private_lock(const struct stat& node) { return own_lock_file(node) && node.st_size == 0; }
 
 bool plain_directory(const fs::path& path) {
-  struct stat node {};
-  return ::lstat(path.c_str(), &node) == 0 && S_ISDIR(node.st_mode);
+  const auto node = posix_files::node_at(path);
+  return node && S_ISDIR(node->st_mode);
 }
 
 /// Whether the path's ancestors are plain directories.
 bool ordinary_parent(const fs::path& path) {
   const fs::path parent = resolve_system_links(path).parent_path();
   const fs::path below = parent.relative_path();
-  if (std::distance(below.begin(), below.end()) > max_components) return false;
+  if (std::distance(below.begin(), below.end()) > posix_files::max_ancestry) return false;
   fs::path ancestor = parent.root_path();
   for (const auto& component : below) {
     ancestor /= component;
@@ -52,8 +52,7 @@ bool ordinary_parent(const fs::path& path) {
 
 UniqueFd open_lock(const fs::path& path, int flags) {
   constexpr int always = O_RDWR | O_NOFOLLOW | O_CLOEXEC;
-  return UniqueFd(
-      retried([&] { return system_calls().open(path.c_str(), always | flags, lock_mode); }));
+  return posix_files::open(path, always | flags, lock_mode);
 }
 
 UniqueFd create_or_open(const fs::path& path, int create_flags) {
@@ -65,7 +64,11 @@ UniqueFd create_or_open(const fs::path& path, int create_flags) {
   return file;
 }
 
-int lock_operation(LockMode mode) { return mode == LockMode::exclusive ? LOCK_EX : LOCK_SH; }
+/// Takes the lock, or answers false with `errno` set.
+bool take(int descriptor, LockMode mode, bool wait) {
+  const int operation = (mode == LockMode::exclusive ? LOCK_EX : LOCK_SH) | (wait ? 0 : LOCK_NB);
+  return retried([&] { return system_calls().flock(descriptor, operation); }) == 0;
+}
 
 bool known(LockMode mode) { return mode == LockMode::exclusive || mode == LockMode::shared; }
 
@@ -73,9 +76,11 @@ bool known(NativeLockSharing sharing) {
   return sharing == NativeLockSharing::none || sharing == NativeLockSharing::read;
 }
 
-/// Both results, or false when either cannot be had.
-bool both_status(int descriptor, const fs::path& path, struct stat& held, struct stat& named) {
-  return ::fstat(descriptor, &held) == 0 && ::lstat(path.c_str(), &named) == 0;
+/// Whether the path names the open file, and that is still fit to be a lock.
+bool names(const fs::path& path, int descriptor, bool (*fit)(const struct stat&)) {
+  const auto held = posix_files::node_of(descriptor);
+  const auto named = posix_files::node_at(path);
+  return held && named && fit(*held) && fit(*named) && posix_files::same_node(*held, *named);
 }
 
 }  // namespace
@@ -84,14 +89,12 @@ FileLock::FileLock(const fs::path& path, bool wait, LockMode mode) {
   private_directory(path.parent_path());
   descriptor_ = create_or_open(path, 0);
   require(bool(descriptor_), "lock_failed", "Cannot open operation lock");
-  struct stat node {};
-  require(::fstat(descriptor_.get(), &node) == 0 && own_lock_file(node), "lock_failed",
+  const auto node = posix_files::node_of(descriptor_.get());
+  require(node && own_lock_file(*node), "lock_failed",
           "Operation lock must be an ordinary private owned file");
-  posix_files::require_private_acl(descriptor_.get());
-  const int operation = lock_operation(mode) | (wait ? 0 : LOCK_NB);
-  const bool locked =
-      retried([&] { return system_calls().flock(descriptor_.get(), operation); }) == 0;
-  require(locked, "busy", [] { return branded("Another Tavro operation is using this state"); });
+  posix_files::require_private_acl(descriptor_.get(), false);
+  require(take(descriptor_.get(), mode, wait), "busy",
+          [] { return branded("Another Tavro operation is using this state"); });
 }
 
 void FileLock::retain_until_process_exit() noexcept { descriptor_.release(); }
@@ -99,12 +102,9 @@ void FileLock::retain_until_process_exit() noexcept { descriptor_.release(); }
 bool FileLock::matches_path(const fs::path& path) const noexcept {
   if (!descriptor_) return false;
   try {
-    posix_files::require_private_acl(descriptor_.get());
+    posix_files::require_private_acl(descriptor_.get(), false);
     posix_files::require_private_path(fs::absolute(path), false);
-    struct stat held {};
-    struct stat named {};
-    return both_status(descriptor_.get(), path, held, named) && S_ISREG(held.st_mode) &&
-           held.st_nlink == 1 && named.st_nlink == 1 && posix_files::same_node(held, named);
+    return names(path, descriptor_.get(), single_file);
   } catch (const std::exception&) {
     return false;
   }
@@ -117,13 +117,11 @@ NativeFileLock::NativeFileLock(const fs::path& path, bool create, NativeLockShar
           "Native ownership requires a bounded lock path and known sharing");
   require(ordinary_parent(path), code, "Native ownership requires ordinary existing parents");
   descriptor_ = create ? create_or_open(path, O_NONBLOCK) : open_lock(path, O_NONBLOCK);
-  struct stat node {};
-  require(descriptor_ && ::fstat(descriptor_.get(), &node) == 0 && private_lock(node), code,
+  const auto node = posix_files::node_of(descriptor_.get());
+  require(node && private_lock(*node), code,
           "Native ownership requires an ordinary empty private file");
-  posix_files::require_private_acl(descriptor_.get());
-  const int operation = lock_operation(mode) | LOCK_NB;
-  const bool locked =
-      retried([&] { return system_calls().flock(descriptor_.get(), operation); }) == 0;
+  posix_files::require_private_acl(descriptor_.get(), false);
+  const bool locked = take(descriptor_.get(), mode, false);
   require(locked || errno != EWOULDBLOCK, "busy", "Another worker owns this native installation");
   require(locked, code, "Cannot acquire native installation ownership");
   // The file may have been replaced between the open and the lock.
@@ -134,11 +132,8 @@ bool NativeFileLock::matches_path(const fs::path& path) const noexcept {
   if (!descriptor_ || !posix_files::bounded_path(path)) return false;
   try {
     if (!ordinary_parent(path)) return false;
-    posix_files::require_private_acl(descriptor_.get());
-    struct stat held {};
-    struct stat named {};
-    return both_status(descriptor_.get(), path, held, named) && private_lock(held) &&
-           private_lock(named) && posix_files::same_node(held, named);
+    posix_files::require_private_acl(descriptor_.get(), false);
+    return names(path, descriptor_.get(), private_lock);
   } catch (const std::exception&) {
     return false;
   }

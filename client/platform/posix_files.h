@@ -3,11 +3,27 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <optional>
+
+#include "domain/unique_fd.h"
 
 /// Work on open descriptors, and the definition of private storage: owned by the effective user; a
 /// directory of mode 0700 exactly, or a regular file with one link and no group, other, setuid,
 /// setgid or sticky bit; and no access list that lets anybody else in.
 namespace tavro::posix_files {
+
+/// The permission bits of a mode, with setuid, setgid and sticky.
+inline constexpr mode_t mode_bits = 07777;
+
+/// Components of the longest ancestry that is walked.
+inline constexpr int max_ancestry = 128;
+
+/// `open` through the table in force, interruptions retried; empty with `errno` set on failure.
+UniqueFd open(const std::filesystem::path& path, int flags, mode_t mode = 0);
+
+/// What a descriptor, or a path whose final link is not followed, shows; empty on failure.
+std::optional<struct stat> node_of(int descriptor);
+std::optional<struct stat> node_at(const std::filesystem::path& path);
 
 /// Full durable sync of data and metadata, interruptions retried. 0, or negative with `errno` set;
 /// a failure is final.
@@ -24,10 +40,11 @@ int reserve(int descriptor, unsigned long long size);
 void secure_new_private(int descriptor, bool directory);
 
 /// Throws `permissions` unless the node is private. Changes nothing.
-void require_private_node(int descriptor, bool directory);
+void private_node(int descriptor, bool directory);
 
-/// The access list's part of the definition alone. Throws `permissions`; the list is preserved.
-void require_private_acl(int descriptor);
+/// The access list's part of the definition alone. Throws `permissions`; the list is preserved. A
+/// caller that knows its node for a file saves a call.
+void require_private_acl(int descriptor, bool directory = true);
 
 /// Proves the object that an absolute path of at most 4096 bytes names. A final link is not
 /// followed. Throws `unsafe_path` for the path's form, else `permissions`.
@@ -37,6 +54,7 @@ void require_private_path(const std::filesystem::path& path, bool directory);
 /// the next, or proves an existing directory private; the user's own one is narrowed to 0700 if no
 /// access list lets anybody else in. Existing ancestors are only required to be plain directories.
 /// Links of the operating system are resolved, all others refused. Repeating it changes nothing.
+/// Nothing is created in a directory that cannot be read, since its names could not be synced.
 ///
 /// At most 4096 bytes and 128 components, none of them "..". Throws `unsafe_path`, `size_limit`,
 /// `permissions` or `file_sync`; ancestors created so far stay.

@@ -2,9 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <exception>
+#include <filesystem>
 
 #include "domain/error.h"
 
@@ -17,18 +18,20 @@ struct Strike {
   Fault fault = Fault::fail;
   std::string only;
   const SystemCalls* real = nullptr;
-  std::atomic<int> calls{0};
-  std::atomic<const char*> struck{nullptr};
+  int calls = 0;
+  const char* struck = "";
 };
 Strike strike;
+
+bool struck_before() { return *strike.struck != '\0'; }
 
 /// Counts a call; true when it is the one, or lies behind the one that killed the process.
 bool struck_now(const char* name) {
   if (!strike.only.empty() && strike.only != name)
-    return strike.fault == Fault::cut && strike.struck != nullptr;
-  const int call = ++strike.calls;
-  if (call == strike.nth) strike.struck = name;
-  return call == strike.nth || (strike.fault == Fault::cut && strike.nth > 0 && call > strike.nth);
+    return strike.fault == Fault::cut && struck_before();
+  const bool now = ++strike.calls == strike.nth;
+  if (now) strike.struck = name;
+  return now || (strike.fault == Fault::cut && struck_before());
 }
 
 template <typename Result, typename... Arguments>
@@ -39,7 +42,7 @@ Result carry_out(const char* name, Result (*call)(Arguments...), Arguments... ar
 }
 
 ssize_t striking_write(int descriptor, const void* bytes, std::size_t size) {
-  const bool already_dead = strike.struck != nullptr;
+  const bool already_dead = struck_before();
   if (!struck_now("write")) return strike.real->write(descriptor, bytes, size);
   const bool stores_half = strike.fault != Fault::fail && !already_dead && size > 1;
   const ssize_t stored = stores_half ? strike.real->write(descriptor, bytes, size / 2) : 0;
@@ -86,13 +89,7 @@ constexpr SystemCalls striking_calls{
 #undef TAVRO_STRIKING
 
 const SystemCalls& armed(int nth, int error, Fault fault, std::string_view only) {
-  strike.nth = nth;
-  strike.error = error;
-  strike.fault = fault;
-  strike.only = only;
-  strike.real = &system_calls();
-  strike.calls = 0;
-  strike.struck = nullptr;
+  strike = {nth, error, fault, std::string(only), &system_calls()};
   return striking_calls;
 }
 
@@ -103,9 +100,13 @@ FailNthCall::FailNthCall(int nth, int error, Fault fault, std::string_view only)
 
 int FailNthCall::calls() const { return strike.calls; }
 
-std::string FailNthCall::struck_call() const {
-  const char* name = strike.struck;
-  return name == nullptr ? "" : name;
+std::string FailNthCall::struck_call() const { return strike.struck; }
+
+int replace_open_file(int descriptor) {
+  namespace fs = std::filesystem;
+  const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
+  fs::rename(path, path.string() + ".old");
+  return ::close(::open(path.c_str(), O_CREAT | O_EXCL | O_CLOEXEC, 0600));
 }
 
 int strike_each_call(Fault fault, int error, const std::function<void()>& prepare,

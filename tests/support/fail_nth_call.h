@@ -22,8 +22,8 @@ enum class Fault {
 };
 
 /// Strikes the Nth call that changes the disk, counted from 1, while the object lives; 0 strikes
-/// none and only counts. One object at a time. With `only` just the calls of that name count, such
-/// as "fsync".
+/// none and only counts. One object and one thread at a time. With `only` just the calls of that
+/// name count, such as "fsync".
 class FailNthCall {
  public:
   explicit FailNthCall(int nth, int error = EIO, Fault fault = Fault::fail,
@@ -33,14 +33,15 @@ class FailNthCall {
 
   /// Calls seen so far.
   int calls() const;
-  /// Whether call N has come.
-  bool fired() const { return !struck_call().empty(); }
   /// The name of the call that was struck, empty before.
   std::string struck_call() const;
 
  private:
   SystemCallScope scope_;
 };
+
+/// Puts another file, empty and private too, where that of the descriptor stands. Answers 0.
+int replace_open_file(int descriptor);
 
 /// One stop of a sweep.
 struct Stop {

@@ -26,3 +26,6 @@ std::string code_of(Work&& work) {
 }
 
 }  // namespace tavro
+
+/// Expects the code and message of an `Error` from the call; an empty text where it must return.
+#define EXPECT_FAILURE(call, failure) EXPECT_EQ(::tavro::failure_of([&] { call; }), failure)
