@@ -28,13 +28,10 @@ class Tree : public ::testing::Test {
 TEST_F(Tree, IsRemovedOnlyWhenItHoldsWhatTheSystemMakes) {
   EXPECT_EQ(tree_bytes(root, 6), 7U);
   EXPECT_EQ(code_of([&] { tree_bytes(root, 5); }), "size_limit");
-  const fs::path odd = root / "a/odd";
-  fs::create_symlink("nowhere", odd);
-  EXPECT_EQ(code_of([&] { remove_plain_tree(root); }), "unsafe_path");
-  EXPECT_TRUE(remove_path_quietly(odd) && ::mkfifo(odd.c_str(), 0600) == 0);
+  EXPECT_EQ(::mkfifo((root / "a/odd").c_str(), 0600), 0);
   EXPECT_EQ(code_of([&] { remove_plain_tree(root); }), "unsafe_path");
   EXPECT_EQ(tree_content(root).size(), files.size());
-  fs::remove(odd);
+  EXPECT_TRUE(remove_path_quietly(root / "a/odd"));
   remove_plain_tree(root / "");
   EXPECT_FALSE(fs::exists(root));
 }
