@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
-#include <optional>
 #include <tuple>
 #include <utility>
 
@@ -220,8 +219,9 @@ void set_trust(CURL* easy, const std::filesystem::path& ca_bundle) {
   require(accepts(CURLOPT_CAINFO, none) && accepts(CURLOPT_CAPATH, none), "ca_bundle",
           "Cannot select the certificate trust source");
   if (ca_bundle.empty()) {
-    const std::optional<std::string> system = host::certificate_bundle();
-    const bool found = !system || (!system->empty() && accepts(CURLOPT_CAINFO, system->c_str()));
+    const std::string system = host::certificate_bundle();
+    const bool found = !host::needs_certificate_bundle() ||
+                       (!system.empty() && accepts(CURLOPT_CAINFO, system.c_str()));
     const bool chosen = found && accepts(CURLOPT_SSL_OPTIONS, long{CURLSSLOPT_NATIVE_CA});
     require(chosen, "ca_bundle", "Cannot use the operating system's certificate trust");
     return;

@@ -19,8 +19,7 @@ bool selected_by_hash(const json& prefixes, std::string_view path) {
   const std::string hash = digest(path, "sha256");
   return std::ranges::any_of(prefixes, [&](const json& entry) {
     const auto& prefix = entry.get_ref<const std::string&>();
-    require(!prefix.empty() && prefix.size() <= 64 && is_lower_hex(prefix, prefix.size()),
-            "invalid_metadata", "Invalid delegation hash prefix");
+    hash_prefix_shape(prefix);
     return hash.starts_with(prefix);
   });
 }

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/json_fields.h"
 #include "domain/relative_path.h"
@@ -33,10 +34,6 @@ bool holds_object(const json& object, std::string_view key) {
 
 bool holds_array(const json& object, std::string_view key) {
   return object.is_object() && object.contains(key) && object.at(key).is_array();
-}
-
-bool is_top_level(std::string_view role) {
-  return role == "root" || role == "snapshot" || role == "timestamp" || role == "targets";
 }
 
 /// A decimal number without leading zeros.
@@ -101,14 +98,6 @@ void target_shape(const std::string& path, const json& description) {
           "invalid_metadata", "Target custom data must be an object");
 }
 
-void prefix_shape(const std::string& prefix) {
-  const auto lower_hex = [](char byte) {
-    return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'f');
-  };
-  require(!prefix.empty() && prefix.size() <= 64 && std::ranges::all_of(prefix, lower_hex),
-          "invalid_metadata", "Invalid delegation hash prefix");
-}
-
 void selector_shape(const json& record) {
   const bool by_paths = record.contains("paths");
   const bool one_selector = by_paths != record.contains("path_hash_prefixes");
@@ -123,7 +112,7 @@ void selector_shape(const json& record) {
     if (by_paths)
       require(text.size() <= kPathBytes, "size_limit", "Delegation pattern exceeds path limit");
     else
-      prefix_shape(text);
+      hash_prefix_shape(text);
   }
 }
 
@@ -137,7 +126,7 @@ void delegations_shape(const json& delegations) {
     const auto& name = record.at("name").get_ref<const std::string&>();
     require(!name.empty() && name.size() <= kPathBytes, "size_limit",
             "Delegated role name exceeds its bound");
-    require(!is_top_level(name) && names.insert(name).second, "invalid_metadata",
+    require(!is_top_level_role(name) && names.insert(name).second, "invalid_metadata",
             "Delegated role names must be unique and non-top-level");
     authority_shape(record, delegations.at("keys"));
     selector_shape(record);
@@ -228,6 +217,15 @@ void hashes_shape(const json& hashes) {
     require(text.size() == expected && std::ranges::all_of(text, is_hex), "invalid_hashes",
             "Hash has an invalid length or hexadecimal encoding");
   }
+}
+
+bool is_top_level_role(std::string_view role) {
+  return role == "root" || role == "timestamp" || role == "snapshot" || role == "targets";
+}
+
+void hash_prefix_shape(std::string_view prefix) {
+  require(!prefix.empty() && prefix.size() <= 64 && is_lower_hex(prefix, prefix.size()),
+          "invalid_metadata", "Invalid delegation hash prefix");
 }
 
 unsigned long long length(const json& description) {

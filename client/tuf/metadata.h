@@ -39,6 +39,12 @@ void authority_shape(const json& record, const json& keys);
 /// `unsupported_hash`.
 void hashes_shape(const json& hashes);
 
+/// Whether the name is one of the four roles that a root names.
+bool is_top_level_role(std::string_view role);
+
+/// 1 to 64 characters of lower-case hexadecimal. Throws `invalid_metadata`.
+void hash_prefix_shape(std::string_view prefix);
+
 /// The `length` of a file description, in bytes. Throws `invalid_metadata` or `invalid_length`.
 unsigned long long length(const json& description);
 

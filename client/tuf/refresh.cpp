@@ -58,6 +58,8 @@ void TufClient::Impl::refresh() {
   refreshed = selected_loaded = false;
   pending_snapshot.reset();
   now = clock();
+  // A refresh before this one may have failed in the midst of a rotation.
+  clear_rotated_state();
   for (unsigned long long taken = 0; taken < limits.root_rotations; ++taken)
     if (!take_next_root()) break;
   // Only after the walk, so that an expired root can still be replaced.
@@ -129,6 +131,8 @@ bool TufClient::Impl::supersedes_stored_timestamp(const json& candidate, const j
 }
 
 void TufClient::Impl::load_selected_metadata() {
+  // What an earlier attempt fetched and refused must not be stored by this one.
+  pending_snapshot.reset();
   require_unexpired(timestamp);
   const std::optional<json> stored = local("snapshot");
   if (stored) shape(*stored, "snapshot");
@@ -138,7 +142,6 @@ void TufClient::Impl::load_selected_metadata() {
   if (stored) require_no_rollback(*stored, snapshot);
   // Stored only now: a bad snapshot must not replace the record that gives it away.
   if (pending_snapshot) persist("snapshot", *pending_snapshot);
-  pending_snapshot.reset();
   targets = load_role("targets", snapshot.at("signed").at("meta").at("targets.json"), keys,
                       authority_of(root, "targets"), "targets");
   selected_loaded = true;

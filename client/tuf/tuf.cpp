@@ -17,15 +17,11 @@ namespace {
 constexpr unsigned long long kFirstRootBytes = 524288;
 constexpr unsigned long long kStoredRootBytes = 4194304;
 
-bool is_top_level(std::string_view role) {
-  return role == "root" || role == "timestamp" || role == "snapshot" || role == "targets";
-}
-
 }  // namespace
 
 std::filesystem::path role_cache(const std::filesystem::path& directory, std::string_view role) {
   const std::string name =
-      is_top_level(role) ? std::string(role) : "delegated-" + digest(role, "sha256");
+      is_top_level_role(role) ? std::string(role) : "delegated-" + digest(role, "sha256");
   return safe_join(directory, name + ".json", false);
 }
 
