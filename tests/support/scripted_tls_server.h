@@ -1,45 +1,140 @@
 #pragma once
 
+#include <netinet/in.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+#include <sys/socket.h>
+
+#include <csignal>
+#include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
-namespace tavro {
+#include "domain/deleter.h"
+#include "domain/unique_fd.h"
 
-/// The certificate of a `ScriptedTlsServer`: self-signed, so that it is its own bundle.
-struct TlsCertificate {
-  std::string host = "localhost";
-  /// Seconds from now.
-  long not_before = -3600;
-  long not_after = 3600;
-};
+namespace tavro {
 
 /// An HTTPS server on a free port of the loopback that says byte for byte what a test wants: one
 /// request a connection, then the answer, then the end of the connection.
 class ScriptedTlsServer {
  public:
-  /// Gets the request, head and body as they came, and returns all that is sent. Runs on the
-  /// server's thread, one request at a time.
-  using Answer = std::function<std::string(const std::string& request)>;
-
-  /// Keeps its certificate as "PORT.pem" in `folder`.
-  ScriptedTlsServer(const std::filesystem::path& folder, Answer answer,
-                    const TlsCertificate& certificate = {});
+  /// Keeps its self-signed certificate for `host`, which is its own bundle, in `folder`.
+  explicit ScriptedTlsServer(const std::filesystem::path& folder,
+                             const std::string& host = "localhost") {
+    std::signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not end the test
+    if (!listen() || !certify(folder, host)) throw std::runtime_error("no scripted server");
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~ScriptedTlsServer() {
+    ::shutdown(listener_.get(), SHUT_RDWR);
+    thread_.join();
+  }
   ScriptedTlsServer(const ScriptedTlsServer&) = delete;
   ScriptedTlsServer& operator=(const ScriptedTlsServer&) = delete;
-  ~ScriptedTlsServer();
 
-  /// "https://localhost:PORT", whatever host the certificate names.
-  std::string origin() const;
-  std::filesystem::path bundle() const;
-  /// The requests so far.
-  std::vector<std::string> requests() const;
+  /// All that is sent for each request from now on.
+  void say(const std::string& answer) {
+    const std::scoped_lock lock(mutex_);
+    answer_ = answer;
+  }
+  /// The requests so far, head and body as they came.
+  std::vector<std::string> requests() const {
+    const std::scoped_lock lock(mutex_);
+    return requests_;
+  }
+  /// Names "localhost", whatever host the certificate names.
+  std::string origin() const { return "https://localhost:" + port_; }
+  const std::filesystem::path& bundle() const { return bundle_; }
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
+  using Certificate = std::unique_ptr<X509, Deleter<X509_free>>;
+  using Extension = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
+  using Session = std::unique_ptr<SSL, Deleter<SSL_free>>;
+
+  bool listen() {
+    sockaddr_in address{};
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_family = AF_INET;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    const bool done = ::bind(listener_.get(), generic, size) == 0 &&
+                      ::listen(listener_.get(), 16) == 0 &&
+                      ::getsockname(listener_.get(), generic, &size) == 0;
+    port_ = std::to_string(ntohs(address.sin_port));
+    return done;
+  }
+
+  bool certify(const std::filesystem::path& folder, const std::string& host) {
+    const Key key(EVP_EC_gen("P-256"));
+    const Certificate certificate(X509_new());
+    X509* x509 = certificate.get();
+    X509_set_version(x509, X509_VERSION_3);
+    X509_gmtime_adj(X509_getm_notBefore(x509), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(x509), 3600);
+    X509_set_pubkey(x509, key.get());
+    const std::string names = "DNS:" + host;
+    const Extension extension(
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names.c_str()));
+    X509_NAME* name = X509_get_subject_name(x509);
+    const auto* text = reinterpret_cast<const unsigned char*>(names.c_str());
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, text, -1, -1, 0);
+    X509_set_issuer_name(x509, name);
+    bundle_ = folder / (port_ + ".pem");
+    std::FILE* file = std::fopen(bundle_.c_str(), "we");
+    return X509_add_ext(x509, extension.get(), -1) == 1 &&
+           X509_sign(x509, key.get(), EVP_sha256()) > 0 && file != nullptr &&
+           PEM_write_X509(file, x509) == 1 && std::fclose(file) == 0 &&
+           SSL_CTX_use_certificate(context_.get(), x509) == 1 &&
+           SSL_CTX_use_PrivateKey(context_.get(), key.get()) == 1;
+  }
+
+  /// Head and body of one request; cut short when the client goes away.
+  static std::string read_request(SSL* session) {
+    std::string request;
+    std::size_t wanted = std::string::npos;
+    for (char block[4096]; request.size() < wanted;) {
+      const int count = SSL_read(session, block, sizeof block);
+      if (count <= 0) break;
+      request.append(block, static_cast<std::size_t>(count));
+      const std::size_t end = request.find("\r\n\r\n"), length = request.find("Content-Length: ");
+      if (end == std::string::npos) continue;
+      wanted = end + 4 + (length < end ? std::stoul(request.substr(length + 16)) : 0);
+    }
+    return request;
+  }
+
+  void serve() {
+    for (;;) {
+      const UniqueFd connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!connection) return;
+      const Session session(SSL_new(context_.get()));
+      SSL_set_fd(session.get(), connection.get());
+      if (SSL_accept(session.get()) != 1) continue;
+      const std::string request = read_request(session.get());
+      // A client that refused the certificate leaves without a word.
+      if (request.empty()) continue;
+      const std::scoped_lock lock(mutex_);
+      requests_.push_back(request);
+      SSL_write(session.get(), answer_.data(), static_cast<int>(answer_.size()));
+      SSL_shutdown(session.get());
+    }
+  }
+
+  std::unique_ptr<SSL_CTX, Deleter<SSL_CTX_free>> context_{SSL_CTX_new(TLS_server_method())};
+  UniqueFd listener_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  std::string port_, answer_;
+  std::filesystem::path bundle_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> requests_;
+  std::thread thread_;
 };
 
 }  // namespace tavro

@@ -7,7 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "domain/json.h"
+#include "domain/error.h"
+#include "publisher/keys.h"
 #include "transport/transport.h"
 
 namespace tavro {
@@ -17,22 +18,20 @@ namespace tavro {
 ///
 /// At first each role is signed by one key of its own name, at version 1 and good until 2040. Keys
 /// come into being at their first use and are shared by all repositories of the process: "root..."
-/// and "targets..." are P-256, "rsa..." is RSA, every other name Ed25519.
+/// is P-256, "rsa..." is RSA, every other name Ed25519.
 class SignedRepository : public Transport {
  public:
   SignedRepository();
 
-  /// The signed bodies.
+  /// The signed bodies, those of delegated roles by name.
   json root, timestamp, snapshot, targets;
-  /// The signed bodies of delegated roles, by name.
   std::map<std::string, json> delegated;
   /// Names of the keys that sign each role, top-level or delegated.
   std::map<std::string, std::vector<std::string>> signers;
   /// Whether parents name length and hash of what they describe.
   bool pins = true;
-  /// Everything served, by remote name; what is not here answers 404.
+  /// Everything served, by remote name, and the names asked for; what is not here answers 404.
   std::map<std::string, TransportResponse> files;
-  /// Remote names in the order of the requests.
   std::vector<std::string> requests;
 
   /// Signs everything and serves it, from the targets up to the timestamp.
@@ -42,7 +41,7 @@ class SignedRepository : public Transport {
   /// Signs the root and serves it as the next one of the chain. The root that a package carries is
   /// `root_bytes` before any call of this.
   void publish_root();
-  std::string root_bytes() const;
+  std::string root_bytes() const { return sign(root, signers.at("root")).dump(); }
 
   /// Gives a top-level role these keys, in the root and for signing.
   void set_keys(const std::string& role, const std::vector<std::string>& keys,
@@ -57,18 +56,16 @@ class SignedRepository : public Transport {
 
   /// A whole document: the body with a signature by each of these keys.
   static json sign(const json& body, const std::vector<std::string>& keys);
-  /// A key's public record, and the ID under which metadata lists it.
-  static const json& key_record(const std::string& name);
-  static const std::string& key_id(const std::string& name);
+  static const SigningKey& key(const std::string& name);
 
   TransportResponse get(std::string_view path, unsigned long long limit) override;
-  /// Downloads have no place here: always `network`.
-  void download(std::string_view path, const std::filesystem::path& destination,
-                unsigned long long length, const Progress& progress) override;
+  void download(std::string_view, const std::filesystem::path&, unsigned long long,
+                const Progress&) override {
+    fail("network", "This repository serves metadata only");
+  }
 
  private:
-  json reference(const json& body, const std::string& bytes) const;
-  std::string serve(const std::string& role, const json& body, bool versioned);
+  json serve(const std::string& role, const json& body, const std::string& version);
 };
 
 }  // namespace tavro

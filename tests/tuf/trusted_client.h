@@ -17,18 +17,13 @@ inline constexpr const char* kNow = "2030-01-01T00:00:00Z";
 /// A trust folder with the repository's first root, and a client over it at will.
 struct TrustedClient {
   SignedRepository repository;
-  const std::string first_root = repository.root_bytes();
   TempFolder folder;
   std::filesystem::path trust = folder.path() / "trust";
-  TufLimits limits{.root_bytes = 65536,
-                   .timestamp_bytes = 16384,
-                   .metadata_bytes = 65536,
-                   .root_rotations = 8,
-                   .delegated_roles = 8};
+  TufLimits limits{65536, 16384, 65536, 8, 8};
   TufTime now = parse_tuf_time(kNow);
   std::optional<TufClient> client;
 
-  TrustedClient() { TufClient::initialize(trust, first_root); }
+  TrustedClient() { TufClient::initialize(trust, repository.root_bytes()); }
 
   /// Opens the folder anew, as the next process would.
   TufClient& reopen() {

@@ -4,71 +4,216 @@
 
 #include <fstream>
 
-#include "platform/native_lock.h"
 #include "support/fail_nth_call.h"
 #include "tuf/trusted_client.h"
 
 namespace tavro {
 namespace {
 
-TEST(TufInitialize, StoresAProvedRootVerbatimAndOnce) {
-  const TempFolder folder;
-  const auto trust = folder.path() / "trust";
-  const auto code = [&](const std::string& root) {
-    return code_of([&] { TufClient::initialize(trust, root); });
+using Requests = std::vector<std::string>;
+using Repository = SignedRepository;
+
+TEST(TufClient, StartsFromAProvedRootAndHasItsFolderAlone) {
+  TrustedClient trusted;
+  Repository& repository = trusted.repository;
+  const auto initialize = [&](const std::string& name, const std::string& root) {
+    return code_of([&] { TufClient::initialize(trusted.folder.path() / name, root); });
   };
-  SignedRepository repository;
+  EXPECT_EQ(initialize("trust", repository.root_bytes()), "already_initialized");
+  trusted.reopen();
+  EXPECT_EQ(initialize("trust", repository.root_bytes()), "busy");
+  EXPECT_EQ(code_of([&] { TufClient(trusted.trust, repository, repository, trusted.limits, {}); }),
+            "busy");
   repository.root["expires"] = "2020-01-01T00:00:00Z";
   repository.set_keys("root", {"root", "root-second"}, 2);
   const std::string good = repository.root_bytes();
   repository.signers["root"] = {"root"};
-  EXPECT_EQ(code(repository.root_bytes()), "signature_threshold");
-  repository.root["expires"] = "never";
-  EXPECT_EQ(code(repository.root_bytes()), "invalid_expiry");
-  EXPECT_EQ(code(good.substr(1)), "invalid_json");
-  EXPECT_EQ(code(good + std::string(524289 - good.size(), ' ')), "size_limit");
-  EXPECT_FALSE(std::filesystem::exists(trust / "root.json"));
-  EXPECT_EQ(code(good), "");
-  EXPECT_EQ(code(good), "already_initialized");
-  EXPECT_EQ(read_file(trust / "root.json", 65536), good);
-  const FileLock lock(trust / ".lock", false, LockMode::exclusive);
-  EXPECT_EQ(code(good), "busy");
+  EXPECT_EQ(initialize("other", repository.root_bytes()), "signature_threshold");
+  EXPECT_EQ(initialize("other", good + std::string(524289 - good.size(), ' ')), "size_limit");
+  EXPECT_EQ(initialize("other", good), "") << "nothing was stored, and nobody asks for expiry";
+  EXPECT_EQ(read_file(trusted.folder.path() / "other" / "root.json", 65536), good);
+  std::ofstream(trusted.trust / "root.json") << repository.root_bytes();
+  EXPECT_EQ(trusted.refresh_code(), "signature_threshold");
+  EXPECT_TRUE(repository.requests.empty());
 }
 
-TEST(TufInitialize, LeavesAllOrNothing) {
-  const std::string bytes = SignedRepository().root_bytes();
-  std::optional<TempFolder> folder;
-  const auto initialize = [&] { TufClient::initialize(folder->path() / "trust", bytes); };
-  for (const Fault fault : {Fault::fail, Fault::cut}) {
-    const int rounds = strike_each_call(
-        fault, ENOSPC, [&] { folder.emplace(); }, initialize,
-        [&](const Stop& stop) {
-          const bool stored = std::filesystem::exists(folder->path() / "trust" / "root.json");
-          EXPECT_TRUE(stored || !stop.code.empty());
-          // What an attempt left behind, the next one accepts.
-          EXPECT_EQ(code_of(initialize), stored ? "already_initialized" : "") << stop.call;
-        });
-    EXPECT_GT(rounds, 5);
+TEST(Refresh, StoresVerbatimAndAsksForNothingTwice) {
+  for (const std::string prefix : {"1.", ""}) {
+    TrustedClient trusted;
+    Repository& repository = trusted.repository;
+    repository.root["consistent_snapshot"] = !prefix.empty();
+    repository.publish_root();
+    repository.publish();
+    EXPECT_EQ(trusted.refresh_code(), "");
+    EXPECT_EQ(repository.requests, (Requests{"2.root.json", "3.root.json", "timestamp.json",
+                                             prefix + "snapshot.json", prefix + "targets.json"}));
+    const auto stored = trusted.stored();
+    EXPECT_EQ(stored.size(), 4u);
+    EXPECT_EQ(stored.at("root.json"), repository.files.at("2.root.json").body);
+    for (const std::string name : {"snapshot.json", "targets.json"})
+      EXPECT_EQ(stored.at(name), repository.files.at(prefix + name).body);
+    EXPECT_EQ(trusted.refresh_code(), "");
+    EXPECT_EQ(repository.requests, (Requests{"3.root.json", "timestamp.json"}));
   }
 }
 
-TEST(TufClient, OpensOnlyAProvedRootAndOnlyOnce) {
+/// What is served to a client that holds version 2 of everything; honest would be version 3.
+struct Attack {
+  const char* code;
+  /// Files that the client may have replaced: they were proved before another one failed.
+  std::string proved;
+  /// Changes bodies before they are signed anew, or else what is served.
+  void (*sign)(Repository&);
+  void (*serve)(Repository&) = [](Repository&) {};
+};
+
+TEST(Refresh, WithstandsAttacks) {
+  const std::string time = "timestamp.json", both = "snapshot.json timestamp.json";
+  const auto honest = [](Repository&) {};
+  using R = Repository&;
+  int row = 0;
+  for (const Attack& attack : std::vector<Attack>{
+           {"rollback", "", [](R r) { r.timestamp["version"] = 1; }},
+           {"rollback", "", [](R r) { r.snapshot["version"] = 1; }},
+           {"rollback", time, [](R r) { r.targets["version"] = 1; }},
+           {"rollback", time, [](R r) { r.delegated.clear(); }},
+           {"expired_metadata", "", [](R r) { r.timestamp["expires"] = kNow; }},
+           {"expired_metadata", time, [](R r) { r.snapshot["expires"] = kNow; }},
+           {"expired_metadata", both, [](R r) { r.targets["expires"] = kNow; }},
+           {"metadata_type", "", [](R r) { r.timestamp["_type"] = "snapshot"; }},
+           {"signature_threshold", "", [](R r) { r.signers["timestamp"] = {"x"}; }},
+           {"signature_threshold", time, [](R r) { r.signers["snapshot"] = {}; }},
+           {"signature_threshold", both, [](R r) { r.signers["targets"] = {"root"}; }},
+           {"version_mismatch", time, [](R r) { r.pins = false; },
+            [](R r) { r.files["3.snapshot.json"] = r.files["2.snapshot.json"]; }},
+           {"hash_mismatch", time, honest, [](R r) { r.files["3.snapshot.json"].body[0] = ' '; }},
+           {"length_mismatch", time, honest,
+            [](R r) { r.files["3.snapshot.json"].body.pop_back(); }},
+           {"size_limit", time, honest, [](R r) { r.files["3.snapshot.json"].body += ' '; }},
+           {"http_status", "", honest, [](R r) { r.files.erase("timestamp.json"); }},
+           {"http_status", "", honest, [](R r) { r.files["2.root.json"].status = 500; }},
+           {"signature_threshold", "", [](R r) { r.set_keys("root", {"root-new"}); },
+            [](R r) { r.publish_root(); }},
+           {"signature_threshold", "", [](R r) { r.set_keys("root", {"root-new"}); },
+            [](R r) {
+              r.signers["root"] = {"root"};
+              r.publish_root();
+            }},
+           {"rollback", "", [](R r) { r.root["version"] = 2; },
+            [](R r) {
+              r.publish_root();
+              r.files["2.root.json"] = r.files["3.root.json"];
+            }}}) {
+    SCOPED_TRACE(row++);
+    TrustedClient trusted;
+    Repository& repository = trusted.repository;
+    repository.delegate(repository.targets, "fonts", {{"paths", {"fonts/*"}}});
+    repository.publish_update();
+    ASSERT_EQ(trusted.refresh_code(), "");
+    const auto before = trusted.stored();
+    repository.publish_update();
+    attack.sign(repository);
+    repository.publish();
+    attack.serve(repository);
+    EXPECT_EQ(trusted.refresh_code(), attack.code);
+    std::string replaced;
+    for (const auto& [name, bytes] : trusted.stored())
+      if (before.at(name) != bytes) replaced += (replaced.empty() ? "" : " ") + name;
+    EXPECT_EQ(replaced, attack.proved);
+  }
+}
+
+TEST(Refresh, PreservesDamagedStoredMetadata) {
+  for (const char* name : {"timestamp.json", "snapshot.json"}) {
+    TrustedClient trusted;
+    ASSERT_EQ(trusted.refresh_code(), "");
+    std::ofstream(trusted.trust / name) << "{";
+    trusted.repository.publish_update();
+    const auto before = trusted.stored();
+    EXPECT_EQ(trusted.refresh_code(), "invalid_trusted_metadata");
+    EXPECT_EQ(trusted.stored(), before);
+  }
+}
+
+TEST(Refresh, WalksTheRootsBeforeItAsksForExpiry) {
   TrustedClient trusted;
-  const auto code = [&] {
-    return code_of([&] {
-      TufClient(trusted.trust, trusted.repository, trusted.repository, trusted.limits, {});
-    });
-  };
-  trusted.reopen();
-  EXPECT_EQ(code(), "busy");
-  trusted.client.reset();
-  trusted.limits.root_bytes = trusted.first_root.size() - 1;
-  EXPECT_EQ(code(), "size_limit");
-  trusted.repository.signers["root"] = {"stranger"};
-  trusted.limits.root_bytes = 65536;
-  std::ofstream(trusted.trust / "root.json") << trusted.repository.root_bytes();
-  EXPECT_EQ(code(), "signature_threshold");
-  EXPECT_TRUE(trusted.repository.requests.empty());
+  Repository& repository = trusted.repository;
+  repository.root["expires"] = kNow;
+  repository.publish_root();
+  EXPECT_EQ(trusted.refresh_code(), "expired_metadata");
+  repository.root["expires"] = "2040-01-01T00:00:00Z";
+  repository.set_keys("root", {"rsa-new", "root-new"}, 2);
+  repository.signers["root"].push_back("root");
+  for (int count = 0; count < 5; ++count) repository.publish_root();
+  trusted.limits.root_rotations = 2;
+  EXPECT_EQ(trusted.refresh_code(), "");
+  EXPECT_EQ(trusted.stored().at("root.json"), repository.files.at("4.root.json").body);
+  trusted.limits.root_rotations = 0;
+  EXPECT_EQ(trusted.refresh_code(), "");
+  EXPECT_EQ(repository.requests, Requests{"timestamp.json"});
+}
+
+TEST(Refresh, ForgetsWhatRotatedOnlineKeysSigned) {
+  // Stolen online keys signed versions that nothing can follow; only a rotation helps.
+  TrustedClient trusted;
+  Repository& repository = trusted.repository;
+  repository.timestamp["version"] = repository.snapshot["version"] = 18446744073709551615u;
+  repository.publish();
+  ASSERT_EQ(trusted.refresh_code(), "");
+  const auto saved = trusted.folder.path() / "saved";
+  std::filesystem::copy(trusted.trust, saved);
+  for (const char* role : {"timestamp", "snapshot"}) repository.set_keys(role, {"new"});
+  repository.timestamp["version"] = repository.snapshot["version"] = 3;
+  repository.publish_root();
+  repository.publish();
+  for (const Fault fault : {Fault::cut, Fault::fail}) {
+    const auto prepare = [&] {
+      trusted.client.reset();
+      std::filesystem::remove_all(trusted.trust);
+      std::filesystem::copy(saved, trusted.trust);
+    };
+    const auto check = [&](const Stop& stop) {
+      // After a mere failure the same client may try again.
+      if (fault == Fault::cut || !trusted.client) trusted.reopen();
+      EXPECT_EQ(code_of([&] { trusted.client->target("x"); }), "target_not_found") << stop.nth;
+      const auto stored = trusted.stored();
+      EXPECT_FALSE(stored.contains("root-invalidation.json")) << stop.nth;
+      EXPECT_EQ(stored.at("snapshot.json"), repository.files.at("3.snapshot.json").body);
+    };
+    EXPECT_GT(strike_each_call(
+                  fault, EIO, prepare, [&] { trusted.reopen().refresh(); }, check),
+              20);
+  }
+}
+
+TEST(Refresh, KeepsTheStoredTimestampOfAnEqualVersion) {
+  TrustedClient trusted;
+  ASSERT_EQ(trusted.refresh_code(), "");
+  trusted.repository.set_keys("targets", {"targets-new"});  // no rotation of online keys
+  trusted.repository.root["expires"] = "9999-12-31T23:59:59Z";
+  trusted.repository.publish_root();
+  trusted.repository.files["timestamp.json"].body += '\n';
+  const std::string before = trusted.stored().at("timestamp.json");
+  trusted.now = parse_tuf_time("2040-01-01T00:00:00Z");
+  EXPECT_EQ(trusted.refresh_code(), "") << "its expiry is left to the next look-up";
+  EXPECT_EQ(trusted.stored().at("timestamp.json"), before);
+  EXPECT_EQ(failure_of([&] { trusted.client->target("x"); }),
+            "expired_metadata: Repository metadata has expired; previously installed games remain "
+            "playable");
+}
+
+TEST(Refresh, ReplacesACachedRoleThatHasExpired) {
+  TrustedClient trusted;
+  Repository& repository = trusted.repository;
+  repository.pins = false;
+  repository.targets["expires"] = "2030-06-01T00:00:00Z";
+  repository.publish();
+  ASSERT_EQ(trusted.refresh_code(), "");
+  trusted.now += std::chrono::hours(24 * 365);
+  repository.targets["expires"] = "2040-01-01T00:00:00Z";
+  repository.publish();
+  EXPECT_EQ(code_of([&] { trusted.reopen().target("x"); }), "target_not_found");
+  EXPECT_EQ(trusted.stored().at("targets.json"), repository.files.at("1.targets.json").body);
 }
 
 }  // namespace
