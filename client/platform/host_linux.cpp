@@ -50,7 +50,8 @@ AccessLists judge(const posix_acl_xattr_entry& entry, bool inherited) noexcept {
 AccessLists inspect_list(int descriptor, const char* name) noexcept {
   std::array<char, sizeof(posix_acl_xattr_header) + max_entries * sizeof(posix_acl_xattr_entry)>
       list;
-  const ssize_t size = ::fgetxattr(descriptor, name, list.data(), list.size());
+  const ssize_t size =
+      retried([&] { return ::fgetxattr(descriptor, name, list.data(), list.size()); });
   if (size < 0) {
     if (errno == ENODATA || errno == EOPNOTSUPP) return AccessLists::nobody_else;
     return errno == ERANGE ? AccessLists::beyond_bound : AccessLists::unreadable;
@@ -72,7 +73,7 @@ AccessLists inspect_list(int descriptor, const char* name) noexcept {
 
 int clear_list(int descriptor, const char* name) noexcept {
   // Looking first is the cheaper call, and nearly always the only one.
-  if (::fgetxattr(descriptor, name, nullptr, 0) >= 0)
+  if (retried([&] { return ::fgetxattr(descriptor, name, nullptr, 0); }) >= 0)
     return retried([&] { return system_calls().fremovexattr(descriptor, name); });
   return errno == ENODATA || errno == EOPNOTSUPP ? 0 : -1;
 }

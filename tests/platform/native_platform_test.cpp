@@ -28,13 +28,10 @@ TEST(NativePlatform, RefusesImagesBelowUnfinishedFolders) {
   EXPECT_EQ(refused(image), "native_install_incomplete: Tavro setup did not finish in " +
                                 folder.path().string() +
                                 ". Run the Tavro installer again to repair it.");
-}
-
-TEST(NativePlatform, BoundsTheClimb) {
-  fs::path image = "/";
-  for (int i = 0; i < 256; ++i) image /= "d";
-  EXPECT_EQ(refused(image), "");
-  EXPECT_EQ(refused(image / "d"), "unsafe_path: Native image path is too deep");
+  fs::path deep = "/";
+  for (int i = 0; i < 256; ++i) deep /= "d";
+  EXPECT_EQ(refused(deep), "");
+  EXPECT_EQ(refused(deep / "d"), "unsafe_path: Native image path is too deep");
 }
 
 }  // namespace

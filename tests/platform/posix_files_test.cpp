@@ -2,7 +2,7 @@
 
 #include <acl/libacl.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/acl.h>
 #include <unistd.h>
 
@@ -108,9 +108,7 @@ TEST_F(PrivateStorage, CreatesAChainOnlyBelowPlainDirectories) {
   for (const auto* bad : {"link", "link/new", "file", "file/new"})
     EXPECT_EQ(refused(at / bad), "unsafe_path: Linux directory ancestry is missing or linked");
   EXPECT_EQ(refused(at / "a/../b"), "unsafe_path: Linux private directory cannot traverse parents");
-  for (const auto* bad : {"", "/"})
-    EXPECT_EQ(refused(bad),
-              "unsafe_path: Linux private directory needs a bounded path below a root");
+  EXPECT_EQ(refused("/"), "unsafe_path: Linux private directory needs a bounded path below a root");
   fs::path deep = at;
   while (std::distance(deep.begin(), deep.end()) <= 128) deep /= "d";
   private_directory(deep);
@@ -122,16 +120,16 @@ TEST_F(PrivateStorage, CompletesAChainWhereverItWasStopped) {
   const auto work = [&] { private_directory(at / "a/b"); };
   for (const auto& [fault, error, failing] :
        {std::tuple(Fault::fail, EIO, 6), {Fault::cut, EIO, 6}, {Fault::fail, EINTR, 0}}) {
-    std::vector<std::string> calls, failures;
+    int failures = 0;
+    std::string calls;
     strike_each_call(fault, error, prepare, work, [&](const Stop& stop) {
-      calls.push_back(stop.call);
-      if (!stop.code.empty()) failures.push_back(stop.code);
+      calls += stop.call + " ";
+      failures += !stop.code.empty();
       work();
       require_private_path(at / "a/b", true);
     });
-    EXPECT_THAT(calls, testing::ElementsAre("mkdirat", "fchmod", "fsync", "mkdirat", "fchmod",
-                                            "fsync", ""));
-    EXPECT_EQ(failures.size(), failing);
+    EXPECT_EQ(calls, "mkdirat fchmod fsync mkdirat fchmod fsync  ");
+    EXPECT_EQ(failures, failing);
   }
 }
 

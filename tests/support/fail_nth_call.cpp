@@ -34,9 +34,15 @@ bool struck_now(const char* name) {
   return now || (strike.fault == Fault::cut && struck_before());
 }
 
+/// An open counts only when it may create a file.
+bool counts(const char*, int flags, mode_t) { return (flags & O_CREAT) != 0; }
+bool counts(int, const char*, int flags, mode_t) { return (flags & O_CREAT) != 0; }
+bool counts(...) { return true; }
+
 template <typename Result, typename... Arguments>
 Result carry_out(const char* name, Result (*call)(Arguments...), Arguments... arguments) {
-  if (!struck_now(name) || strike.fault == Fault::shorten) return call(arguments...);
+  const bool struck = counts(arguments...) && struck_now(name);
+  if (!struck || strike.fault == Fault::shorten) return call(arguments...);
   errno = strike.error;
   return -1;
 }
@@ -52,40 +58,17 @@ ssize_t striking_write(int descriptor, const void* bytes, std::size_t size) {
   return -1;
 }
 
-int striking_open(const char* path, int flags, mode_t mode) {
-  if ((flags & O_CREAT) == 0) return strike.real->open(path, flags, mode);
-  return carry_out("open", strike.real->open, path, flags, mode);
-}
-
-int striking_openat(int directory, const char* name, int flags, mode_t mode) {
-  if ((flags & O_CREAT) == 0) return strike.real->openat(directory, name, flags, mode);
-  return carry_out("openat", strike.real->openat, directory, name, flags, mode);
-}
-
 #define TAVRO_STRIKING(name) \
   .name = [](auto... arguments) { return carry_out(#name, strike.real->name, arguments...); }
 
 constexpr SystemCalls striking_calls{
-    .open = striking_open,
-    .openat = striking_openat,
-    .write = striking_write,
-    TAVRO_STRIKING(fsync),
-    TAVRO_STRIKING(fdatasync),
-    TAVRO_STRIKING(rename),
-    TAVRO_STRIKING(renameat),
-    TAVRO_STRIKING(renameat2),
-    TAVRO_STRIKING(link),
-    TAVRO_STRIKING(unlink),
-    TAVRO_STRIKING(unlinkat),
-    TAVRO_STRIKING(rmdir),
-    TAVRO_STRIKING(mkdir),
-    TAVRO_STRIKING(mkdirat),
-    TAVRO_STRIKING(fchmod),
-    TAVRO_STRIKING(ftruncate),
-    TAVRO_STRIKING(fallocate),
-    TAVRO_STRIKING(fremovexattr),
-    TAVRO_STRIKING(flock),
-};
+    TAVRO_STRIKING(open),      TAVRO_STRIKING(openat),    .write = striking_write,
+    TAVRO_STRIKING(fsync),     TAVRO_STRIKING(fdatasync), TAVRO_STRIKING(rename),
+    TAVRO_STRIKING(renameat),  TAVRO_STRIKING(renameat2), TAVRO_STRIKING(link),
+    TAVRO_STRIKING(unlink),    TAVRO_STRIKING(unlinkat),  TAVRO_STRIKING(rmdir),
+    TAVRO_STRIKING(mkdir),     TAVRO_STRIKING(mkdirat),   TAVRO_STRIKING(fchmod),
+    TAVRO_STRIKING(ftruncate), TAVRO_STRIKING(fallocate), TAVRO_STRIKING(fremovexattr),
+    TAVRO_STRIKING(flock)};
 #undef TAVRO_STRIKING
 
 const SystemCalls& armed(int nth, int error, Fault fault, std::string_view only) {
