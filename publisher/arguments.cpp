@@ -10,9 +10,20 @@ namespace {
 
 using Given = std::map<std::string, std::vector<std::string>, std::less<>>;
 
+bool is_operand(const OptionRule& rule) { return !rule.name.starts_with("-"); }
+
+bool is_option(const std::string& token) { return token.starts_with("-") && token != "-"; }
+
+const OptionRule& operand_of(const std::vector<OptionRule>& rules, const Given& given,
+                             const std::string& token) {
+  const auto rule = std::ranges::find_if(rules, [&](const OptionRule& candidate) {
+    return is_operand(candidate) && !given.contains(candidate.name);
+  });
+  require(rule != rules.end(), "usage", [&] { return "Unexpected argument: " + token; });
+  return *rule;
+}
+
 const OptionRule& rule_of(const std::vector<OptionRule>& rules, const std::string& token) {
-  require(token.starts_with("-") && token != "-", "usage",
-          [&] { return "Unexpected argument: " + token; });
   const auto rule = std::ranges::find(rules, token, &OptionRule::name);
   require(rule != rules.end(), "usage", [&] { return "Unknown option: " + token; });
   return *rule;
@@ -20,14 +31,19 @@ const OptionRule& rule_of(const std::vector<OptionRule>& rules, const std::strin
 
 void check_required(const std::vector<OptionRule>& rules, const Given& given) {
   for (const OptionRule& rule : rules)
-    require(rule.use != OptionUse::required || given.contains(rule.name), "usage",
-            [&] { return "Option " + std::string(rule.name) + " is needed"; });
+    require(rule.use != OptionUse::required || given.contains(rule.name), "usage", [&] {
+      return (is_operand(rule) ? "" : "Option ") + std::string(rule.name) + " is needed";
+    });
 }
 
 }  // namespace
 
 Arguments::Arguments(const std::vector<OptionRule>& rules, const std::vector<std::string>& tokens) {
   for (auto token = tokens.begin(); token != tokens.end(); ++token) {
+    if (!is_option(*token)) {
+      given_[std::string(operand_of(rules, given_, *token).name)] = {*token};
+      continue;
+    }
     const OptionRule& rule = rule_of(rules, *token);
     std::vector<std::string>& values = given_[*token];
     if (rule.use == OptionUse::flag) continue;

@@ -11,7 +11,7 @@ namespace tavro {
 enum class OptionUse { flag, optional, required, repeated };
 
 struct OptionRule {
-  std::string_view name;   ///< with its dashes
+  std::string_view name;   ///< with its dashes; without them, an argument that needs no option
   std::string_view value;  ///< what the usage text calls its value; empty for a flag
   std::string_view help;
   OptionUse use = OptionUse::optional;

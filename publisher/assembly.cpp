@@ -44,14 +44,14 @@ bool is_package_guard(std::string_view name) {
 }
 
 Assembly::Assembly(const std::filesystem::path& place, std::string_view guard)
-    : place_(resolved_place(place)), folder_(place_), guard_(folder_) {
+    : place_(resolved_place(place)), folder_(place_) {
   require_absent(place_);
   folder_ += ".partial-" + random_id();
-  guard_ = folder_ / guard;
+  if (!guard.empty()) guard_ = folder_ / guard;
   if (system_calls().mkdir(folder_.c_str(), public_folder_mode) != 0)
     folder_failure(errno, folder_);
   try {
-    create_document(guard_, guard_text);
+    if (!guard.empty()) create_document(guard_, guard_text);
     // The guard is on stable media, name and folder, before anything that it guards exists.
     sync_directory(folder_.parent_path());
   } catch (...) {
@@ -65,7 +65,7 @@ Assembly::~Assembly() {
 }
 
 void Assembly::publish(const std::function<void(const std::filesystem::path& folder)>& check) {
-  if (system_calls().unlink(guard_.c_str()) != 0)
+  if (!guard_.empty() && system_calls().unlink(guard_.c_str()) != 0)
     transaction_failure(static_cast<unsigned long>(errno),
                         "Cannot remove the guard file " + path_utf8(guard_));
   sync_directory(folder_);

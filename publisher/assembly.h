@@ -19,8 +19,9 @@ bool is_package_guard(std::string_view name);
 /// nothing.
 class Assembly {
  public:
-  /// `guard` is the name of one of the guard files. Throws `usage` for a place without a name,
-  /// `file_exists` when something stands at `place`, `unsafe_path` when its parent is no folder.
+  /// `guard` is the name of one of the guard files, or empty where no image comes into being.
+  /// Throws `usage` for a place without a name, `file_exists` when something stands at `place`,
+  /// `unsafe_path` when its parent is no folder.
   Assembly(const std::filesystem::path& place, std::string_view guard);
   Assembly(Assembly&&) = delete;
   ~Assembly();
@@ -38,7 +39,7 @@ class Assembly {
  private:
   std::filesystem::path place_;
   std::filesystem::path folder_;
-  std::filesystem::path guard_;
+  std::filesystem::path guard_;  ///< empty without one
   bool published_ = false;
 };
 

@@ -20,7 +20,8 @@ const OptionRule help_rule{"--help", "", "Print this text", OptionUse::flag};
 
 std::vector<PublishCommand> all_commands() {
   std::vector<PublishCommand> all;
-  for (const auto subject : {key_commands, root_commands, release_commands, package_commands})
+  for (const auto subject : {key_commands, root_commands, release_commands, package_commands,
+                             repository_commands, check_commands})
     std::ranges::move(subject(), std::back_inserter(all));
   for (PublishCommand& command : all) {
     command.options.push_back(json_rule);
@@ -37,7 +38,7 @@ std::string padded(std::string text, std::size_t width) {
 std::string usage(const std::vector<PublishCommand>& commands) {
   std::string text = "Usage: " + std::string(program) + " COMMAND [OPTION]...\n\nCommands:\n";
   for (const PublishCommand& command : commands)
-    text += "  " + padded(std::string(command.words), 15) + std::string(command.summary) + '\n';
+    text += "  " + padded(std::string(command.words), 23) + std::string(command.summary) + '\n';
   return text + "\nEach command tells its options with --help.\n";
 }
 

@@ -44,6 +44,16 @@ std::vector<PublishCommand> key_commands();
 std::vector<PublishCommand> root_commands();
 std::vector<PublishCommand> release_commands();
 std::vector<PublishCommand> package_commands();
+std::vector<PublishCommand> repository_commands();
+std::vector<PublishCommand> check_commands();
+
+/// The expiry of a root: `--expires TIME`, or `--days N` from now. Throws `usage` unless exactly
+/// one of them is given.
+std::string root_expiry(const Arguments& arguments);
+
+/// The largest threshold on a command line, and the furthest expiry.
+inline constexpr unsigned long long most_threshold = 1024;
+inline constexpr unsigned long long most_days = 36500;
 
 /// A path from the command line, absolute; empty when the option was not given. Throws
 /// `unsafe_path` for a NUL byte.

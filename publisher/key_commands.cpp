@@ -8,9 +8,6 @@
 namespace tavro {
 namespace {
 
-constexpr unsigned long long most_days = 36500;
-constexpr unsigned long long most_threshold = 1024;
-
 std::string type_of(const json& record) { return record.at("keytype").get<std::string>(); }
 
 CommandResult new_key(const Arguments& arguments, const CommandContext&) {
@@ -56,16 +53,9 @@ RoleKeys role_keys(const Arguments& arguments, const std::string& role) {
   return keys;
 }
 
-std::string expiry(const Arguments& arguments) {
-  require(arguments.has("--expires") != arguments.has("--days"), "usage",
-          "Choose the expiry with either --expires TIME or --days N");
-  if (arguments.has("--expires")) return arguments.value("--expires");
-  return expiry_in_days(static_cast<unsigned>(arguments.number("--days", 1, most_days, 1)));
-}
-
 CommandResult new_root(const Arguments& arguments, const CommandContext&) {
   RootRequest request;
-  request.expires = expiry(arguments);
+  request.expires = root_expiry(arguments);
   request.consistent_snapshot = !arguments.has("--no-consistent-snapshot");
   request.root = role_keys(arguments, "root");
   request.timestamp = role_keys(arguments, "timestamp");
@@ -93,6 +83,13 @@ OptionRule threshold_rule(std::string_view name) {
 }
 
 }  // namespace
+
+std::string root_expiry(const Arguments& arguments) {
+  require(arguments.has("--expires") != arguments.has("--days"), "usage",
+          "Choose the expiry with either --expires TIME or --days N");
+  if (arguments.has("--expires")) return arguments.value("--expires");
+  return expiry_in_days(static_cast<unsigned>(arguments.number("--days", 1, most_days, 1)));
+}
 
 std::vector<PublishCommand> key_commands() {
   const OptionRule key{"--key", "FILE", "The key file, private or public", OptionUse::required};

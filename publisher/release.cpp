@@ -88,7 +88,7 @@ Release read_folder(ReleaseKind kind, const std::filesystem::path& folder,
           "invalid_release", [&] {
             return "The release's archive is missing or has another length: " + path_utf8(archive);
           });
-  return {manifest_path, archive, bytes, manifest.build_id};
+  return {manifest_path, archive, bytes, manifest.build_id, manifest.archive_target};
 }
 
 }  // namespace
@@ -140,6 +140,14 @@ Release read_release(ReleaseKind kind, const std::filesystem::path& folder) {
   }
   require(manifests.size() == 1, "invalid_release", [&] { return invalid("needs one manifest"); });
   return read_folder(kind, folder, manifests.front());
+}
+
+Release read_client_release(const std::filesystem::path& folder) {
+  for (const ReleaseKind kind : {ReleaseKind::launcher, ReleaseKind::bootstrap})
+    for (const char* platform : {"linux-x86_64", "macos-aarch64", "windows-x86_64"})
+      if (std::filesystem::exists(folder / manifest_name(kind, platform)))
+        return read_release(kind, folder);
+  fail("invalid_release", "Not a launcher or bootstrap release: " + path_utf8(folder));
 }
 
 }  // namespace tavro

@@ -25,6 +25,7 @@ struct Release {
   std::filesystem::path archive;
   std::string manifest_bytes;
   std::string build_id;
+  std::string archive_target;
 };
 
 /// "launcher-PLATFORM-BUILD.tar.zst", "bootstrap-..." or "snapshot-...".
@@ -40,5 +41,8 @@ Release make_release(const ReleaseRequest& request, const Progress& progress);
 /// Reads a release folder that `make_release` made. Throws `invalid_release` unless it holds
 /// exactly one manifest of that kind and its archive with the right length.
 Release read_release(ReleaseKind kind, const std::filesystem::path& folder);
+
+/// The same for a launcher or bootstrap release, whichever it is.
+Release read_client_release(const std::filesystem::path& folder);
 
 }  // namespace tavro

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/native_package.h"
+#include "publisher/repository_state.h"
 #include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
 
@@ -37,6 +38,9 @@ TEST(PublishCommand, MisuseIsToldInOneSentence) {
       {{"--json"}, "Unknown option: --json"},
       {{"keys"}, "Use keys new or keys show or keys public"},
       {{"root", "old"}, "Use root new"},
+      {{"check", "--root", "a"}, "URL is needed"},
+      {{"check", "https://a.test", "b"}, "Unexpected argument: b"},
+      {{"repository", "timestamp", "--repository", "a"}, "Choose a key to sign with: --key FILE"},
       {{"keys", "new"}, "Option --out is needed"},
       {{"keys", "new", "--out"}, "Option --out needs a value"},
       {{"keys", "new", "--out", ""}, "Option --out needs a value"},
@@ -68,7 +72,7 @@ TEST(PublishCommand, MisuseIsToldInOneSentence) {
 }
 
 TEST(PublishCommand, HelpTellsCommandsAndTheirOptions) {
-  EXPECT_NE(publish({"--help"}).out.find("  keys new       Create a signing key\n"),
+  EXPECT_NE(publish({"--help"}).out.find("  keys new               Create a signing key\n"),
             std::string::npos);
   const Outcome outcome = publish({"keys", "new", "--help"});
   EXPECT_EQ(outcome.status, 0);
@@ -143,6 +147,39 @@ TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
   const json root = json::parse(package.root_metadata);
   EXPECT_EQ(root["signed"]["roles"]["root"]["keyids"], json::array({root_key["key_id"]}));
   EXPECT_EQ(root["signed"]["roles"]["targets"]["keyids"], json::array({online["key_id"]}));
+}
+
+TEST_F(PublishRoad, LeadsFromARootToARepository) {
+  done({"keys", "new", "--out", at("key.pem")});
+  done({"keys", "new", "--out", at("quest.pem")});
+  done({"root", "new", "--days", "30", "--key", at("key.pem"), "--out", at("root.json")});
+  const auto repository = [&](const char* verb, std::vector<std::string> more) {
+    more.insert(more.begin(),
+                {"repository", verb, "--repository", at("r"), "--key", at("key.pem")});
+    return done(more);
+  };
+  repository("new", {"--root", at("root.json")});
+  done(launcher_arguments());
+  repository("add", {"--release", at("l")});
+  repository("delegate", {"--name", "quest", "--path", "quest/*", "--role-key", at("quest.pem"),
+                          "--key", at("quest.pem")});
+  repository("add", {"--role", "quest", "--target", "quest/map=" + at("root.json"), "--key",
+                     at("quest.pem")});
+  json told = repository("rotate", {"--days", "40", "--timestamp-key", at("quest.pem"), "--key",
+                                    at("quest.pem"), "--timestamp-days", "3"});
+
+  const RepositoryState state = read_repository(home / "r/public");
+  EXPECT_EQ(told["roles"]["root"]["version"], 2);
+  EXPECT_EQ(told["roles"]["timestamp"],
+            (json{{"version", 5}, {"expires", state.timestamp.at("expires")}}));
+  const json& targets = state.roles.at("targets").at("targets");
+  EXPECT_TRUE(targets.contains("launcher-linux-x86_64.manifest.json"));
+  EXPECT_TRUE(targets.contains("launcher-linux-x86_64-1.0.0.tar.zst"));
+  EXPECT_TRUE(state.roles.at("quest").at("targets").contains("quest/map"));
+  // Nothing listens on this port.
+  const Outcome unreachable =
+      publish({"check", "https://localhost:1", "--root", at("root.json"), "--json"});
+  EXPECT_EQ(json::parse(unreachable.out)["problem"]["code"], "network");
 }
 
 TEST_F(PublishRoad, FailureIsToldAndCancellingHasItsOwnStatus) {

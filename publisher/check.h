@@ -1,0 +1,32 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "domain/json.h"
+#include "domain/progress.h"
+#include "transport/transport.h"
+
+namespace tavro {
+
+struct CheckRequest {
+  std::string url;                  ///< origin of the repository
+  std::filesystem::path root;       ///< the root that is trusted at first
+  std::filesystem::path ca_bundle;  ///< empty means the system's certificates
+  std::vector<std::string> targets;
+  bool download = false;  ///< bring the targets in, too
+};
+
+/// Looks at a repository as a client does that trusts nothing but this root, with the client's own
+/// code, and keeps nothing. The result has `url`, `trusted_until`, `roles` (`version` and `expires`
+/// of each role that was proved) and `targets` (`path`, `length` and `hashes` of each). Every
+/// failure is the client's.
+json check_repository(const CheckRequest& request, const Progress& progress);
+
+/// The same over other transports, to the metadata and to the targets; `url` and `ca_bundle` are
+/// not looked at.
+json check_repository(const CheckRequest& request, Transport& metadata, Transport& targets,
+                      const Progress& progress);
+
+}  // namespace tavro

@@ -1,0 +1,207 @@
+#include "publisher/publication.h"
+
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <vector>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "platform/files.h"
+#include "platform/host.h"
+#include "platform/system_calls.h"
+#include "platform/tree.h"
+#include "publisher/output.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view staging_prefix = "staging-";
+constexpr std::string_view incoming = "incoming";
+constexpr mode_t public_folder_mode = 0755;
+constexpr unsigned long max_served_entries = 250000;
+
+[[noreturn]] void write_failure(const fs::path& path) {
+  const int error = errno;
+  transaction_failure(static_cast<unsigned long>(error), "Cannot write " + path_utf8(path));
+}
+
+void make_folder(const fs::path& path) {
+  if (system_calls().mkdir(path.c_str(), public_folder_mode) != 0 && errno != EEXIST)
+    write_failure(path);
+}
+
+/// Every folder between `root` and the file.
+void make_parents(const fs::path& root, const fs::path& name) {
+  fs::path folder = root;
+  for (const fs::path& component : name.parent_path()) make_folder(folder /= component);
+}
+
+void rename_file(const fs::path& from, const fs::path& to) {
+  if (system_calls().rename(from.c_str(), to.c_str()) != 0) write_failure(to);
+}
+
+bool bears_name(const fs::path& path) {
+  return fs::symlink_status(path).type() != fs::file_type::not_found;
+}
+
+void walk_served(const fs::path& folder, const TreeVisitor& visit) {
+  walk_tree(folder, max_served_entries, "The repository holds more than 250000 entries; prune it",
+            visit);
+}
+
+void sync_tree(const fs::path& root) {
+  walk_served(root, [](const fs::directory_entry& entry, std::string_view) {
+    if (entry.is_directory() && !entry.is_symlink()) sync_directory(entry.path());
+  });
+  sync_directory(root);
+}
+
+/// Copies and hashes in one pass, so that what is described is what was copied.
+std::string copy_hashed(const fs::path& source, OutputFile& target, const Progress& progress) {
+  const UniqueFd file(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  require(file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode), "file_read",
+          [&] { return "Cannot read file: " + path_utf8(source); });
+  DigestState digest("sha256");
+  std::array<char, kStreamBlock> block{};
+  while (true) {
+    const ssize_t count = read_some(file.get(), block.data(), block.size());
+    require(count >= 0, "file_read", [&] { return "Cannot read file: " + path_utf8(source); });
+    if (count == 0) return digest.value();
+    const std::string_view bytes(block.data(), static_cast<std::size_t>(count));
+    digest.update(bytes);
+    target.write(bytes);
+    const bool wanted =
+        !progress || progress(target.written(), static_cast<unsigned long long>(status.st_size));
+    require(wanted, "cancelled", "Operation cancelled at a safe boundary");
+  }
+}
+
+}  // namespace
+
+bool is_root_name(std::string_view name) {
+  return name.starts_with(metadata_folder) && name.ends_with(".root.json");
+}
+
+UniqueFd lock_repository(const fs::path& repository) {
+  UniqueFd folder(::open(repository.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  require(static_cast<bool>(folder), "invalid_repository",
+          [&] { return "There is no repository in " + path_utf8(repository); });
+  const int locked = retried([&] { return system_calls().flock(folder.get(), LOCK_EX | LOCK_NB); });
+  require(locked == 0 || errno != EWOULDBLOCK, "busy", "Another publisher works on the repository");
+  require(locked == 0, "lock_failed", "Cannot lock the repository");
+  return folder;
+}
+
+Publication::Publication(fs::path repository)
+    : repository_(std::move(repository)),
+      served_(repository_ / served_folder),
+      staging_(repository_ / (std::string(staging_prefix) + random_id())) {
+  std::vector<fs::path> leftovers;
+  for (const auto& entry : fs::directory_iterator(repository_))
+    if (path_utf8(entry.path().filename()).starts_with(staging_prefix))
+      leftovers.push_back(entry.path());
+  for (const fs::path& leftover : leftovers) remove_path_quietly(leftover);
+  make_folder(staging_);
+}
+
+Publication::~Publication() { remove_path_quietly(staging_); }
+
+void Publication::put(const std::string& name, std::string_view bytes) {
+  make_parents(staging_, name);
+  OutputFile file(staging_ / name);
+  file.write(bytes);
+  file.finish();
+  names_.insert(name);
+}
+
+json Publication::put_target(const fs::path& source,
+                             const std::function<std::string(const std::string& sha256)>& name_of,
+                             const Progress& progress) {
+  OutputFile file(staging_ / incoming);
+  const std::string sha256 = copy_hashed(source, file, progress);
+  json description = {{"length", file.written()}, {"hashes", {{"sha256", sha256}}}};
+  const std::string name = name_of(sha256);
+  // The same content under the same name need not be published again.
+  const bool served = bears_name(served_ / name) && digest_file(served_ / name, "sha256") == sha256;
+  if (!served && !names_.contains(name)) {
+    make_parents(staging_, name);
+    file.finish_as(staging_ / name);
+    names_.insert(name);
+  }
+  return description;
+}
+
+/// Whether clients that see nothing else of the change would see this file.
+bool Publication::shows(const std::string& name) const {
+  return is_root_name(name) || bears_name(served_ / name);
+}
+
+void Publication::commit() {
+  std::vector<std::string> showing;
+  for (const std::string& name : names_)
+    if (shows(name)) showing.push_back(name);
+  if (showing.size() > 1)
+    exchange();
+  else
+    move_in(showing.empty() ? std::string() : showing.front());
+}
+
+void Publication::move_in(const std::string& last) {
+  std::set<fs::path> changed = {repository_};
+  const auto move = [&](const std::string& name) {
+    make_parents(served_, name);
+    rename_file(staging_ / name, served_ / name);
+    for (fs::path folder = (served_ / name).parent_path(); folder != repository_;
+         folder = folder.parent_path())
+      changed.insert(folder);
+  };
+  for (const std::string& name : names_)
+    if (name != last) move(name);
+  for (const fs::path& folder : changed) sync_directory(folder);
+  if (last.empty()) return;
+  // All that it refers to is on stable media: from this rename on clients see the change.
+  move(last);
+  sync_directory((served_ / last).parent_path());
+}
+
+void Publication::exchange() {
+  walk_served(served_, [&](const fs::directory_entry& entry, std::string_view relative) {
+    const fs::path copy = staging_ / relative;
+    if (entry.is_directory())
+      make_folder(copy);
+    else if (!names_.contains(std::string(relative)) &&
+             system_calls().link(entry.path().c_str(), copy.c_str()) != 0)
+      write_failure(copy);
+  });
+  sync_tree(staging_);
+  // The new folder is whole on stable media before clients see it, in one step.
+  const UniqueFd folder(::open(repository_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder || host::exchange_names(folder.get(), served_.filename().c_str(), folder.get(),
+                                      staging_.filename().c_str()) != 0)
+    write_failure(served_);
+  sync_directory(repository_);
+}
+
+std::size_t remove_served(const fs::path& repository,
+                          const std::function<bool(std::string_view name)>& keep) {
+  std::vector<fs::path> unwanted;
+  walk_served(repository / served_folder,
+              [&](const fs::directory_entry& entry, std::string_view relative) {
+                if (entry.is_regular_file() && !keep(relative)) unwanted.push_back(entry.path());
+              });
+  for (const fs::path& path : unwanted)
+    require(system_calls().unlink(path.c_str()) == 0, "file_remove",
+            [&] { return "Cannot remove " + path_utf8(path); });
+  return unwanted.size();
+}
+
+}  // namespace tavro

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "domain/json.h"
+#include "domain/progress.h"
+#include "domain/unique_fd.h"
+
+namespace tavro {
+
+/// The folder of a repository that a server shows, and what clients look for in it.
+inline constexpr std::string_view served_folder = "public";
+inline constexpr std::string_view metadata_folder = "tuf/metadata";
+inline constexpr std::string_view targets_folder = "tuf/targets";
+
+/// Whether a name below the served folder is that of a root in the chain.
+bool is_root_name(std::string_view name);
+
+/// Claims a repository for one publisher until the descriptor closes. Throws `busy` while another
+/// one has it, `invalid_repository` when there is no such folder.
+UniqueFd lock_repository(const std::filesystem::path& repository);
+
+/// A change of the served folder that clients see in one step: all of it or nothing, whenever the
+/// publisher or the machine stops. The files are made in a folder beside the served one. When at
+/// most one of them shows (a next root, or a name that is served already, such as the timestamp),
+/// they move into the served folder, that one last. Otherwise a whole new folder, which shares the
+/// unchanged files, is exchanged with the served one.
+class Publication {
+ public:
+  /// Removes what a publisher that crashed left in the repository, which the caller has locked.
+  explicit Publication(std::filesystem::path repository);
+  Publication(Publication&&) = delete;
+  ~Publication();
+
+  /// A file of the change by its name below the served folder. Throws as `OutputFile` does.
+  void put(const std::string& name, std::string_view bytes);
+
+  /// Copies a target and returns its description, `length` and `hashes`, of what was copied.
+  /// `name_of` tells its name by its SHA-256. Throws `file_read` or `cancelled`, and as `put`.
+  json put_target(const std::filesystem::path& source,
+                  const std::function<std::string(const std::string& sha256)>& name_of,
+                  const Progress& progress);
+
+  /// Makes the change durable and shows it. After a failure of the very last sync it may show
+  /// already: read the repository again. Throws `file_write`, `file_sync`, `insufficient_space`.
+  void commit();
+
+ private:
+  bool shows(const std::string& name) const;
+  void move_in(const std::string& last);
+  void exchange();
+
+  std::filesystem::path repository_;
+  std::filesystem::path served_;
+  std::filesystem::path staging_;
+  std::set<std::string> names_;
+};
+
+/// Removes the files below the served folder that `keep` refuses, and returns how many.
+std::size_t remove_served(const std::filesystem::path& repository,
+                          const std::function<bool(std::string_view name)>& keep);
+
+}  // namespace tavro

@@ -1,0 +1,359 @@
+#include "publisher/repository.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/relative_path.h"
+#include "platform/files.h"
+#include "platform/system_calls.h"
+#include "publisher/assembly.h"
+#include "publisher/client_limits.h"
+#include "publisher/output.h"
+#include "tuf/threshold.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t max_role_name = 100;
+
+json empty_body(std::string_view type) {
+  return {{"_type", type}, {"spec_version", "1.0.31"}, {"version", 0}};
+}
+
+json empty_targets() {
+  json body = empty_body("targets");
+  body["targets"] = json::object();
+  return body;
+}
+
+void raise(json& body) { body["version"] = positive_version(body.at("version")) + 1; }
+
+std::set<std::string> ids_of(const json& authority) {
+  return authority.at("keyids").get<std::set<std::string>>();
+}
+
+std::string type_of(const std::string& role) {
+  const bool other = role == "root" || role == "timestamp" || role == "snapshot";
+  return other ? role : "targets";
+}
+
+unsigned long long limit_of(const std::string& role) {
+  if (role == "root") return client_limits.root_bytes;
+  return role == "timestamp" ? client_limits.timestamp_bytes : client_limits.metadata_bytes;
+}
+
+json reference_to(const json& body, const std::string& text) {
+  return {{"version", body.at("version")},
+          {"length", text.size()},
+          {"hashes", {{"sha256", digest(text, "sha256")}}}};
+}
+
+void require_unexpired(const std::string& role, const json& body) {
+  const auto expires = parse_tuf_time(body.at("expires").get_ref<const std::string&>());
+  require(!has_expired(expires, std::chrono::system_clock::now()), "expired_metadata",
+          [&] { return "What role " + role + " signs would have expired already"; });
+}
+
+/// What a client proves of a document that this authority has signed.
+void require_signed(const std::string& role, const json& document, const Authority& authority) {
+  std::size_t signers = 0;
+  const std::set<std::string> ids = ids_of(authority.record);
+  for (const json& signature : document.at("signatures"))
+    signers += ids.contains(signature.at("keyid").get_ref<const std::string&>()) ? 1 : 0;
+  const unsigned long long needed = positive_version(authority.record.at("threshold"));
+  require(signers >= needed, "signature_threshold", [&] {
+    return "Role " + role + " needs " + std::to_string(needed) + " of its keys, and " +
+           std::to_string(signers) + " are given";
+  });
+  verify_threshold_by_proved_keys(document, authority.keys, authority.record);
+}
+
+std::string bounded_text(const std::string& role, const json& document) {
+  std::string text = document_text(document);
+  require(text.size() <= limit_of(role), "size_limit", [&] {
+    return "Role " + role + " would sign " + std::to_string(text.size()) +
+           " bytes; clients take at most " + std::to_string(limit_of(role));
+  });
+  return text;
+}
+
+/// A name that is one file name under every server.
+void require_role_name(const std::string& name) {
+  const auto plain = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_';
+  };
+  require(!name.empty() && name.size() <= max_role_name && std::ranges::all_of(name, plain),
+          "invalid_role", "A role name has 1 to 100 letters, digits, hyphens and underscores");
+}
+
+json delegation_record(const Delegation& delegation) {
+  require(delegation.paths.empty() != delegation.hash_prefixes.empty(), "usage",
+          "Choose what is delegated with either --path or --hash-prefix");
+  json ids = json::array();
+  for (const json& record : delegation.keys.records) ids.push_back(key_id(record));
+  const bool by_paths = !delegation.paths.empty();
+  return {{"name", delegation.name},
+          {"keyids", std::move(ids)},
+          {"threshold", delegation.keys.threshold},
+          {"terminating", delegation.terminating},
+          {by_paths ? "paths" : "path_hash_prefixes",
+           by_paths ? delegation.paths : delegation.hash_prefixes}};
+}
+
+/// Removes the record, and the keys that no other record lists.
+void erase_delegation(json& body, const std::string& name) {
+  json& delegations = body.at("delegations");
+  json& roles = delegations.at("roles");
+  std::erase_if(roles.get_ref<json::array_t&>(),
+                [&](const json& record) { return record.at("name") == name; });
+  std::set<std::string> listed;
+  for (const json& record : roles) listed.merge(ids_of(record));
+  std::erase_if(delegations.at("keys").get_ref<json::object_t&>(),
+                [&](const auto& entry) { return !listed.contains(entry.first); });
+}
+
+RoleKeys role_keys(const json& root, const char* role) {
+  const json& authority = root.at("roles").at(role);
+  RoleKeys keys;
+  for (const json& id : authority.at("keyids"))
+    keys.records.push_back(root.at("keys").at(id.get<std::string>()));
+  keys.threshold = positive_version(authority.at("threshold"));
+  return keys;
+}
+
+void make_served_folders(const fs::path& repository) {
+  fs::path folder = repository;
+  for (const char* name : {"public", "tuf", "metadata"})
+    if (system_calls().mkdir((folder /= name).c_str(), 0755) != 0)
+      transaction_failure(static_cast<unsigned long>(errno), "Cannot make a served folder");
+}
+
+}  // namespace
+
+json Signers::sign(const json& body, const std::set<std::string>& ids) {
+  std::vector<const SigningKey*> chosen;
+  for (const SigningKey& key : keys_)
+    if (ids.contains(key.id())) {
+      chosen.push_back(&key);
+      used_.insert(key.id());
+    }
+  return sign_metadata(body, chosen);
+}
+
+void Signers::require_all_used() const {
+  for (const SigningKey& key : keys_)
+    require(used_.contains(key.id()), "key_unused",
+            [&] { return "No role that is signed now lists the key " + key.id(); });
+}
+
+RootRequest root_request(const json& root) {
+  RootRequest request;
+  request.version = positive_version(root.at("version"));
+  request.expires = root.at("expires");
+  request.consistent_snapshot = root.value("consistent_snapshot", false);
+  request.root = role_keys(root, "root");
+  request.timestamp = role_keys(root, "timestamp");
+  request.snapshot = role_keys(root, "snapshot");
+  request.targets = role_keys(root, "targets");
+  return request;
+}
+
+Repository::Repository(const fs::path& folder)
+    : folder_(folder),
+      lock_(lock_repository(folder)),
+      state_(read_repository(folder / served_folder)),
+      publication_(folder) {}
+
+Repository::Repository(const fs::path& folder, RepositoryState state)
+    : folder_(folder),
+      lock_(lock_repository(folder)),
+      state_(std::move(state)),
+      publication_(folder) {}
+
+RepositoryState Repository::create(const fs::path& place, std::string_view root_bytes,
+                                   Signers& signers, const RepositoryExpiry& expiry) {
+  const json root = parse_json(root_bytes, client_limits.root_bytes);
+  check_root(root);
+  Assembly assembly(place, {});
+  make_served_folders(assembly.folder());
+  RepositoryState state{.root = root.at("signed"),
+                        .timestamp = empty_body("timestamp"),
+                        .snapshot = empty_body("snapshot"),
+                        .roles = {{"targets", empty_targets()}}};
+  state.snapshot["meta"] = json::object();
+  {
+    Repository fresh(assembly.folder(), std::move(state));
+    fresh.publication_.put(root_name(fresh.state_.root), root_bytes);
+    fresh.renew("targets");
+    fresh.publish(signers, expiry);
+    state = std::move(fresh.state_);
+  }
+  assembly.publish([](const fs::path& folder) { read_repository(folder / served_folder); });
+  return state;
+}
+
+json& Repository::role_body(const std::string& role) {
+  const auto body = state_.roles.find(role);
+  require(body != state_.roles.end(), "unknown_role",
+          [&] { return "The repository has no role " + role + " that lists targets"; });
+  changed_.insert(role);
+  return body->second;
+}
+
+/// Under plain names a path has one content, whoever lists it.
+void Repository::require_no_conflict(const std::string& role, const std::string& path,
+                                     const json& hashes) {
+  if (state_.consistent()) return;
+  for (const auto& [name, body] : state_.roles) {
+    const auto listed = body.at("targets").find(path);
+    const bool same =
+        name == role || listed == body.at("targets").end() || listed->at("hashes") == hashes;
+    require(same, "target_conflict",
+            [&] { return "Role " + name + " lists other content as " + path; });
+  }
+}
+
+void Repository::put_target(const std::string& role, const std::string& path, const fs::path& file,
+                            const Progress& progress) {
+  validate_relative_path(path, true);
+  json& body = role_body(role);
+  require_delegated(state_, role, path);
+  const auto name_of = [&](const std::string& sha256) {
+    require_no_conflict(role, path, {{"sha256", sha256}});
+    std::string name = target_name(state_, path, sha256);
+    validate_relative_path(name, true);
+    return name;
+  };
+  body["targets"][path] = publication_.put_target(file, name_of, progress);
+}
+
+void Repository::remove_target(const std::string& role, const std::string& path) {
+  require(role_body(role).at("targets").erase(path) == 1, "target_not_found",
+          [&] { return "Role " + role + " lists no target " + path; });
+}
+
+void Repository::delegate(const std::string& delegator, const Delegation& delegation) {
+  const std::string& name = delegation.name;
+  require_role_name(name);
+  json& body = role_body(delegator);
+  const std::string present = delegator_of(state_, name);
+  require(present.empty() || present == delegator, "invalid_role",
+          [&] { return "Role " + name + " is delegated by " + present + " already"; });
+  if (!body.contains("delegations"))
+    body["delegations"] = {{"keys", json::object()}, {"roles", json::array()}};
+  if (!present.empty()) erase_delegation(body, name);
+  for (const json& record : delegation.keys.records)
+    body["delegations"]["keys"][key_id(record)] = record;
+  body["delegations"]["roles"].push_back(delegation_record(delegation));
+  if (present.empty()) {
+    // A role that comes back goes on where it ended: clients remember its version.
+    json fresh = empty_targets();
+    const json& meta = state_.snapshot.at("meta");
+    if (meta.contains(name + ".json")) fresh["version"] = meta.at(name + ".json").at("version");
+    state_.roles[name] = std::move(fresh);
+  }
+  changed_.insert(name);
+}
+
+void Repository::undelegate(const std::string& role) {
+  const std::string delegator = delegator_of(state_, role);
+  require(!delegator.empty(), "unknown_role",
+          [&] { return "The repository has no delegated role " + role; });
+  const bool leaf = !state_.roles.at(role).contains("delegations") ||
+                    state_.roles.at(role).at("delegations").at("roles").empty();
+  require(leaf, "invalid_role", [&] { return "Role " + role + " delegates itself"; });
+  erase_delegation(role_body(delegator), role);
+  state_.roles.erase(role);
+  changed_.erase(role);
+}
+
+void Repository::renew(const std::string& role) {
+  if (role == "timestamp" || role == "snapshot")
+    changed_.insert(role);
+  else
+    role_body(role);
+}
+
+void Repository::rotate(const RootRequest& request) {
+  json next = root_body(request);
+  next["version"] = state_.root.at("version");
+  raise(next);
+  for (const char* role : {"targets", "snapshot", "timestamp"})
+    if (next.at("roles").at(role) != state_.root.at("roles").at(role)) changed_.insert(role);
+  next_root_ = std::move(next);
+}
+
+std::string Repository::signed_text(const std::string& role, const json& body, Signers& signers) {
+  const Authority authority = authority_of(state_, role);
+  const json document = signers.sign(body, ids_of(authority.record));
+  shape(document, type_of(role));
+  require_signed(role, document, authority);
+  require_unexpired(role, body);
+  return bounded_text(role, document);
+}
+
+/// Signed by the old root keys and the new ones; from here on the new ones count.
+void Repository::publish_root(Signers& signers) {
+  const json& old = state_.root;
+  std::set<std::string> ids = ids_of(old.at("roles").at("root"));
+  ids.merge(ids_of(next_root_->at("roles").at("root")));
+  const json document = signers.sign(*next_root_, ids);
+  shape(document, "root");
+  require_signed("root", document, {old.at("roles").at("root"), old.at("keys")});
+  require_signed("root", document, {next_root_->at("roles").at("root"), next_root_->at("keys")});
+  check_root(document);
+  publication_.put(root_name(*next_root_), bounded_text("root", document));
+  state_.root = std::move(*next_root_);
+  next_root_.reset();
+}
+
+void Repository::publish_role(const std::string& role, Signers& signers,
+                              const std::string& expires) {
+  json& body = role == "snapshot" ? state_.snapshot : state_.roles.at(role);
+  body["version"] = body.at("version").get<unsigned long long>() + 1;
+  body["expires"] = expires;
+  const std::string text = signed_text(role, body, signers);
+  publication_.put(document_name(state_, role, body.at("version")), text);
+  json& parent = role == "snapshot" ? state_.timestamp : state_.snapshot;
+  parent["meta"][role + ".json"] = reference_to(body, text);
+}
+
+void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
+  if (next_root_) publish_root(signers);
+  require_unexpired("root", state_.root);
+  const bool selected =
+      std::ranges::any_of(changed_, [](auto& role) { return role != "timestamp"; });
+  for (const std::string& role : changed_)
+    if (state_.roles.contains(role)) publish_role(role, signers, expiry.targets);
+  if (selected) publish_role("snapshot", signers, expiry.snapshot);
+  if (!changed_.empty()) {
+    json& body = state_.timestamp;
+    body["version"] = body.at("version").get<unsigned long long>() + 1;
+    body["expires"] = expiry.timestamp;
+    publication_.put(timestamp_name(), signed_text("timestamp", body, signers));
+  }
+  signers.require_all_used();
+  publication_.commit();
+  changed_.clear();
+}
+
+std::size_t Repository::prune() {
+  std::set<std::string> named = {timestamp_name(),
+                                 document_name(state_, "snapshot", state_.snapshot.at("version"))};
+  for (const auto& [file, reference] : state_.snapshot.at("meta").items())
+    named.insert(document_name(state_, file.substr(0, file.size() - 5), reference.at("version")));
+  for (const auto& [role, body] : state_.roles)
+    for (const auto& [path, description] : body.at("targets").items())
+      named.insert(
+          target_name(state_, path, description.at("hashes").at("sha256").get<std::string>()));
+  return remove_served(folder_, [&](std::string_view name) {
+    return is_root_name(name) || named.contains(std::string(name));
+  });
+}
+
+}  // namespace tavro

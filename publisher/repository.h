@@ -1,0 +1,106 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "domain/progress.h"
+#include "domain/unique_fd.h"
+#include "publisher/publication.h"
+#include "publisher/repository_state.h"
+#include "publisher/root_metadata.h"
+
+namespace tavro {
+
+/// The private keys at hand. Each document is signed by those that its role lists.
+class Signers {
+ public:
+  explicit Signers(std::vector<SigningKey> keys) : keys_(std::move(keys)) {}
+
+  /// The document with a signature by each key of the list that is at hand.
+  json sign(const json& body, const std::set<std::string>& ids);
+  /// Throws `key_unused` when one of the keys has signed nothing: another one was meant.
+  void require_all_used() const;
+
+ private:
+  std::vector<SigningKey> keys_;
+  std::set<std::string> used_;
+};
+
+/// When what is signed now expires, in UTC. `targets` holds for delegated roles too.
+struct RepositoryExpiry {
+  std::string targets, snapshot, timestamp;
+};
+
+struct Delegation {
+  std::string name;
+  RoleKeys keys;
+  /// Exactly one of the two: patterns of paths, or prefixes of their SHA-256.
+  std::vector<std::string> paths, hash_prefixes;
+  bool terminating = false;
+};
+
+/// A repository on disk, claimed by this publisher. Changes are collected and become visible
+/// together with `publish`; without it nothing has changed. Throws what `read_repository` throws.
+class Repository {
+ public:
+  explicit Repository(const std::filesystem::path& folder);
+
+  /// Makes a repository without targets from its signed root, read back before it appears. Throws
+  /// as `Assembly` and `publish`.
+  static RepositoryState create(const std::filesystem::path& place, std::string_view root_bytes,
+                                Signers& signers, const RepositoryExpiry& expiry);
+
+  /// Takes the file under this target path, in place of what the role lists there. Throws
+  /// `unknown_role`, `unsafe_path`, `target_not_delegated`, `target_conflict`, and as
+  /// `Publication::put_target`.
+  void put_target(const std::string& role, const std::string& path,
+                  const std::filesystem::path& file, const Progress& progress);
+  /// The bytes stay for clients that have the old metadata, until `prune`. `target_not_found`.
+  void remove_target(const std::string& role, const std::string& path);
+
+  /// Delegates to a new role without targets, or gives a role of this delegator other keys, paths
+  /// or a place at the end; the role is signed anew. Throws `invalid_role` for a name that is not 1
+  /// to 100 of "a-zA-Z0-9_-" or is delegated by another role, and what `shape` throws.
+  void delegate(const std::string& delegator, const Delegation& delegation);
+  /// Takes the delegation back. The snapshot keeps the role, which clients want to see again.
+  void undelegate(const std::string& role);
+
+  /// Signs a role again with the next version: "timestamp" alone, or another one with all above.
+  void renew(const std::string& role);
+
+  /// The next root, and all that its new keys must sign: they take effect together.
+  void rotate(const RootRequest& root);
+
+  /// Signs what has changed, proves it as a client would, and shows it in one step. Throws
+  /// `signature_threshold`, `key_unused`, `size_limit`, `expired_metadata`, and as `Publication`.
+  void publish(Signers& signers, const RepositoryExpiry& expiry);
+
+  /// Removes files that the present metadata, and the chain of roots, do not name; their number.
+  std::size_t prune();
+
+  const RepositoryState& state() const { return state_; }
+
+ private:
+  Repository(const std::filesystem::path& folder, RepositoryState state);
+  json& role_body(const std::string& role);
+  void require_no_conflict(const std::string& role, const std::string& path, const json& hashes);
+  void publish_root(Signers& signers);
+  void publish_role(const std::string& role, Signers& signers, const std::string& expires);
+  std::string signed_text(const std::string& role, const json& body, Signers& signers);
+
+  std::filesystem::path folder_;
+  UniqueFd lock_;
+  RepositoryState state_;
+  std::optional<json> next_root_;
+  std::set<std::string> changed_;
+  Publication publication_;
+};
+
+/// The keys and thresholds of a root body.
+RootRequest root_request(const json& root);
+
+}  // namespace tavro

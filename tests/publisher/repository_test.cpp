@@ -1,0 +1,367 @@
+#include "publisher/repository.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "domain/crypto.h"
+#include "domain/input.h"
+#include "platform/files.h"
+#include "publisher/check.h"
+#include "publisher/client_limits.h"
+#include "support/fail_nth_call.h"
+#include "support/failure.h"
+#include "support/temp_folder.h"
+#include "tuf/threshold.h"
+#include "tuf/tuf.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+const RepositoryExpiry expiry{"2090-01-01T00:00:00Z", "2080-01-01T00:00:00Z",
+                              "2070-01-01T00:00:00Z"};
+
+/// A server on the folder itself.
+class FolderTransport : public Transport {
+ public:
+  explicit FolderTransport(fs::path folder) : folder_(std::move(folder)) {}
+  TransportResponse get(std::string_view path, unsigned long long limit) override {
+    if (!fs::exists(folder_ / path)) return {404, ""};
+    return {200, read_file(folder_ / path, limit)};
+  }
+  void download(std::string_view path, const fs::path& file, unsigned long long length,
+                const Progress&) override {
+    atomic_private_create(file, read_file(folder_ / path, length));
+  }
+
+ private:
+  fs::path folder_;
+};
+
+/// Syncs only take time here: what was not synced is not lost when a test cuts the calls.
+struct WithoutSyncs {
+  WithoutSyncs() {
+    calls.fsync = calls.fdatasync = [](int) { return 0; };
+  }
+  SystemCalls calls = system_calls();
+  SystemCallScope scope{calls};
+};
+
+/// "consistent" or "plain".
+class RepositoryOnDisk : public testing::TestWithParam<const char*> {
+ protected:
+  RepositoryOnDisk() {
+    for (const char* name : {"root", "online", "targets", "quest", "next"})
+      SigningKey::generate(KeyType::ed25519).store(key_path(name));
+    fs::create_directory(home / "trust");
+    RootRequest request;
+    request.expires = "2095-01-01T00:00:00Z";
+    request.consistent_snapshot = std::string_view(GetParam()) == "consistent";
+    request.root.records = {key("root").record()};
+    request.targets.records = {key("targets").record()};
+    request.snapshot.records = request.timestamp.records = {key("online").record()};
+    const SigningKey root_key = key("root");
+    root = sign_metadata(root_body(request), {&root_key}).dump();
+    Signers all = signers({"targets", "online"});
+    Repository::create(place, root, all, expiry);
+  }
+
+  fs::path key_path(const std::string& name) const { return home / (name + ".pem"); }
+  SigningKey key(const std::string& name) const { return SigningKey::load(key_path(name)); }
+  Signers signers(const std::vector<std::string>& names) const {
+    std::vector<SigningKey> keys;
+    for (const std::string& name : names) keys.push_back(key(name));
+    return Signers(std::move(keys));
+  }
+
+  template <typename Change>
+  void publish(const std::vector<std::string>& keys, Change&& change) const {
+    Signers all = signers(keys);
+    Repository repository(place);
+    change(repository);
+    repository.publish(all, expiry);
+  }
+
+  /// Publishes the content as a target.
+  void put(const std::string& path, const std::string& content, const std::string& role = "targets",
+           const std::vector<std::string>& keys = {"targets", "online"}) const {
+    const fs::path file = home / "content";
+    std::ofstream(file, std::ios::trunc) << content;
+    publish(keys, [&](Repository& repository) { repository.put_target(role, path, file, {}); });
+  }
+
+  void delegate(const std::string& name, std::vector<std::string> paths,
+                std::vector<std::string> prefixes) const {
+    publish({"targets", "online", "quest"}, [&](Repository& repository) {
+      repository.delegate(
+          "targets",
+          {name, {{key("quest").record()}, 1}, std::move(paths), std::move(prefixes), false});
+    });
+  }
+
+  /// What a client with this trust folder reads as the target, from the metadata down to the bytes
+  /// that it would download; the code of what refuses it.
+  std::string read(const std::string& path, const std::string& trust = random_id()) const {
+    std::string content;
+    const std::string refused = code_of([&] {
+      const fs::path folder = home / "trust" / trust;
+      if (!fs::exists(folder)) TufClient::initialize(folder, root);
+      FolderTransport transport(place / served_folder / metadata_folder);
+      TufClient client(folder, transport, transport, client_limits, std::chrono::system_clock::now);
+      const json description = client.target(path);
+      const RepositoryState state = read_repository(place / served_folder);
+      const std::string hash = description.at("hashes").at("sha256");
+      const fs::path file = place / served_folder / target_name(state, path, hash);
+      verify_target_file(file, description, {});
+      content = read_file(file, 1000);
+    });
+    return refused.empty() ? content : refused;
+  }
+
+  /// Everything served, by name.
+  std::map<std::string, std::string> served() const {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(place / served_folder))
+      if (entry.is_regular_file())
+        files[entry.path().lexically_relative(place / served_folder)] = read_file(entry, 100000);
+    return files;
+  }
+
+  void rotate_all() const {
+    publish({"root", "next"}, [&](Repository& repository) {
+      RootRequest request = root_request(repository.state().root);
+      request.root.records = request.targets.records = request.snapshot.records =
+          request.timestamp.records = {key("next").record()};
+      repository.rotate(request);
+    });
+  }
+
+  WithoutSyncs quick;
+  TempFolder temp;
+  fs::path home = temp.path();
+  fs::path place = home / "repository";
+  std::string root;
+};
+
+INSTANTIATE_TEST_SUITE_P(Snapshots, RepositoryOnDisk, testing::Values("consistent", "plain"),
+                         [](const auto& row) { return std::string(row.param); });
+
+TEST_P(RepositoryOnDisk, EveryChangeReachesAClientThatFollows) {
+  const auto follows = [&](const char* path) { return read(path, "follower"); };
+  EXPECT_EQ(follows("a/b"), "target_not_found");
+  put("a/b", "one");
+  EXPECT_EQ(follows("a/b"), "one");
+  put("a/b", "two");
+  EXPECT_EQ(follows("a/b"), "two");
+
+  delegate("quest", {"quest/*"}, {});
+  put("quest/map", "map", "quest", {"quest", "online"});
+  EXPECT_EQ(follows("quest/map"), "map");
+  const std::string hashed = "hashed/file";
+  delegate("bin", {}, {digest(hashed, "sha256").substr(0, 3)});
+  put(hashed, "by hash", "bin", {"quest", "online"});
+  EXPECT_EQ(follows(hashed.c_str()), "by hash");
+
+  publish({"targets", "online"}, [](Repository& repository) {
+    repository.remove_target("targets", "a/b");
+    repository.undelegate("quest");
+  });
+  EXPECT_EQ(follows("a/b"), "target_not_found");
+  EXPECT_EQ(follows("quest/map"), "target_not_found");
+  // A role that comes back must not start over: its old versions are remembered.
+  delegate("quest", {"quest/*"}, {});
+  put("quest/map", "map again", "quest", {"quest", "online"});
+  EXPECT_EQ(follows("quest/map"), "map again");
+  EXPECT_EQ(follows(hashed.c_str()), "by hash");
+  EXPECT_GT(Repository(place).prune(), 0U);
+  EXPECT_EQ(read("quest/map") + ", " + read(hashed), "map again, by hash");
+  EXPECT_EQ(Repository(place).prune(), 0U);
+}
+
+TEST_P(RepositoryOnDisk, RefreshesTheTimestampAlone) {
+  put("a", "one");
+  auto before = served();
+  publish({"online"}, [](Repository& repository) { repository.renew("timestamp"); });
+  auto after = served();
+  EXPECT_NE(before[timestamp_name()], after[timestamp_name()]);
+  before.erase(timestamp_name());
+  after.erase(timestamp_name());
+  EXPECT_EQ(before, after);
+  EXPECT_EQ(read("a"), "one");
+}
+
+TEST_P(RepositoryOnDisk, RotatesKeysAlongTheChainOfRoots) {
+  put("a", "one");
+  EXPECT_EQ(read("a", "follower"), "one");
+  const auto later = [](Repository& repository) {
+    repository.rotate(root_request(repository.state().root));
+  };
+  publish({"root"}, later);
+  rotate_all();
+  EXPECT_EQ(read("a", "follower"), "one");
+  EXPECT_EQ(read("a"), "one");
+  EXPECT_EQ(code_of([&] { put("a", "two"); }), "signature_threshold");
+  put("a", "two", "targets", {"next"});
+  EXPECT_EQ(code_of([&] { publish({"root"}, later); }), "signature_threshold");
+  publish({"next"}, later);
+  EXPECT_EQ(read("a", "follower"), "two");
+  EXPECT_EQ(read_repository(place / served_folder).root.at("version"), 4);
+}
+
+TEST_P(RepositoryOnDisk, ACrashAtAnyCallLeavesTheOldOrTheNewRepository) {
+  put("a", "old");
+  delegate("quest", {"quest/*"}, {});
+  const fs::path intact = home / "intact";
+  fs::copy(place, intact, fs::copy_options::recursive);
+  const std::function<void()> works[] = {
+      [&] { put("a", "new"); }, [&] { rotate_all(); },
+      [&] { publish({"online"}, [](Repository& repository) { repository.renew("timestamp"); }); }};
+  for (const auto& work : works)
+    for (const Fault fault : {Fault::fail, Fault::cut}) {
+      const int rounds = strike_each_call(
+          fault, EIO,
+          [&] {
+            fs::remove_all(place);
+            fs::copy(intact, place, fs::copy_options::recursive);
+          },
+          work,
+          [&](const Stop& stop) {
+            const std::string seen = read("a");
+            EXPECT_TRUE(seen == "old" || seen == "new") << seen << stop.nth << stop.call;
+            EXPECT_TRUE(!stop.code.empty() || (seen == "new") == (&work == &works[0]));
+            // The next publisher goes on from there, and takes away what was left.
+            const bool rotated = read_repository(place / served_folder).root.at("version") == 2;
+            const auto keys = rotated ? std::vector<std::string>{"next"}
+                                      : std::vector<std::string>{"targets", "online"};
+            put("a", "after", "targets", keys);
+            EXPECT_EQ(read("a"), "after") << stop.nth << stop.call;
+            EXPECT_EQ(std::distance(fs::directory_iterator(place), {}), 1) << stop.call;
+          });
+      EXPECT_GT(rounds, 5);
+    }
+}
+
+TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
+  delegate("quest", {"quest/*"}, {});
+  put("a", "one");
+  const auto before = served();
+  const auto refused = [&](auto&& change) {
+    return code_of([&] { publish({"targets", "online"}, change); });
+  };
+  const Delegation bad{"a/b", {{key("quest").record()}, 1}, {"*"}, {}, false};
+  const Delegation twice{"quest", {{key("quest").record()}, 2}, {"*"}, {}, false};
+
+  EXPECT_EQ(code_of([&] { put("../a", "x"); }), "unsafe_path");
+  EXPECT_EQ(code_of([&] { put("a", "x", "ghost"); }), "unknown_role");
+  EXPECT_EQ(code_of([&] {
+              put("other/a", "x", "quest", {"quest", "online"});
+            }),
+            "target_not_delegated");
+  EXPECT_EQ(code_of([&] { put("quest/a", "x", "quest", {"quest"}); }), "signature_threshold");
+  EXPECT_EQ(code_of([&] {
+              put("b", "x", "targets", {"targets", "online", "quest"});
+            }),
+            "key_unused");
+  EXPECT_EQ(refused([](auto& r) { r.remove_target("targets", "none"); }), "target_not_found");
+  EXPECT_EQ(refused([](auto& r) { r.undelegate("ghost"); }), "unknown_role");
+  EXPECT_EQ(refused([&](auto& r) { r.delegate("targets", bad); }), "invalid_role");
+  EXPECT_EQ(refused([&](auto& r) { r.delegate("quest", twice); }), "invalid_role");
+  EXPECT_EQ(refused([&](auto& r) { r.delegate("targets", twice); }), "signature_threshold");
+  EXPECT_EQ(refused([&](auto&) { Repository second(place); }), "busy");
+  Signers late = signers({"online"});
+  EXPECT_EQ(code_of([&] {
+              Repository repository(place);
+              repository.renew("timestamp");
+              repository.publish(late, {"", "", "2001-01-01T00:00:00Z"});
+            }),
+            "expired_metadata");
+  EXPECT_EQ(served(), before);
+  EXPECT_EQ(code_of([&] { Repository::create(place, root, late, expiry); }), "file_exists");
+}
+
+TEST_P(RepositoryOnDisk, BuildsNothingOnDamagedMetadata) {
+  put("a", "one");
+  const RepositoryState state = read_repository(place / served_folder);
+  const fs::path path = place / served_folder /
+                        document_name(state, "targets", state.roles.at("targets").at("version"));
+  std::string text = read_file(path, 100000);
+  std::ofstream(path, std::ios::trunc) << text.replace(text.find("2090"), 4, "2091");
+  EXPECT_EQ(code_of([&] { put("b", "two"); }), "hash_mismatch");
+  fs::remove(place / served_folder / root_name(state.root));
+  EXPECT_EQ(code_of([&] { put("b", "two"); }), "invalid_repository");
+}
+
+TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
+  put("a", "one");
+  delegate("quest", {"quest/*"}, {});
+  put("quest/map", "map", "quest", {"quest", "online"});
+  rotate_all();
+  std::ofstream(home / "root.json") << root;
+  FolderTransport metadata(place / served_folder / metadata_folder);
+  FolderTransport targets(place / served_folder / targets_folder);
+  CheckRequest request{"", home / "root.json", "", {"a", "quest/map"}, true};
+  const auto check = [&] { return check_repository(request, metadata, targets, {}); };
+  const json told = check();
+  EXPECT_EQ(told.at("trusted_until"), expiry.timestamp);
+  EXPECT_EQ(told.at("roles").at("root"),
+            (json{{"version", 2}, {"expires", "2095-01-01T00:00:00Z"}}));
+  EXPECT_EQ(told.at("roles").at("quest").at("expires"), expiry.targets);
+  EXPECT_EQ(told.at("targets").at(1).at("length"), 3);
+
+  for (const auto& entry : fs::recursive_directory_iterator(place / served_folder / targets_folder))
+    if (entry.is_regular_file()) std::ofstream(entry.path(), std::ios::trunc) << "???";
+  EXPECT_EQ(code_of(check), "hash_mismatch");
+  request.download = false;
+  EXPECT_EQ(code_of(check), "");
+  request.targets = {"ghost"};
+  EXPECT_EQ(code_of(check), "target_not_found");
+  const SigningKey other = key("quest");
+  RootRequest foreign = root_request(json::parse(root).at("signed"));
+  foreign.root.records = foreign.timestamp.records = {other.record()};
+  std::ofstream(home / "root.json", std::ios::trunc)
+      << sign_metadata(root_body(foreign), {&other}).dump();
+  EXPECT_EQ(code_of(check), "signature_threshold");
+}
+
+/// A root as large as its keys make it: each of the largest kind, all signing, also the old ones.
+std::size_t root_bytes(std::size_t keys_per_role) {
+  json keys, roles, signatures = json::array();
+  int serial = 0;
+  std::string pem = "-----BEGIN PUBLIC KEY-----\n";
+  for (int left = 3488; left > 0; left -= 64) pem += std::string(std::min(left, 64), 'A') + '\n';
+  pem += "-----END PUBLIC KEY-----\n";
+  for (const char* role : {"root", "timestamp", "snapshot", "targets"}) {
+    json ids = json::array();
+    for (std::size_t i = 0; i < keys_per_role; ++i) {
+      ids.push_back(digest(std::to_string(serial++), "sha256"));
+      keys[ids.back().get<std::string>()] = {
+          {"keytype", "ml-dsa"}, {"scheme", "ml-dsa-87/1"}, {"keyval", {{"public", pem}}}};
+    }
+    roles[role] = {{"keyids", ids}, {"threshold", keys_per_role}};
+  }
+  for (std::size_t i = 0; i < 2 * keys_per_role; ++i)
+    signatures.push_back(
+        {{"keyid", digest(std::to_string(i), "sha256")}, {"sig", std::string(9254, 'a')}});
+  return json{{"signatures", signatures},
+              {"signed",
+               {{"_type", "root"},
+                {"spec_version", "1.0.31"},
+                {"version", 1},
+                {"expires", expiry.targets},
+                {"consistent_snapshot", true},
+                {"keys", keys},
+                {"roles", roles}}}}
+      .dump()
+      .size();
+}
+
+TEST(ClientLimits, FitTheLargestKeysAndLittleMore) {
+  EXPECT_LE(root_bytes(max_role_keys), client_limits.root_bytes);
+  EXPECT_GT(root_bytes(max_role_keys) + envelope_bytes, client_limits.root_bytes);
+  EXPECT_GT(root_bytes(max_role_keys + 1), client_limits.root_bytes);
+}
+
+}  // namespace
+}  // namespace tavro
