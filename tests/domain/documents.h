@@ -5,7 +5,7 @@
 
 #include <sstream>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "support/failure.h"
 
@@ -38,18 +38,19 @@ inline nlohmann::json damaged(nlohmann::json document, const std::string& damage
   return document;
 }
 
-inline nlohmann::json file_entry(const std::string& path, unsigned mode = 0644) {
-  return {{"path", path}, {"length", 1}, {"mode", mode}, {"sha256", std::string(64, 'a')}};
-}
-
-/// A valid snapshot of these files, of 1 byte each. The first of them is its entry point.
-inline nlohmann::json snapshot_of(nlohmann::json files) {
+/// A valid snapshot of these files, of 1 byte each. "+" stands before an executable; the first file
+/// is the entry point.
+inline nlohmann::json snapshot_of(const std::vector<std::string>& files) {
   auto document = nlohmann::json::parse(R"({"schema_version": 1, "build_id": "build-1",
       "platform": "linux-x86_64", "archive": {"format": "tar.zst-v1", "target": "one.tar.zst",
       "length": 9, "sha256": "4bf5122f344554c53bde2ebb8cd2b7e3d1600ad631c385a5d7cce23c7785459a"}})");
-  document["executable"] = files[0]["path"];
+  document["executable"] = files[0].substr(1);
   document["expanded_length"] = files.size();
-  document["files"] = std::move(files);
+  for (const std::string& file : files)
+    document["files"].push_back({{"path", file.substr(file[0] == '+')},
+                                 {"length", 1},
+                                 {"mode", file[0] == '+' ? 0755 : 0644},
+                                 {"sha256", document["archive"]["sha256"]}});
   return document;
 }
 

@@ -7,11 +7,11 @@ namespace tavro {
 
 // A payload of two front ends, one ordinary file and this many helpers.
 static json descriptor(int helpers = 1) {
-  json files = {file_entry("cli", 0755), file_entry("gui", 0755), file_entry("data")};
+  std::vector<std::string> files = {"+cli", "+gui", "data"};
   LauncherContract contract{"gui", {}};
-  for (int index = 0; index < helpers; ++index) {
-    files.push_back(file_entry("helper" + std::to_string(index), 0755));
-    contract.helpers["helper" + std::to_string(index)] = "maintenance";
+  while (helpers-- > 0) {
+    files.push_back("+helper" + std::to_string(helpers));
+    contract.helpers[files.back().substr(1)] = "maintenance";
   }
   return launcher_document(snapshot_of(files), contract);
 }
@@ -37,6 +37,9 @@ lifetime ownership|/runtime_helpers [])",
   for (const auto& [helpers, code] :
        {std::pair(0, ""), {16, ""}, {17, "launcher_incompatible"}, {4094, "size_limit"}})
     EXPECT_EQ(code_of([count = helpers] { LauncherManifest::parse(descriptor(count)); }), code);
+  json large = damaged(descriptor(), "/files/2/length 1073741822");
+  large["expanded_length"] = 1073741825;
+  EXPECT_EQ(code_of([&] { LauncherManifest::parse(large); }), "size_limit");
 }
 
 TEST(LauncherContract, MatchesNoHealthDocumentButItsOwn) {

@@ -92,13 +92,12 @@ TEST(Signature, CountsDamagedDataAsNoSignature) {
 
 TEST(Signature, ReadsPemTextUpToItsBoundAndNeverAsksForAPassword) {
   auto [record, signature] = sign("ecdsa", "ecdsa-sha2-nistp256", "EC", "P-256", EVP_sha256());
-  const std::string pem = record["keyval"]["public"],
-                    longest = pem + std::string(16384 - pem.size(), '\n');
+  const std::string pem = record["keyval"]["public"], filler(16384 - pem.size(), '\n');
   const std::string lock = "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC," + std::string(32, '0');
   const std::string locked = std::string(pem).insert(pem.find('\n') + 1, lock + "\n\n");
-  for (const std::string& text : {longest, longest + '\n', locked}) {
+  for (const std::string& text : {pem + filler, pem + filler + '\n', locked}) {
     record["keyval"]["public"] = text;
-    EXPECT_EQ(verify_signature(record, kMessage, signature), text == longest);
+    EXPECT_EQ(verify_signature(record, kMessage, signature), text == pem + filler);
   }
 }
 
