@@ -1,13 +1,13 @@
 #include "platform/posix_files.h"
 
-#include <acl/libacl.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/acl.h>
+#include <linux/posix_acl.h>
+#include <linux/posix_acl_xattr.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <memory>
 #include <tuple>
 
 #include "support/fail_nth_call.h"
@@ -20,7 +20,9 @@ namespace {
 namespace fs = std::filesystem;
 using posix_files::private_directory, posix_files::require_private_path;
 
-constexpr uid_t stranger = 54321;
+constexpr char access_list[] = "system.posix_acl_access";
+constexpr char default_list[] = "system.posix_acl_default";
+constexpr unsigned stranger = 54321, nobody = ~0u;
 const std::string impure =
     "permissions: Linux private storage must be ordinary, owned and accessible only to this user";
 const std::string grants =
@@ -29,11 +31,23 @@ const std::string grants =
 struct PrivateStorage : testing::Test {
   PrivateStorage() { fs::create_directory(at, folder.path()); }
 
-  /// Gives the folder a list of these entries besides the necessary ones; false where it cannot be.
-  bool list(const std::string& entries, acl_type_t type = ACL_TYPE_ACCESS) const {
-    const std::string text = "u::rwx,g::---,m::---," + entries;
-    const std::unique_ptr<void, int (*)(void*)> acl(acl_from_text(text.c_str()), acl_free);
-    return acl_set_file(at.c_str(), type, static_cast<acl_t>(acl.get())) == 0;
+  /// Gives the folder a list of `users` entries for the user and the four that are always there;
+  /// false where it cannot be.
+  bool list(const char* name, unsigned user, __u16 rights, __u16 others = 0, int users = 1) const {
+    const posix_acl_xattr_header header{POSIX_ACL_XATTR_VERSION};
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+    const auto add = [&](const posix_acl_xattr_entry& entry) {
+      bytes.append(reinterpret_cast<const char*>(&entry), sizeof entry);
+    };
+    add({ACL_USER_OBJ, 7, nobody});
+    for (int entry = 0; entry < users; ++entry) add({ACL_USER, rights, user});
+    add({ACL_GROUP_OBJ, 0, nobody});
+    add({ACL_MASK, 0, nobody});
+    add({ACL_OTHER, others, nobody});
+    return ::setxattr(at.c_str(), name, bytes.data(), bytes.size(), 0) == 0;
+  }
+  static bool has(const fs::path& path, const char* name) {
+    return ::getxattr(path.c_str(), name, nullptr, 0) > 0;
   }
   static std::string refused(const fs::path& path) {
     return failure_of([&] { private_directory(path); });
@@ -44,21 +58,20 @@ struct PrivateStorage : testing::Test {
 };
 
 TEST_F(PrivateStorage, PreservesAListThatLetsSomebodyElseIn) {
-  const std::string harmless = "o::---,u:" + std::to_string(::geteuid()) + ":r--";
-  if (!list(harmless)) GTEST_SKIP() << "no access lists on this file system";
-  std::string crowd = "o::---";  // 128 entries with those that are always there
-  for (int user = 1; user <= 124; ++user) crowd += ",u:" + std::to_string(user) + ":---";
-  for (const auto& [type, entries, failure] :
-       {std::tuple(ACL_TYPE_ACCESS, crowd, std::string()),
-        {ACL_TYPE_ACCESS, crowd + ",u:125:---",
-         "permissions: Linux storage ACL exceeds its bound or is invalid"},
-        {ACL_TYPE_ACCESS, "o::---,u:54321:r--", grants},
-        {ACL_TYPE_DEFAULT, harmless, ""},
-        {ACL_TYPE_DEFAULT, "o::r--", grants}}) {
-    ASSERT_TRUE(list(harmless) && list(entries, type));
-    EXPECT_FAILURE(require_private_path(at, true), failure);
-    EXPECT_EQ(acl_extended_file(at.c_str()), 1);
-  }
+  const auto harmless = [&](const char* name) { return list(name, ::geteuid(), 4); };
+  const auto unproved = [&] { return failure_of([&] { require_private_path(at, true); }); };
+  if (!harmless(access_list)) GTEST_SKIP() << "no access lists on this file system";
+  ASSERT_TRUE(list(access_list, stranger, 0, 0, 124));
+  EXPECT_EQ(unproved(), "");
+  ASSERT_TRUE(list(access_list, stranger, 0, 0, 125));
+  EXPECT_EQ(unproved(), "permissions: Linux storage ACL exceeds its bound or is invalid");
+  ASSERT_TRUE(harmless(access_list) && harmless(default_list));
+  EXPECT_EQ(unproved(), "");
+  ASSERT_TRUE(list(default_list, stranger, 0, 4));
+  EXPECT_EQ(unproved(), grants);
+  ASSERT_TRUE(harmless(default_list) && list(access_list, stranger, 4));
+  EXPECT_EQ(unproved(), grants);
+  EXPECT_TRUE(has(at, access_list) && has(at, default_list));
   // Narrowing the mode must not quietly lower the mask under which the list stands.
   fs::permissions(at, fs::perms(0750));
   EXPECT_EQ(refused(at), grants);
@@ -66,12 +79,12 @@ TEST_F(PrivateStorage, PreservesAListThatLetsSomebodyElseIn) {
 }
 
 TEST_F(PrivateStorage, TakesInheritedListsFromNewNodes) {
-  if (!list("o::r-x,u:54321:rwx", ACL_TYPE_DEFAULT)) GTEST_SKIP();
+  if (!list(default_list, stranger, 7, 5)) GTEST_SKIP();
   const UniqueFd file = posix_files::open(at / "file", O_CREAT | O_RDWR | O_EXCL, 0666);
   fs::create_directory(at / "inner");
   posix_files::secure_new_private(file.get(), false);
   posix_files::secure_new_private(posix_files::open(at / "inner", O_RDONLY).get(), true);
-  for (const auto* node : {"file", "inner"}) EXPECT_EQ(acl_extended_file((at / node).c_str()), 0);
+  EXPECT_FALSE(has(at / "inner", default_list) || has(at / "file", access_list));
 }
 
 TEST_F(PrivateStorage, ProvesOwnershipModeTypeAndLinks) {
