@@ -209,12 +209,13 @@ json& Repository::role_body(const std::string& role) {
 void Repository::require_no_conflict(const std::string& role, const std::string& path,
                                      const json& hashes) {
   if (state_.consistent()) return;
-  for (const auto& [name, body] : state_.roles) {
-    const auto listed = body.at("targets").find(path);
+  for (const auto& other : state_.roles) {
+    const json& targets = other.second.at("targets");
+    const auto listed = targets.find(path);
     const bool same =
-        name == role || listed == body.at("targets").end() || listed->at("hashes") == hashes;
+        other.first == role || listed == targets.end() || listed->at("hashes") == hashes;
     require(same, "target_conflict",
-            [&] { return "Role " + name + " lists other content as " + path; });
+            [&] { return "Role " + other.first + " lists other content as " + path; });
   }
 }
 
