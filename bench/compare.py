@@ -154,9 +154,11 @@ def main():
             ("peak memory of install, 200 MB (MiB)", results["install"]["peak_kib"] / 1024, 40),
             ("the same for 20 MB (MiB)", results["small_install"]["peak_kib"] / 1024, 40)]
     per_file = [row["ms"] / row["files"] for row in results["manifests"]]
-    rows.append(("manifest of 100000 files, time a file against 25000", per_file[-1] / per_file[0], 1.3))
+    rows.append(("manifest of 100000 files, time a file against 25000", per_file[-1] / per_file[0],
+                 1.3))
     memory = [row["peak_kib_above_text"] / row["files"] for row in results["manifests"]]
-    rows.append(("manifest of 100000 files, memory a file against 25000", memory[-1] / memory[0], 1.3))
+    rows.append(("manifest of 100000 files, memory a file against 25000", memory[-1] / memory[0],
+                 1.3))
     print(f"{'what':55} {'measured':>9} {'goal':>7}")
     for name, value, goal in rows:
         print(f"{name:55} {value:9.2f} {goal:7.2f}{'' if value <= goal else '   missed'}")
