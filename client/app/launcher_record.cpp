@@ -48,10 +48,13 @@ void check_launcher_record(const json& record) {
 void reference_shape(const json& reference) {
   if (reference.is_null()) return;
   read_fields("launcher_state", "Launcher installation record is malformed; it was preserved", [&] {
-    require(is_lower_hex(reference.at("manifest_sha256").get_ref<const std::string&>(), 64),
-            "launcher_state", "Launcher manifest identity is invalid");
+    hash_identity(reference.at("manifest_sha256").get_ref<const std::string&>());
     validate_identifier(reference.at("build_id").get_ref<const std::string&>());
   });
+}
+
+void hash_identity(std::string_view name) {
+  require(is_lower_hex(name, 64), "launcher_state", "Launcher manifest identity is invalid");
 }
 
 void nonce_identity(std::string_view nonce) {

@@ -23,6 +23,9 @@ void check_launcher_record(const json& record);
 /// `launcher_state`, or what `validate_identifier` throws for the build.
 void reference_shape(const json& reference);
 
+/// The name of a version: 64 lower-case hexadecimal characters; throws `launcher_state`.
+void hash_identity(std::string_view name);
+
 /// 32 lower-case hexadecimal characters; throws `launcher_state`.
 void nonce_identity(std::string_view nonce);
 

@@ -26,13 +26,6 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t fallback_entries = 64;
 
-/// The folder as the disk knows it, taken apart and joined again so that a link met on the way,
-/// also one that appeared meanwhile, is refused.
-fs::path ordinary_root(const fs::path& path) {
-  const auto normal = fs::weakly_canonical(fs::absolute(path)).lexically_normal();
-  return safe_join(normal.root_path(), path_utf8(normal.relative_path()), false);
-}
-
 const std::string& version_name(const json& reference, std::string_view missing) {
   reference_shape(reference);
   require(!reference.is_null(), "launcher_missing", missing);
@@ -55,6 +48,12 @@ fs::directory_iterator version_entries(const fs::path& folder) {
 }
 
 }  // namespace
+
+fs::path ordinary_root(const fs::path& path) {
+  const auto normal = fs::weakly_canonical(fs::absolute(path)).lexically_normal();
+  // Taken apart and joined again, so that a link that appeared meanwhile is refused.
+  return safe_join(normal.root_path(), path_utf8(normal.relative_path()), false);
+}
 
 LauncherStore::LauncherStore(const fs::path& root, bool staged_install)
     : LauncherStore(root, Paths{}) {

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "domain/json.h"
@@ -11,6 +13,10 @@
 #include "platform/native_lock.h"
 
 namespace tavro {
+
+/// A data folder as the disk knows it: absolute, links resolved. Throws `unsafe_path` when a
+/// component is a link again by the time it is looked at.
+std::filesystem::path ordinary_root(const std::filesystem::path& path);
 
 /// Marks the constructor that creates nothing.
 struct ExistingStore {};
@@ -80,12 +86,46 @@ class LauncherStore {
   json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
                     const Progress& progress = {});
 
+  // The probation of a candidate. An attempt is the record's object of `nonce` and `reference`; a
+  // malformed nonce is `launcher_state`. What changes the record needs the caller to hold
+  // `owner()`.
+
+  /// The attempt lease: shared by whoever keeps the attempt alive.
+  std::filesystem::path startup_lease_path(const json& attempt) const;
+  /// The started launcher's word that it holds its leases.
+  std::filesystem::path startup_ack_path(const json& attempt) const;
+  /// The started launcher's word that it is ready.
+  std::filesystem::path health_path(const json& attempt) const;
+  /// The variables of `launcher_startup_variables` for a start in this attempt. Throws
+  /// `launcher_interface`.
+  std::map<std::string, std::string> health_environment(const json& attempt,
+                                                        std::string_view interface) const;
+
+  /// Records an attempt that nobody holds any more as "startup_interrupted"; without an attempt
+  /// nothing happens. Throws `launcher_running` while a process still lives on it.
+  void recover_attempt();
+  /// Moves the candidate into a new attempt, which is on disk before this returns; null when none
+  /// waits. Throws `busy` while an attempt is open.
+  json begin_candidate();
+  /// Makes the attempt's version the active one and the active one the rollback, if all of the
+  /// proof holds for the process `pid`, which the caller started itself: `health`, the
+  /// acknowledgement and the whole payload. Throws `launcher_health`, `launcher_state`,
+  /// `launcher_lease`, and what `manifest` and `verify_snapshot_tree` throw; the attempt then stays
+  /// open.
+  void confirm_candidate(const json& attempt, const json& health, unsigned long long pid,
+                         std::string_view interface);
+  /// Closes the attempt as failed; what is active stays. `problem` is 1 to 80 characters of a-z,
+  /// 0-9, '_' and '-'. Throws `launcher_state`.
+  void reject_candidate(const json& attempt, std::string_view problem);
+
  private:
   struct Paths {};
   /// Only computes the paths.
   LauncherStore(const std::filesystem::path& root, Paths tag);
 
   std::filesystem::path child(std::string_view relative) const;
+  /// The record, in which exactly this attempt is open; else `launcher_state`.
+  json load_open(const json& attempt) const;
 
   std::filesystem::path root_;
   std::filesystem::path directory_;
