@@ -16,7 +16,7 @@ chown $user:$user "$home"
 if ! as_user test -x "$program"; then
   mkdir -m 755 "$home/bin"
   find "$(dirname "$program")" -maxdepth 1 \
-    \( -name 'tavro-*' -o -name 'example-*' -o -name '*.so' \) -exec cp -t "$home/bin" {} +
+    \( -name 'tavro-*' -o -name 'example-*' -o -name 'ill-behaved-*' -o -name '*.so' \) -exec cp -t "$home/bin" {} +
   cp "$program" "$home/bin/"
   program=$home/bin/$(basename "$program")
 fi

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <exception>
 #include <filesystem>
 
@@ -31,6 +32,7 @@ bool struck_now(const char* name) {
     return strike.fault == Fault::cut && struck_before();
   const bool now = ++strike.calls == strike.nth;
   if (now) strike.struck = name;
+  if (now && strike.fault == Fault::kill) std::raise(SIGKILL);
   return now || (strike.fault == Fault::cut && struck_before());
 }
 

@@ -17,6 +17,8 @@ enum class Fault {
   /// The process dies there, as far as the disk can tell: this call and all later ones fail, and a
   /// write still stores the first half of its bytes.
   cut,
+  /// The process gets SIGKILL before the call.
+  kill,
   /// A write stores half of its bytes and says so; any other call is carried out.
   shorten,
 };
