@@ -6,6 +6,7 @@
 #include <openssl/x509v3.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -25,11 +26,12 @@ namespace tavro {
 /// request a connection, then the answer, then the end of the connection.
 class ScriptedTlsServer {
  public:
-  /// Keeps its self-signed certificate for `host`, which is its own bundle, in `folder`.
+  /// Keeps its self-signed certificate for `host`, which is its own bundle, in `folder`. It is good
+  /// from two hours before `until` (seconds from now).
   explicit ScriptedTlsServer(const std::filesystem::path& folder,
-                             const std::string& host = "localhost") {
+                             const std::string& host = "localhost", long until = 3600) {
     std::signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not end the test
-    if (!listen() || !certify(folder, host)) throw std::runtime_error("no scripted server");
+    if (!listen() || !certify(folder, host, until)) throw std::runtime_error("no scripted server");
     thread_ = std::thread([this] { serve(); });
   }
   ~ScriptedTlsServer() {
@@ -39,10 +41,12 @@ class ScriptedTlsServer {
   ScriptedTlsServer(const ScriptedTlsServer&) = delete;
   ScriptedTlsServer& operator=(const ScriptedTlsServer&) = delete;
 
-  /// All that is sent for each request from now on.
-  void say(const std::string& answer) {
+  /// All that is sent for each request from now on; then the connection ends, or with `stall` the
+  /// server says no more until the client leaves.
+  void say(const std::string& answer, bool stall = false) {
     const std::scoped_lock lock(mutex_);
     answer_ = answer;
+    stall_ = stall;
   }
   /// The requests so far, head and body as they came.
   std::vector<std::string> requests() const {
@@ -72,13 +76,13 @@ class ScriptedTlsServer {
     return done;
   }
 
-  bool certify(const std::filesystem::path& folder, const std::string& host) {
+  bool certify(const std::filesystem::path& folder, const std::string& host, long until) {
     const Key key(EVP_EC_gen("P-256"));
     const Certificate certificate(X509_new());
     X509* x509 = certificate.get();
     X509_set_version(x509, X509_VERSION_3);
-    X509_gmtime_adj(X509_getm_notBefore(x509), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(x509), 3600);
+    X509_gmtime_adj(X509_getm_notBefore(x509), until - 7200);
+    X509_gmtime_adj(X509_getm_notAfter(x509), until);
     X509_set_pubkey(x509, key.get());
     const std::string names = "DNS:" + host;
     const Extension extension(
@@ -121,14 +125,18 @@ class ScriptedTlsServer {
       const std::string request = read_request(session.get());
       // A client that refused the certificate leaves without a word.
       if (request.empty()) continue;
-      const std::scoped_lock lock(mutex_);
-      requests_.push_back(request);
-      SSL_write(session.get(), answer_.data(), static_cast<int>(answer_.size()));
+      {
+        const std::scoped_lock lock(mutex_);
+        requests_.push_back(request);
+        SSL_write(session.get(), answer_.data(), static_cast<int>(answer_.size()));
+      }
+      if (stall_) read_request(session.get());
       SSL_shutdown(session.get());
     }
   }
 
   std::unique_ptr<SSL_CTX, Deleter<SSL_CTX_free>> context_{SSL_CTX_new(TLS_server_method())};
+  std::atomic<bool> stall_ = false;
   UniqueFd listener_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   std::string port_, answer_;
   std::filesystem::path bundle_;

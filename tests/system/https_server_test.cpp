@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "domain/input.h"
+#include "platform/allocated_file.h"
+#include "support/failure.h"
+#include "support/signed_repository.h"
+#include "system/installer_program.h"
+#include "system/nginx.h"
+#include "transport/https.h"
+
+namespace tavro {
+namespace {
+
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+
+struct Served {
+  TempFolder folder;
+  fs::path served = folder.path() / "public";
+
+  Served() {
+    fs::create_directory(served);
+    std::ofstream(served / "file") << "0123456789";
+  }
+  Nginx start(const std::string& name, const std::string& mode = "--http2") const {
+    return {folder.path() / name,
+            served,
+            mode,
+            {"location = /protocol { return 200 $server_protocol; }"}};
+  }
+};
+
+TEST(HttpsServer, IsAskedInBothVersionsOfHttp) {
+  const Served world;
+  for (const auto& [mode, protocol] : {std::pair{"--http1", "HTTP/1.1"}, {"--http2", "HTTP/2.0"}}) {
+    const Nginx server = world.start(mode, mode);
+    HttpsTransport client(server.origin(), server.bundle(), 0, nullptr);
+    EXPECT_EQ(client.get("protocol", 8).body, protocol);
+    EXPECT_EQ(client.get("missing", 1000).status, 404);
+    const fs::path down = world.folder.path() / (mode + "-down"s) / "file";
+    client.download("file", down, 10, {});
+    EXPECT_EQ(read_file(down, 10), "0123456789");
+    EXPECT_EQ(code_of([&] { client.download("file", down.string() + "9", 9, {}); }),
+              "length_mismatch");
+    const fs::path partial = world.folder.path() / (mode + "-partial"s);
+    AllocatedFile file(partial, 10, {});
+    file.write("abcd");
+    file.preserve();
+    std::string rest;
+    client.download_into(
+        "file", file, 4, {}, [&](auto bytes) { rest += bytes; }, [&] { rest += "restart"; });
+    EXPECT_EQ(rest, "456789");
+    file.finish(true);
+    EXPECT_EQ(read_file(partial, 10), "abcd456789");
+  }
+}
+
+TEST(HttpsServer, NeedsTls) {
+  const Served world;
+  const Nginx server = world.start("plain", "--plain");
+  HttpsTransport client(server.origin(), server.bundle(), 0, nullptr);
+  EXPECT_EQ(code_of([&] { client.get("file", 10); }), "network");
+}
+
+/// The public part of the repository that tavro-publish check looks at.
+void serve_repository(const Served& world) {
+  SignedRepository repository;
+  std::ofstream(world.folder.path() / "root.json") << repository.root_bytes();
+  fs::create_directories(world.served / "tuf/metadata");
+  for (const auto& [name, response] : repository.files)
+    std::ofstream(world.served / "tuf/metadata" / name) << response.body;
+}
+
+TEST(HttpsTrust, IsTheSystemsStoreUnlessABundleIsGiven) {
+  // A store of the test's own, in front of the system's where only this command sees it.
+  const char* script =
+      "mount --bind \"$0\" /etc/ssl/certs/ca-certificates.crt || exit 77; exec \"$@\"";
+  const Served world;
+  serve_repository(world);
+  const Nginx server = world.start("server"), other = world.start("other");
+  const auto check = [&](const fs::path& system_store, const fs::path& bundle) {
+    std::vector<std::string> words = {"-r",
+                                      "-m",
+                                      "sh",
+                                      "-c",
+                                      script,
+                                      system_store,
+                                      program("tavro-publish"),
+                                      "check",
+                                      server.origin(),
+                                      "--json",
+                                      "--root",
+                                      world.folder.path() / "root.json"};
+    if (!bundle.empty()) words.insert(words.end(), {"--ca-bundle", bundle});
+    return Started(world.folder.path(), "/usr/bin/unshare", words, {}).wait();
+  };
+  const Ending trusted = check(server.bundle(), {});
+  if (trusted.status == 77 || trusted.errors.starts_with("unshare:"))
+    GTEST_SKIP() << "no view of the file system of one's own: " << trusted.errors;
+  EXPECT_EQ(trusted.status, 0) << trusted.output;
+  EXPECT_EQ(check(other.bundle(), {}).code(), "network");
+  EXPECT_EQ(check(server.bundle(), other.bundle()).code(), "network") << "the bundle alone counts";
+  EXPECT_EQ(check(other.bundle(), server.bundle()).status, 0);
+}
+
+}  // namespace
+}  // namespace tavro
