@@ -97,7 +97,7 @@ void run_command(const PublishCommand& command, const Arguments& arguments,
 }
 
 void dispatch(const std::vector<std::string>& arguments, const std::function<bool()>& cancelled,
-              ReportForm& form) {
+              ReportForm form) {
   const std::vector<PublishCommand> commands = all_commands();
   if (asks_for_help(arguments)) {
     std::cout << usage(commands) << std::flush;
@@ -108,7 +108,6 @@ void dispatch(const std::vector<std::string>& arguments, const std::function<boo
     if (words == 0) continue;
     const auto rest = arguments.begin() + static_cast<std::ptrdiff_t>(words);
     const Arguments options(command.options, {rest, arguments.end()});
-    if (options.has("--json")) form = ReportForm::json_line;
     run_command(command, options, cancelled, form);
     return;
   }
@@ -128,7 +127,9 @@ std::filesystem::path path_option(const Arguments& arguments, std::string_view o
 }
 
 int run_publish(const std::vector<std::string>& arguments, const std::function<bool()>& cancelled) {
-  ReportForm form = ReportForm::text;
+  // Known before anything else: misuse is told in the form that was asked for, too.
+  const bool asks_for_json = std::ranges::find(arguments, "--json") != arguments.end();
+  const ReportForm form = asks_for_json ? ReportForm::json_line : ReportForm::text;
   try {
     dispatch(arguments, cancelled, form);
     return 0;

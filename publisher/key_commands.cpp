@@ -1,5 +1,6 @@
 #include "domain/error.h"
 #include "domain/input.h"
+#include "publisher/client_limits.h"
 #include "publisher/commands.h"
 #include "publisher/keys.h"
 #include "publisher/output.h"
@@ -69,10 +70,13 @@ CommandResult new_root(const Arguments& arguments, const CommandContext&) {
   for (const SigningKey& signer : signers) borrowed.push_back(&signer);
   const json document = sign_metadata(root_body(request), borrowed);
   check_root(document);
+  const std::string text = document_text(document);
+  require(text.size() <= client_limits.root_bytes, "size_limit",
+          [] { return "Clients take a root of " + std::to_string(root_limit) + " bytes at most"; });
 
   const std::filesystem::path path = path_option(arguments, "--out");
-  create_document(path, document_text(document));
-  check_root(parse_json(read_file(path, root_document_bytes), root_document_bytes));
+  create_document(path, text);
+  check_root(parse_json(read_file(path, client_limits.root_bytes), client_limits.root_bytes));
   return {"Signed root version 1, which expires at " + request.expires + ", in " + path_utf8(path) +
               ".",
           {{"path", path_utf8(path)}, {"version", 1}, {"expires", request.expires}}};

@@ -109,17 +109,20 @@ EVP_PKEY* new_key(KeyType type) {
   return nullptr;
 }
 
-/// Judged on the descriptor that is then read, so that no other file can slip in between.
-SecretText read_private_file(const std::filesystem::path& path) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  require(static_cast<bool>(file), "key_file",
+struct KeyFile {
+  SecretText content;
+  bool others_reach_it;
+};
+
+/// Judged on the descriptor that is then read, so that no other file can slip in between. `follow`
+/// is O_NOFOLLOW or 0.
+KeyFile read_key_file(const std::filesystem::path& path, int follow) {
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | follow | O_NONBLOCK | O_CLOEXEC));
+  require(file || errno == ELOOP, "key_file",
           [&] { return "Cannot open key file: " + path_utf8(path); });
   struct stat status {};
-  require(::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode), "key_file",
-          [&] { return "A key file must be an ordinary file: " + path_utf8(path); });
-  require((status.st_mode & (S_IRWXG | S_IRWXO)) == 0, "key_file", [&] {
-    return "Other users can reach the private key " + path_utf8(path) + "; set its mode to 0600";
-  });
+  require(file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode), "key_file",
+          [&] { return "A key file must be an ordinary file, and no link: " + path_utf8(path); });
   SecretText secret(key_file_bytes + 1);
   std::string& text = secret.text();
   std::size_t length = 0;
@@ -132,7 +135,7 @@ SecretText read_private_file(const std::filesystem::path& path) {
   require(length <= key_file_bytes, "key_file",
           [&] { return "This is no key file: " + path_utf8(path); });
   text.resize(length);
-  return secret;
+  return {std::move(secret), (status.st_mode & (S_IRWXG | S_IRWXO)) != 0};
 }
 
 // A passphrase is never asked for: a question in the middle of a release script would hang it.
@@ -157,10 +160,14 @@ bool begin_signature(EVP_MD_CTX* context, EVP_PKEY* key) {
          EVP_PKEY_CTX_set_rsa_pss_saltlen(parameters, RSA_PSS_SALTLEN_DIGEST) == 1;
 }
 
-json parse_public_record(const std::filesystem::path& path) {
-  const json record = parse_json(read_file(path, key_file_bytes), key_file_bytes);
-  verify_keys({{key_id(record), record}});
-  return record;
+json parse_public_record(const std::string& text, const std::filesystem::path& path) {
+  try {
+    json record = parse_json(text, key_file_bytes);
+    verify_keys({{key_id(record), record}});
+    return record;
+  } catch (const Error& error) {
+    fail("key_file", std::string(error.what()) + " in the public record " + path_utf8(path));
+  }
 }
 
 }  // namespace
@@ -196,9 +203,13 @@ SigningKey SigningKey::generate(KeyType type) {
 }
 
 SigningKey SigningKey::load(const std::filesystem::path& path) {
-  EvpKey key = parse_private_key(read_private_file(path).text());
+  KeyFile file = read_key_file(path, O_NOFOLLOW);
+  EvpKey key = parse_private_key(file.content.text());
   require(key != nullptr, "key_file", [&] {
     return "This file holds no private key in PEM without a passphrase: " + path_utf8(path);
+  });
+  require(!file.others_reach_it, "key_file", [&] {
+    return "Other users can reach the private key " + path_utf8(path) + "; set its mode to 0600";
   });
   auto impl = std::make_unique<Impl>(std::move(key));
   require(!impl->record.is_null(), "key_file", [&] {
@@ -209,7 +220,7 @@ SigningKey SigningKey::load(const std::filesystem::path& path) {
 
 void SigningKey::store(const std::filesystem::path& path) const {
   const std::filesystem::path place = std::filesystem::absolute(path);
-  require_absent(place);
+  require_new(place);
   const Bio bio(BIO_new(BIO_s_secmem()));
   require_crypto(
       bio != nullptr && PEM_write_bio_PKCS8PrivateKey(bio.get(), impl_->key.get(), nullptr, nullptr,
@@ -240,14 +251,11 @@ const json& SigningKey::record() const { return impl_->record; }
 const std::string& SigningKey::id() const { return impl_->id; }
 
 json load_key_record(const std::filesystem::path& path) {
-  json record;
-  try {
-    record = parse_public_record(path);
-  } catch (const std::exception&) {
-    // No public record, so it must be a private key; that reading says what is wrong with it.
-    return SigningKey::load(path).record();
-  }
-  return record;
+  KeyFile file = read_key_file(path, 0);
+  const std::string& text = file.content.text();
+  // No PEM file begins like this.
+  if (text.starts_with('{')) return parse_public_record(text, path);
+  return SigningKey::load(path).record();
 }
 
 }  // namespace tavro

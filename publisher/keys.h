@@ -20,9 +20,9 @@ class SigningKey {
  public:
   static SigningKey generate(KeyType type);
 
-  /// Reads a private key in PEM from an ordinary file of at most 65536 bytes that belongs to this
-  /// user and that nobody else may read. Throws `key_file` when it is no such file or holds another
-  /// kind of key, and what `read_file` throws.
+  /// Reads a private key in PEM from an ordinary file, no link, of at most 65536 bytes to which
+  /// nobody but its owner has access. Throws `key_file` when it is no such file or holds another
+  /// kind of key.
   static SigningKey load(const std::filesystem::path& path);
 
   SigningKey(SigningKey&&) noexcept;
@@ -30,7 +30,8 @@ class SigningKey {
   ~SigningKey();
 
   /// Keeps the private key as PEM (PKCS #8, not encrypted) in a new file of mode 0600, durably. An
-  /// existing file is never replaced: `file_exists`. The folder must exist and is left as it is.
+  /// existing file is never replaced: `file_exists`. The folder must exist (`unsafe_path`) and is
+  /// left as it is.
   void store(const std::filesystem::path& path) const;
 
   /// The signature over the message as lower-case hexadecimal text, as `verify_signature` reads it.

@@ -67,6 +67,13 @@ void require_absent(const std::filesystem::path& path) {
           [&] { return path_utf8(path) + " exists already; nothing was overwritten"; });
 }
 
+void require_new(const std::filesystem::path& path) {
+  const std::filesystem::path folder = path.parent_path();
+  require(std::filesystem::is_directory(folder), "unsafe_path",
+          [&] { return "There is no folder " + path_utf8(folder); });
+  require_absent(path);
+}
+
 std::string document_text(const json& document) {
   try {
     return document.dump();
@@ -76,7 +83,7 @@ std::string document_text(const json& document) {
 }
 
 void create_document(const std::filesystem::path& path, std::string_view bytes) {
-  require_absent(path);
+  require_new(path);
   std::filesystem::path temporary = path;
   temporary += "." + random_id() + ".tmp";
   {

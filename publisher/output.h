@@ -41,12 +41,15 @@ class OutputFile {
 /// Throws `file_exists` when anything stands at the path, a dangling link included.
 void require_absent(const std::filesystem::path& path);
 
+/// The same, and `unsafe_path` when there is no folder to put a file of this name into.
+void require_new(const std::filesystem::path& path);
+
 /// Compact text of a document, as it is published. Throws `invalid_text` for a text in it that is
 /// not UTF-8.
 std::string document_text(const json& document);
 
 /// Creates a file that everybody may read (mode 0644 less the umask) whole or not at all, durably.
-/// The folder must exist. An existing file is never replaced: `file_exists`.
+/// Throws as `require_new`.
 void create_document(const std::filesystem::path& path, std::string_view bytes);
 
 }  // namespace tavro

@@ -2,11 +2,15 @@
 
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
+#include <openssl/err.h>
+#include <openssl/pem.h>
 
 #include <array>
+#include <memory>
 
 #include "app/package_descriptor.h"
 #include "domain/crypto.h"
+#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/unique_fd.h"
@@ -19,6 +23,8 @@
 
 namespace tavro {
 namespace {
+
+constexpr const char* ca_bundle_name = "ca-bundle.pem";
 
 class Planner {
  public:
@@ -54,6 +60,21 @@ class Planner {
 
   PackagePlan plan_;
 };
+
+/// What a client could not use would only show on the machines of users, and what it must not have
+/// would be out of hand.
+void require_certificates(const std::string& bytes, const std::filesystem::path& path) {
+  require(bytes.find("PRIVATE KEY-----") == std::string::npos, "invalid_package", [&] {
+    return "A CA bundle holds certificates alone, and here is a private key: " + path_utf8(path);
+  });
+  const std::unique_ptr<BIO, Deleter<BIO_free_all>> bio(
+      BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+  const std::unique_ptr<X509, Deleter<X509_free>> certificate(
+      bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  ERR_clear_error();
+  require(certificate != nullptr, "invalid_package",
+          [&] { return "There is no certificate in PEM in the CA bundle " + path_utf8(path); });
+}
 
 json optional_file(Planner& planner, const std::string& name, const std::filesystem::path& path) {
   if (path.empty()) return nullptr;
@@ -102,7 +123,7 @@ PackagePlan plan_package(const PackageRequest& request) {
       {"bootstrap_manifest",
        planner.release(read_release(ReleaseKind::bootstrap, request.bootstrap))},
       {"launcher_manifest", planner.release(read_release(ReleaseKind::launcher, request.launcher))},
-      {"ca_bundle", optional_file(planner, "ca-bundle.pem", request.ca_bundle)},
+      {"ca_bundle", optional_file(planner, ca_bundle_name, request.ca_bundle)},
   };
   if (request.featured_game)
     descriptor["featured_game"] = {{"id", request.featured_game->id},
@@ -117,6 +138,8 @@ PackagePlan plan_package(const PackageRequest& request) {
 
 std::string assemble_package(const PackageRequest& request, const Progress& progress) {
   const PackagePlan plan = plan_package(request);
+  const auto bundle = plan.documents.find(ca_bundle_name);
+  if (bundle != plan.documents.end()) require_certificates(bundle->second, request.ca_bundle);
   Assembly assembly(request.out, initial_package_guard);
   copy_archives(plan, assembly.folder(), progress);
   for (const auto& [name, bytes] : plan.documents) create_document(assembly.folder() / name, bytes);

@@ -37,7 +37,8 @@ struct PackagePlan {
 PackagePlan plan_package(const PackageRequest& request);
 
 /// Makes the package folder and returns its seal. It is read back as the installer reads it before
-/// it appears; errors of that reading pass unchanged. The archives are copied, not linked: a
+/// it appears; errors of that reading pass unchanged. A CA bundle without a certificate, or with a
+/// private key, is `invalid_package`. The archives are copied, not linked: a
 /// package shares no bytes on disk with anything that may change.
 std::string assemble_package(const PackageRequest& request, const Progress& progress);
 

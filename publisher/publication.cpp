@@ -7,6 +7,8 @@
 
 #include <array>
 #include <cerrno>
+#include <ranges>
+#include <utility>
 #include <vector>
 
 #include "domain/crypto.h"
@@ -26,6 +28,8 @@ namespace fs = std::filesystem;
 constexpr std::string_view staging_prefix = "staging-";
 constexpr std::string_view incoming = "incoming";
 constexpr mode_t public_folder_mode = 0755;
+constexpr mode_t others_write_nothing = 022;
+constexpr std::size_t random_id_length = 32;
 constexpr unsigned long max_served_entries = 250000;
 
 [[noreturn]] void write_failure(const fs::path& path) {
@@ -44,12 +48,35 @@ void make_parents(const fs::path& root, const fs::path& name) {
   for (const fs::path& component : name.parent_path()) make_folder(folder /= component);
 }
 
+/// A folder with the mode of another one: it may have been set for a group of publishers.
+void make_like(const fs::path& original, const fs::path& copy) {
+  make_folder(copy);
+  struct stat status {};
+  const UniqueFd folder(::open(copy.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder || ::stat(original.c_str(), &status) != 0 ||
+      system_calls().fchmod(folder.get(), status.st_mode & 07777) != 0)
+    write_failure(copy);
+}
+
+/// Only what bears a name as a publication makes it: others' files stay.
+bool is_staging_name(std::string_view name) {
+  if (!name.starts_with(staging_prefix)) return false;
+  const std::string_view id = name.substr(staging_prefix.size());
+  return id.size() == random_id_length &&
+         id.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
 void rename_file(const fs::path& from, const fs::path& to) {
   if (system_calls().rename(from.c_str(), to.c_str()) != 0) write_failure(to);
 }
 
 bool bears_name(const fs::path& path) {
   return fs::symlink_status(path).type() != fs::file_type::not_found;
+}
+
+std::string in_the_way(std::string_view name) {
+  return "What was served as " + std::string(name) +
+         " is in the way of a new target; prune the repository first";
 }
 
 void walk_served(const fs::path& folder, const TreeVisitor& visit) {
@@ -91,6 +118,9 @@ bool is_root_name(std::string_view name) {
   return name.starts_with(metadata_folder) && name.ends_with(".root.json");
 }
 
+ServedModes::ServedModes() : before_(::umask(others_write_nothing)) {}
+ServedModes::~ServedModes() { ::umask(before_); }
+
 UniqueFd lock_repository(const fs::path& repository) {
   UniqueFd folder(::open(repository.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   require(static_cast<bool>(folder), "invalid_repository",
@@ -107,13 +137,16 @@ Publication::Publication(fs::path repository)
       staging_(repository_ / (std::string(staging_prefix) + random_id())) {
   std::vector<fs::path> leftovers;
   for (const auto& entry : fs::directory_iterator(repository_))
-    if (path_utf8(entry.path().filename()).starts_with(staging_prefix))
-      leftovers.push_back(entry.path());
+    if (is_staging_name(path_utf8(entry.path().filename()))) leftovers.push_back(entry.path());
+  // One of them may be the folder that was served before an exchange which is not durable yet.
+  if (!leftovers.empty()) sync_directory(repository_);
   for (const fs::path& leftover : leftovers) remove_path_quietly(leftover);
   make_folder(staging_);
 }
 
-Publication::~Publication() { remove_path_quietly(staging_); }
+Publication::~Publication() {
+  if (!staging_.empty()) remove_path_quietly(staging_);
+}
 
 void Publication::put(const std::string& name, std::string_view bytes) {
   make_parents(staging_, name);
@@ -130,9 +163,12 @@ json Publication::put_target(const fs::path& source,
   const std::string sha256 = copy_hashed(source, file, progress);
   json description = {{"length", file.written()}, {"hashes", {{"sha256", sha256}}}};
   const std::string name = name_of(sha256);
+  if (names_.erase(name) == 1 && system_calls().unlink((staging_ / name).c_str()) != 0)
+    write_failure(staging_ / name);
   // The same content under the same name need not be published again.
-  const bool served = bears_name(served_ / name) && digest_file(served_ / name, "sha256") == sha256;
-  if (!served && !names_.contains(name)) {
+  const bool served = fs::symlink_status(served_ / name).type() == fs::file_type::regular &&
+                      digest_file(served_ / name, "sha256") == sha256;
+  if (!served) {
     make_parents(staging_, name);
     file.finish_as(staging_ / name);
     names_.insert(name);
@@ -174,13 +210,18 @@ void Publication::move_in(const std::string& last) {
 }
 
 void Publication::exchange() {
+  make_like(served_, staging_);
   walk_served(served_, [&](const fs::directory_entry& entry, std::string_view relative) {
     const fs::path copy = staging_ / relative;
-    if (entry.is_directory())
-      make_folder(copy);
-    else if (!names_.contains(std::string(relative)) &&
-             system_calls().link(entry.path().c_str(), copy.c_str()) != 0)
-      write_failure(copy);
+    const bool folder = entry.is_directory() && !entry.is_symlink();
+    const bool replaced = names_.contains(std::string(relative));
+    require(!folder || !replaced, "target_conflict", [&] { return in_the_way(relative); });
+    if (folder) return make_like(entry.path(), copy);
+    if (replaced || system_calls().link(entry.path().c_str(), copy.c_str()) == 0) return;
+    const int error = errno;
+    require(error != EEXIST, "target_conflict", [&] { return in_the_way(relative); });
+    errno = error;
+    write_failure(copy);
   });
   sync_tree(staging_);
   // The new folder is whole on stable media before clients see it, in one step.
@@ -188,19 +229,30 @@ void Publication::exchange() {
   if (!folder || host::exchange_names(folder.get(), served_.filename().c_str(), folder.get(),
                                       staging_.filename().c_str()) != 0)
     write_failure(served_);
+  // What was served must not go before its replacement is durable.
+  const fs::path replaced = std::exchange(staging_, {});
   sync_directory(repository_);
+  remove_path_quietly(replaced);
 }
 
 std::size_t remove_served(const fs::path& repository,
                           const std::function<bool(std::string_view name)>& keep) {
   std::vector<fs::path> unwanted;
-  walk_served(repository / served_folder,
-              [&](const fs::directory_entry& entry, std::string_view relative) {
-                if (entry.is_regular_file() && !keep(relative)) unwanted.push_back(entry.path());
-              });
+  std::vector<fs::path> folders;
+  walk_served(
+      repository / served_folder, [&](const fs::directory_entry& entry, std::string_view relative) {
+        const bool target = relative.starts_with(std::string(targets_folder) + '/');
+        const bool ours = target || relative.starts_with(std::string(metadata_folder) + '/');
+        if (entry.symlink_status().type() == fs::file_type::directory && target)
+          folders.push_back(entry.path());
+        else if (ours && entry.symlink_status().type() == fs::file_type::regular && !keep(relative))
+          unwanted.push_back(entry.path());
+      });
   for (const fs::path& path : unwanted)
     require(system_calls().unlink(path.c_str()) == 0, "file_remove",
             [&] { return "Cannot remove " + path_utf8(path); });
+  // Children stand behind their parents; a folder that is not empty stays.
+  for (const fs::path& folder : std::views::reverse(folders)) system_calls().rmdir(folder.c_str());
   return unwanted.size();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -20,6 +22,18 @@ inline constexpr std::string_view targets_folder = "tuf/targets";
 /// Whether a name below the served folder is that of a root in the chain.
 bool is_root_name(std::string_view name);
 
+/// What is served is for everybody, whatever the umask of the publisher: a server that may not
+/// read the next root answers as if there were none. In force for the whole process while it lives.
+class ServedModes {
+ public:
+  ServedModes();
+  ServedModes(ServedModes&&) = delete;
+  ~ServedModes();
+
+ private:
+  mode_t before_;
+};
+
 /// Claims a repository for one publisher until the descriptor closes. Throws `busy` while another
 /// one has it, `invalid_repository` when there is no such folder.
 UniqueFd lock_repository(const std::filesystem::path& repository);
@@ -28,7 +42,7 @@ UniqueFd lock_repository(const std::filesystem::path& repository);
 /// publisher or the machine stops. The files are made in a folder beside the served one. When at
 /// most one of them shows (a next root, or a name that is served already, such as the timestamp),
 /// they move into the served folder, that one last. Otherwise a whole new folder, which shares the
-/// unchanged files, is exchanged with the served one.
+/// unchanged files and has the modes of the old folders, is exchanged with the served one.
 class Publication {
  public:
   /// Removes what a publisher that crashed left in the repository, which the caller has locked.
@@ -40,13 +54,16 @@ class Publication {
   void put(const std::string& name, std::string_view bytes);
 
   /// Copies a target and returns its description, `length` and `hashes`, of what was copied.
-  /// `name_of` tells its name by its SHA-256. Throws `file_read` or `cancelled`, and as `put`.
+  /// `name_of` tells its name by its SHA-256; of two contents with one name the later counts.
+  /// Throws `file_read` or `cancelled`, and as `put`.
   json put_target(const std::filesystem::path& source,
                   const std::function<std::string(const std::string& sha256)>& name_of,
                   const Progress& progress);
 
   /// Makes the change durable and shows it. After a failure of the very last sync it may show
-  /// already: read the repository again. Throws `file_write`, `file_sync`, `insufficient_space`.
+  /// already: read the repository again. Throws `file_write`, `file_sync`, `insufficient_space`;
+  /// `target_conflict` when a file that is served no longer by right is in the way of a folder, or
+  /// the other way round.
   void commit();
 
  private:
@@ -54,13 +71,15 @@ class Publication {
   void move_in(const std::string& last);
   void exchange();
 
+  ServedModes modes_;
   std::filesystem::path repository_;
   std::filesystem::path served_;
-  std::filesystem::path staging_;
+  std::filesystem::path staging_;  ///< empty once it is somebody else's to remove
   std::set<std::string> names_;
 };
 
-/// Removes the files below the served folder that `keep` refuses, and returns how many.
+/// Removes the metadata and targets that `keep` refuses, and the folders that hold nothing then;
+/// returns the number of files. Whatever else is served stays.
 std::size_t remove_served(const std::filesystem::path& repository,
                           const std::function<bool(std::string_view name)>& keep);
 

@@ -4,6 +4,7 @@
 
 #include "app/package_descriptor.h"
 #include "domain/bootstrap_contract.h"
+#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/launcher_contract.h"
@@ -72,7 +73,8 @@ void check_before_packing(ReleaseKind kind, const json& document) {
 /// Does with the archive what a client does, below the guard of the unfinished folder.
 void check_archive(const SnapshotManifest& manifest, const Assembly& assembly,
                    const std::filesystem::path& archive, const Progress& progress) {
-  const std::filesystem::path tree = assembly.folder() / "check";
+  // No archive may bear the name, whatever its target path.
+  const std::filesystem::path tree = assembly.folder() / ("check-" + random_id());
   extract_snapshot(manifest, archive, tree, progress);
   remove_plain_tree(tree);
 }
@@ -88,7 +90,8 @@ Release read_folder(ReleaseKind kind, const std::filesystem::path& folder,
           "invalid_release", [&] {
             return "The release's archive is missing or has another length: " + path_utf8(archive);
           });
-  return {manifest_path, archive, bytes, manifest.build_id, manifest.archive_target};
+  return {manifest_path,          archive, bytes, manifest.build_id, manifest.archive_target,
+          manifest.archive_sha256};
 }
 
 }  // namespace

@@ -26,6 +26,7 @@ struct Release {
   std::string manifest_bytes;
   std::string build_id;
   std::string archive_target;
+  std::string archive_sha256;  ///< as the manifest says
 };
 
 /// "launcher-PLATFORM-BUILD.tar.zst", "bootstrap-..." or "snapshot-...".

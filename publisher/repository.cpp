@@ -52,10 +52,20 @@ json reference_to(const json& body, const std::string& text) {
           {"hashes", {{"sha256", digest(text, "sha256")}}}};
 }
 
-void require_unexpired(const std::string& role, const json& body) {
+template <typename Message>
+void require_unexpired(const json& body, Message&& message) {
   const auto expires = parse_tuf_time(body.at("expires").get_ref<const std::string&>());
-  require(!has_expired(expires, std::chrono::system_clock::now()), "expired_metadata",
-          [&] { return "What role " + role + " signs would have expired already"; });
+  require(!has_expired(expires, std::chrono::system_clock::now()), "expired_metadata", message);
+}
+
+/// Without these no client would take what is signed beside them.
+void require_selected_unexpired(const RepositoryState& state) {
+  const std::pair<const char*, const json&> selected[] = {{"snapshot", state.snapshot},
+                                                          {"targets", state.roles.at("targets")}};
+  for (const auto& [role, body] : selected)
+    require_unexpired(body, [role = std::string(role)] {
+      return "Role " + role + " has expired; sign it again with repository renew --role " + role;
+    });
 }
 
 /// What a client proves of a document that this authority has signed.
@@ -81,6 +91,15 @@ std::string bounded_text(const std::string& role, const json& document) {
   return text;
 }
 
+/// The rules of a path, told with the path: a command may name many.
+void require_portable(const std::string& path) {
+  try {
+    validate_relative_path(path, true);
+  } catch (const Error& error) {
+    fail(error.code, "Cannot publish " + path + ": " + error.what());
+  }
+}
+
 /// A name that is one file name under every server.
 void require_role_name(const std::string& name) {
   const auto plain = [](char c) {
@@ -89,20 +108,21 @@ void require_role_name(const std::string& name) {
   };
   require(!name.empty() && name.size() <= max_role_name && std::ranges::all_of(name, plain),
           "invalid_role", "A role name has 1 to 100 letters, digits, hyphens and underscores");
+  require(!is_top_level(name), "invalid_role",
+          [&] { return "Role " + name + " is the root's to give; choose another name"; });
 }
 
 json delegation_record(const Delegation& delegation) {
   require(delegation.paths.empty() != delegation.hash_prefixes.empty(), "usage",
           "Choose what is delegated with either --path or --hash-prefix");
-  json ids = json::array();
-  for (const json& record : delegation.keys.records) ids.push_back(key_id(record));
-  const bool by_paths = !delegation.paths.empty();
-  return {{"name", delegation.name},
-          {"keyids", std::move(ids)},
-          {"threshold", delegation.keys.threshold},
-          {"terminating", delegation.terminating},
-          {by_paths ? "paths" : "path_hash_prefixes",
-           by_paths ? delegation.paths : delegation.hash_prefixes}};
+  json record = authority_record(delegation.keys);
+  record["name"] = delegation.name;
+  record["terminating"] = delegation.terminating;
+  if (!delegation.paths.empty())
+    record["paths"] = delegation.paths;
+  else
+    record["path_hash_prefixes"] = delegation.hash_prefixes;
+  return record;
 }
 
 /// Removes the record, and the keys that no other record lists.
@@ -179,6 +199,7 @@ RepositoryState Repository::create(const fs::path& place, std::string_view root_
                                    Signers& signers, const RepositoryExpiry& expiry) {
   const json root = parse_json(root_bytes, client_limits.root_bytes);
   check_root(root);
+  const ServedModes modes;
   Assembly assembly(place, {});
   make_served_folders(assembly.folder());
   RepositoryState state{.root = root.at("signed"),
@@ -205,7 +226,7 @@ json& Repository::role_body(const std::string& role) {
   return body->second;
 }
 
-/// Under plain names a path has one content, whoever lists it.
+/// Under plain names a path has one content, whoever lists it, and is no folder of another one.
 void Repository::require_no_conflict(const std::string& role, const std::string& path,
                                      const json& hashes) {
   if (state_.consistent()) return;
@@ -216,21 +237,26 @@ void Repository::require_no_conflict(const std::string& role, const std::string&
         other.first == role || listed == targets.end() || listed->at("hashes") == hashes;
     require(same, "target_conflict",
             [&] { return "Role " + other.first + " lists other content as " + path; });
+    for (const auto& [name, description] : targets.items())
+      require(!name.starts_with(path + '/') && !path.starts_with(name + '/'), "target_conflict",
+              [&] { return "One of the targets " + name + " and " + path + " would be a folder"; });
   }
 }
 
-void Repository::put_target(const std::string& role, const std::string& path, const fs::path& file,
-                            const Progress& progress) {
-  validate_relative_path(path, true);
+std::string Repository::put_target(const std::string& role, const std::string& path,
+                                   const fs::path& file, const Progress& progress) {
+  require_portable(path);
   json& body = role_body(role);
   require_delegated(state_, role, path);
   const auto name_of = [&](const std::string& sha256) {
     require_no_conflict(role, path, {{"sha256", sha256}});
     std::string name = target_name(state_, path, sha256);
-    validate_relative_path(name, true);
+    require_portable(name);
     return name;
   };
-  body["targets"][path] = publication_.put_target(file, name_of, progress);
+  const json description = publication_.put_target(file, name_of, progress);
+  body["targets"][path] = description;
+  return description.at("hashes").at("sha256");
 }
 
 void Repository::remove_target(const std::string& role, const std::string& path) {
@@ -252,6 +278,9 @@ void Repository::delegate(const std::string& delegator, const Delegation& delega
     body["delegations"]["keys"][key_id(record)] = record;
   body["delegations"]["roles"].push_back(delegation_record(delegation));
   if (present.empty()) {
+    require(state_.roles.size() < client_limits.delegated_roles, "size_limit", [] {
+      return "Clients visit at most " + std::to_string(max_delegated_roles) + " delegated roles";
+    });
     // A role that comes back goes on where it ended: clients remember its version.
     json fresh = empty_targets();
     const json& meta = state_.snapshot.at("meta");
@@ -294,7 +323,8 @@ std::string Repository::signed_text(const std::string& role, const json& body, S
   const json document = signers.sign(body, ids_of(authority.record));
   shape(document, type_of(role));
   require_signed(role, document, authority);
-  require_unexpired(role, body);
+  require_unexpired(body,
+                    [&] { return "What role " + role + " signs would have expired already"; });
   return bounded_text(role, document);
 }
 
@@ -326,7 +356,9 @@ void Repository::publish_role(const std::string& role, Signers& signers,
 
 void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
   if (next_root_) publish_root(signers);
-  require_unexpired("root", state_.root);
+  require_unexpired(state_.root, [] {
+    return std::string("The root has expired; publish the next one with repository rotate");
+  });
   const bool selected =
       std::ranges::any_of(changed_, [](auto& role) { return role != "timestamp"; });
   for (const std::string& role : changed_)
@@ -337,6 +369,7 @@ void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
     body["version"] = body.at("version").get<unsigned long long>() + 1;
     body["expires"] = expiry.timestamp;
     publication_.put(timestamp_name(), signed_text("timestamp", body, signers));
+    require_selected_unexpired(state_);
   }
   signers.require_all_used();
   publication_.commit();

@@ -54,17 +54,20 @@ class Repository {
   static RepositoryState create(const std::filesystem::path& place, std::string_view root_bytes,
                                 Signers& signers, const RepositoryExpiry& expiry);
 
-  /// Takes the file under this target path, in place of what the role lists there. Throws
-  /// `unknown_role`, `unsafe_path`, `target_not_delegated`, `target_conflict`, and as
+  /// Takes the file under this target path, in place of what the role lists there, and returns the
+  /// SHA-256 of what was taken. Throws
+  /// `unknown_role`, `unsafe_path`, `target_not_delegated`, `target_conflict` (under plain names
+  /// one path cannot have two contents, nor be a file and a folder), and as
   /// `Publication::put_target`.
-  void put_target(const std::string& role, const std::string& path,
-                  const std::filesystem::path& file, const Progress& progress);
+  std::string put_target(const std::string& role, const std::string& path,
+                         const std::filesystem::path& file, const Progress& progress);
   /// The bytes stay for clients that have the old metadata, until `prune`. `target_not_found`.
   void remove_target(const std::string& role, const std::string& path);
 
   /// Delegates to a new role without targets, or gives a role of this delegator other keys, paths
   /// or a place at the end; the role is signed anew. Throws `invalid_role` for a name that is not 1
-  /// to 100 of "a-zA-Z0-9_-" or is delegated by another role, and what `shape` throws.
+  /// to 100 of "a-zA-Z0-9_-", or top-level, or delegated by another role; `size_limit` for more
+  /// roles than clients visit; and what `shape` throws.
   void delegate(const std::string& delegator, const Delegation& delegation);
   /// Takes the delegation back. The snapshot keeps the role, which clients want to see again.
   void undelegate(const std::string& role);
@@ -75,11 +78,13 @@ class Repository {
   /// The next root, and all that its new keys must sign: they take effect together.
   void rotate(const RootRequest& root);
 
-  /// Signs what has changed, proves it as a client would, and shows it in one step. Throws
+  /// Signs what has changed, proves it as a client would, and shows it in one step. Nothing is
+  /// shown beside a root, or signed beside a snapshot or targets, that has expired. Throws
   /// `signature_threshold`, `key_unused`, `size_limit`, `expired_metadata`, and as `Publication`.
   void publish(Signers& signers, const RepositoryExpiry& expiry);
 
-  /// Removes files that the present metadata, and the chain of roots, do not name; their number.
+  /// Removes metadata and targets that the present metadata, and the chain of roots, do not name;
+  /// their number.
   std::size_t prune();
 
   const RepositoryState& state() const { return state_; }

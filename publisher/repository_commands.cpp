@@ -1,9 +1,13 @@
+#include <set>
+
+#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "publisher/client_limits.h"
 #include "publisher/commands.h"
 #include "publisher/release.h"
 #include "publisher/repository.h"
+#include "tuf/metadata.h"
 
 namespace tavro {
 namespace {
@@ -40,18 +44,22 @@ std::string role_of(const Arguments& arguments) {
 /// What the repository says now.
 CommandResult told(const RepositoryState& state, const std::filesystem::path& path) {
   json roles;
-  std::string list;
+  std::string list, until, first;
   const auto add = [&](const std::string& role, const json& body) {
-    roles[role] = {{"version", body.at("version")}, {"expires", body.at("expires")}};
+    const auto expires = body.at("expires").get<std::string>();
+    roles[role] = {{"version", body.at("version")}, {"expires", expires}};
     list += (list.empty() ? "" : ", ") + role + ' ' + body.at("version").dump();
+    if (!until.empty() && parse_tuf_time(until) <= parse_tuf_time(expires)) return;
+    until = expires;
+    first = role;
   };
   add("root", state.root);
   add("timestamp", state.timestamp);
   add("snapshot", state.snapshot);
   for (const auto& [role, body] : state.roles) add(role, body);
-  return {"Published " + list + " in " + path_utf8(path) + "; refresh its timestamp before " +
-              state.timestamp.at("expires").get<std::string>() + ".",
-          {{"path", path_utf8(path)}, {"roles", std::move(roles)}}};
+  return {"Published " + list + " in " + path_utf8(path) + "; " + first + " expires first, at " +
+              until + ".",
+          {{"path", path_utf8(path)}, {"roles", std::move(roles)}, {"trusted_until", until}}};
 }
 
 /// Opens the repository, lets `change` collect, and publishes.
@@ -72,31 +80,47 @@ CommandResult new_repository(const Arguments& arguments, const CommandContext&) 
   return told(Repository::create(place, root, signers, expiry_of(arguments)), place);
 }
 
+struct ChosenTarget {
+  std::string path;
+  std::filesystem::path file;
+  std::string sha256;  ///< empty for any content
+};
+
 /// "PATH=FILE", or the two files of a release under their own target paths.
-std::vector<std::pair<std::string, std::filesystem::path>> chosen_targets(
-    const Arguments& arguments) {
-  std::vector<std::pair<std::string, std::filesystem::path>> chosen;
+std::vector<ChosenTarget> chosen_targets(const Arguments& arguments) {
+  std::vector<ChosenTarget> chosen;
   for (const std::string& text : arguments.values("--target")) {
     const std::size_t equals = text.find('=');
     require(equals != std::string::npos, "usage",
             [&] { return "A target is given as PATH=FILE: " + text; });
-    chosen.emplace_back(text.substr(0, equals), path_from_utf8(text.substr(equals + 1)));
+    chosen.push_back({text.substr(0, equals), path_from_utf8(text.substr(equals + 1)), {}});
   }
   for (const std::string& folder : arguments.values("--release")) {
     const Release release = read_client_release(path_from_utf8(folder));
-    chosen.emplace_back(path_utf8(release.manifest.filename()), release.manifest);
-    chosen.emplace_back(release.archive_target, release.archive);
+    chosen.push_back({path_utf8(release.manifest.filename()), release.manifest,
+                      digest(release.manifest_bytes, "sha256")});
+    chosen.push_back({release.archive_target, release.archive, release.archive_sha256});
   }
   require(!chosen.empty(), "usage", "Choose what to add with --target PATH=FILE or --release DIR");
+  std::set<std::string> paths;
+  for (const ChosenTarget& target : chosen)
+    require(paths.insert(target.path).second, "usage",
+            [&] { return "Target was given twice: " + target.path; });
   return chosen;
 }
 
 CommandResult add_targets(const Arguments& arguments, const CommandContext& context) {
-  const auto chosen = chosen_targets(arguments);
+  const std::vector<ChosenTarget> chosen = chosen_targets(arguments);
   return published(arguments, [&](Repository& repository) {
     const Progress progress = context.phase("Copying…");
-    for (const auto& [path, file] : chosen)
-      repository.put_target(role_of(arguments), path, file, progress);
+    for (const ChosenTarget& target : chosen) {
+      const std::string sha256 =
+          repository.put_target(role_of(arguments), target.path, target.file, progress);
+      // A manifest and an archive that differ would only show on the machines of users.
+      require(target.sha256.empty() || target.sha256 == sha256, "content_mismatch", [&] {
+        return "The release has changed since it was made: " + path_utf8(target.file);
+      });
+    }
   });
 }
 
@@ -243,7 +267,7 @@ std::vector<PublishCommand> repository_commands() {
       {"repository timestamp", "Refresh the timestamp alone", signing_options({}),
        refresh_timestamp},
       {"repository prune",
-       "Remove files that clients with present metadata never ask for",
+       "Remove metadata and targets that clients with present metadata never ask for",
        {repository_rule},
        prune},
   };

@@ -16,10 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool is_top_level(std::string_view role) {
-  return role == "root" || role == "timestamp" || role == "snapshot" || role == "targets";
-}
-
 const json* delegation_in(const json& body, std::string_view role) {
   if (!body.contains("delegations")) return nullptr;
   for (const json& record : body.at("delegations").at("roles"))
@@ -125,6 +121,10 @@ void read_role(RepositoryState& state, const fs::path& served, const std::string
 }
 
 }  // namespace
+
+bool is_top_level(std::string_view role) {
+  return role == "root" || role == "timestamp" || role == "snapshot" || role == "targets";
+}
 
 Authority authority_of(const RepositoryState& state, std::string_view role) {
   if (is_top_level(role))

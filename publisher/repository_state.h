@@ -27,6 +27,8 @@ struct Authority {
   const json& keys;
 };
 
+bool is_top_level(std::string_view role);
+
 /// Throws `unknown_role` for a role that is neither top-level nor delegated.
 Authority authority_of(const RepositoryState& state, std::string_view role);
 

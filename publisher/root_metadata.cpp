@@ -14,17 +14,19 @@
 namespace tavro {
 namespace {
 
-json authority(const RoleKeys& role) {
-  json ids = json::array();
-  for (const json& record : role.records) ids.push_back(key_id(record));
-  return {{"keyids", std::move(ids)}, {"threshold", role.threshold}};
-}
-
 void add_keys(json& keys, const RoleKeys& role) {
   for (const json& record : role.records) keys[key_id(record)] = record;
 }
 
 }  // namespace
+
+json authority_record(const RoleKeys& role) {
+  std::vector<std::string> ids;
+  for (const json& record : role.records)
+    if (const std::string id = key_id(record); std::ranges::find(ids, id) == ids.end())
+      ids.push_back(id);
+  return {{"keyids", std::move(ids)}, {"threshold", role.threshold}};
+}
 
 json root_body(const RootRequest& request) {
   json keys = json::object();
@@ -35,7 +37,7 @@ json root_body(const RootRequest& request) {
                                                          {"targets", &request.targets}};
   for (const auto& [name, role] : all) {
     add_keys(keys, *role);
-    roles[name] = authority(*role);
+    roles[name] = authority_record(*role);
   }
   return {{"_type", "root"},
           {"spec_version", "1.0.31"},

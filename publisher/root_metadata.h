@@ -8,9 +8,6 @@
 
 namespace tavro {
 
-/// Bound on root metadata, the same that a package puts on it.
-inline constexpr unsigned long long root_document_bytes = 524288;
-
 /// Who may sign for a role.
 struct RoleKeys {
   std::vector<json> records;
@@ -23,6 +20,9 @@ struct RootRequest {
   bool consistent_snapshot = true;
   RoleKeys root, timestamp, snapshot, targets;
 };
+
+/// The `keyids` and the `threshold` of a role, each key once.
+json authority_record(const RoleKeys& role);
 
 /// The `signed` body of root metadata.
 json root_body(const RootRequest& request);

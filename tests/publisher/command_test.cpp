@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
+#include <sstream>
+
 #include "app/native_package.h"
 #include "publisher/repository_state.h"
+#include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
 
@@ -19,66 +23,71 @@ struct Outcome {
   std::string err;
 };
 
-Outcome publish(const std::vector<std::string>& arguments, bool cancelled = false) {
+/// Words between single spaces; "@" stands for the folder.
+Outcome publish(const std::string& line, const fs::path& folder = {}, bool cancelled = false) {
+  std::vector<std::string> arguments;
+  std::istringstream words(line);
+  for (std::string word; words >> word; arguments.push_back(word))
+    if (const std::size_t at = word.find('@'); at != std::string::npos)
+      word.replace(at, 1, folder.string() + '/');
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   const int status = run_publish(arguments, [=] { return cancelled; });
   return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
 }
 
-struct Misuse {
-  std::vector<std::string> arguments;
-  const char* message;
-};
-
 TEST(PublishCommand, MisuseIsToldInOneSentence) {
-  const Misuse all[] = {
-      {{}, "Choose a command; tavro-publish --help lists them"},
-      {{"frobnicate"}, "Unknown command: frobnicate"},
-      {{"--json"}, "Unknown option: --json"},
-      {{"keys"}, "Use keys new or keys show or keys public"},
-      {{"root", "old"}, "Use root new"},
-      {{"check", "--root", "a"}, "URL is needed"},
-      {{"check", "https://a.test", "b"}, "Unexpected argument: b"},
-      {{"repository", "timestamp", "--repository", "a"}, "Choose a key to sign with: --key FILE"},
-      {{"keys", "new"}, "Option --out is needed"},
-      {{"keys", "new", "--out"}, "Option --out needs a value"},
-      {{"keys", "new", "--out", ""}, "Option --out needs a value"},
-      {{"keys", "new", "--out", "a", "--out", "b"}, "Option --out was given twice"},
-      {{"keys", "new", "stray"}, "Unexpected argument: stray"},
-      {{"keys", "new", "--force"}, "Unknown option: --force"},
-      {{"keys", "new", "--help", "--force"}, "Unknown option: --force"},
-      {{"keys", "new", "--out", "a", "--type", "dsa"}, "Choose the key type ed25519, ecdsa or rsa"},
-      {{"root", "new", "--out", "a"}, "Choose the expiry with either --expires TIME or --days N"},
-      {{"root", "new", "--out", "a", "--days", "0"},
-       "Option --days needs a number from 1 to 36500"},
-      {{"root", "new", "--out", "a", "--days", "9"},
-       "Choose a key with --root-key FILE or --key FILE"},
-      {{"bootstrap", "--folder", "a", "--build", "1", "--out", "b", "--level", "20"},
-       "Option --level needs a number from 1 to 19"},
-      {{"launcher", "--folder", "a", "--build", "1", "--out", "b", "--cli", "c", "--gui", "d",
-        "--helper", "bin/x"},
+  const std::pair<const char*, const char*> all[] = {
+      {"", "Choose a command; tavro-publish --help lists them"},
+      {"frobnicate", "Unknown command: frobnicate"},
+      {"--verbose", "Unknown option: --verbose"},
+      {"keys", "Use keys new or keys show or keys public"},
+      {"root old", "Use root new"},
+      {"check --root a", "URL is needed"},
+      {"check https://a.test b", "Unexpected argument: b"},
+      {"repository timestamp --repository a", "Choose a key to sign with: --key FILE"},
+      {"keys new", "Option --out is needed"},
+      {"keys new --out", "Option --out needs a value"},
+      {"keys new --out a --out b", "Option --out was given twice"},
+      {"keys new --help --force", "Unknown option: --force"},
+      {"keys new --out a --type dsa", "Choose the key type ed25519, ecdsa or rsa"},
+      {"root new --out a", "Choose the expiry with either --expires TIME or --days N"},
+      {"root new --out a --days 36501", "Option --days needs a number from 1 to 36500"},
+      {"root new --out a --days 9", "Choose a key with --root-key FILE or --key FILE"},
+      {"launcher --folder a --build 1 --out b --cli c --gui d --helper bin/x",
        "A helper is given as ROLE=PATH: bin/x"},
-      {{"package", "--out", "a", "--origin", "b", "--root", "c", "--bootstrap", "d", "--launcher",
-        "e", "--brand-name", "f"},
+      {"repository add --repository a --target b=c --target b=d", "Target was given twice: b"},
+      {"package --out a --origin b --root c --bootstrap d --launcher e --brand-name f",
        "Option --brand-name needs --brand-id"},
   };
-  for (const Misuse& misuse : all) {
-    const Outcome outcome = publish(misuse.arguments);
-    EXPECT_EQ(outcome.status, 2) << misuse.message;
-    EXPECT_EQ(outcome.err, std::string(misuse.message) + "\n");
+  for (const auto& [arguments, message] : all) {
+    const Outcome outcome = publish(arguments);
+    EXPECT_EQ(outcome.status, 2) << message;
+    EXPECT_EQ(outcome.err, std::string(message) + "\n");
     EXPECT_EQ(outcome.out, "");
   }
+  EXPECT_EQ(json::parse(publish("keys new --json").out)["problem"]["code"], "usage");
 }
 
 TEST(PublishCommand, HelpTellsCommandsAndTheirOptions) {
-  EXPECT_NE(publish({"--help"}).out.find("  keys new               Create a signing key\n"),
+  EXPECT_NE(publish("--help").out.find("  keys new               Create a signing key\n"),
             std::string::npos);
-  const Outcome outcome = publish({"keys", "new", "--help"});
+  const Outcome outcome = publish("keys new --help");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out.substr(0, outcome.out.find('\n')),
             "Usage: tavro-publish keys new --out FILE [OPTION]...");
 }
+
+const std::string certificate = R"(-----BEGIN CERTIFICATE-----
+MIIBLjCB4aADAgECAhQ7NQNNDn1LPsHx9WNh+eMtdxZ6izAFBgMrZXAwDDEKMAgG
+A1UEAwwBYTAgFw0yNjExMjMwMjM4NDVaGA8yMTI2MTAzMDAyMzg0NVowDDEKMAgG
+A1UEAwwBYTAqMAUGAytlcAMhAPLrh2b1M9mVlCsOSuShFBCiNu9Bn05xnCp6XpE/
+RDfNo1MwUTAdBgNVHQ4EFgQUFr/sXtQRCUTlZziSyQpcymBFD7cwHwYDVR0jBBgw
+FoAUFr/sXtQRCUTlZziSyQpcymBFD7cwDwYDVR0TAQH/BAUwAwEB/zAFBgMrZXAD
+QQAi5tuyZDYvvubRHfhjKInVF7BYCVJ1Ri9F5f7Mg/7L6Spvs2qC39WwG6Y/dlpW
+GkVHdnqb3uR1Sl9qzTH2xiIL
+-----END CERTIFICATE-----
+)";
 
 class PublishRoad : public testing::Test {
  protected:
@@ -86,16 +95,15 @@ class PublishRoad : public testing::Test {
     write_tree({{"launcher/bin/cli", "cli", 0755},
                 {"launcher/bin/gui", "gui", 0755},
                 {"launcher/bin/helper", "helper", 0755},
-                {"bootstrap/bin/tavro-bootstrap", "bootstrap", 0755}},
+                {"bootstrap/bin/tavro-bootstrap", "bootstrap", 0755},
+                {"brand.ico", sample_icon()},
+                {"ca.pem", certificate}},
                home);
   }
 
-  std::string at(const char* name) const { return (home / name).string(); }
-
   /// Runs a command that must succeed, and returns its document.
-  json done(std::vector<std::string> arguments) const {
-    arguments.push_back("--json");
-    const Outcome outcome = publish(arguments);
+  json done(const std::string& line) const {
+    const Outcome outcome = publish(line + " --json", home);
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(outcome.err, "");
     json document = json::parse(outcome.out, nullptr, false);
@@ -103,91 +111,84 @@ class PublishRoad : public testing::Test {
     return document;
   }
 
-  std::vector<std::string> launcher_arguments() const {
-    return {"launcher",
-            "--folder",
-            at("launcher"),
-            "--build",
-            "1.0.0",
-            "--out",
-            at("l"),
-            "--cli",
-            "bin/cli",
-            "--gui",
-            "bin/gui",
-            "--helper",
-            "maintenance=bin/helper",
-            "--level",
-            "1"};
-  }
-
+  const std::string pack_launcher =
+      "launcher --folder @launcher --build 1.0.0 --out @l --cli bin/cli --gui bin/gui"
+      " --helper maintenance=bin/helper --level 1";
   TempFolder temp;
   fs::path home = temp.path();
 };
 
 TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
-  const json root_key = done({"keys", "new", "--out", at("root.pem")});
-  const json online = done({"keys", "new", "--type", "ecdsa", "--out", at("online.pem")});
-  done({"keys", "public", "--key", at("online.pem"), "--out", at("online.json")});
-  EXPECT_EQ(done({"keys", "show", "--key", at("online.json")})["key_id"], online["key_id"]);
+  const json root_key = done("keys new --out @root.pem");
+  const json online = done("keys new --type ecdsa --out @online.pem");
+  done("keys public --key @online.pem --out @online.json");
+  EXPECT_EQ(done("keys show --key @online.json")["key_id"], online["key_id"]);
 
   // The online key is listed by its public record: whoever signs the root need not hold it.
-  done({"root", "new", "--days", "30", "--root-key", at("root.pem"), "--key", at("online.json"),
-        "--out", at("root.json")});
-  done(launcher_arguments());
-  done({"bootstrap", "--folder", at("bootstrap"), "--build", "1.0.0", "--out", at("b")});
-  const Outcome sealed =
-      publish({"package", "--origin", "https://repository.example", "--root", at("root.json"),
-               "--bootstrap", at("b"), "--launcher", at("l"), "--out", at("package")});
+  done("root new --days 30 --root-key @root.pem --key @online.json --out @root.json");
+  done(pack_launcher);
+  done("bootstrap --folder @bootstrap --build 1.0.0 --out @b");
+  const Outcome sealed = publish(
+      "package --origin https://repository.example --root @root.json --bootstrap @b --launcher @l"
+      " --out @package --brand-name Acme --brand-id acme --brand-publisher Games"
+      " --brand-icon @brand.ico --ca-bundle @ca.pem --featured-id quest --featured-name Quest",
+      home);
   EXPECT_EQ(sealed.err, "Assembling…\n");
   const std::string seal = sealed.out.substr(sealed.out.size() - 66, 64);
-  EXPECT_EQ(sealed.out, "Sealed the package in " + at("package") + " with " + seal + ".\n");
+  EXPECT_EQ(sealed.out,
+            "Sealed the package in " + (home / "package").string() + " with " + seal + ".\n");
   const NativePackage package = read_native_package(home / "package", seal);
   EXPECT_EQ(package.launcher.runtime_helpers.at("bin/helper"), "maintenance");
+  EXPECT_EQ(package.launcher.gui_executable, "bin/gui");
+  EXPECT_EQ(package.brand.value().publisher, "Games");
+  EXPECT_EQ(package.brand_icon, sample_icon());
+  EXPECT_EQ(package.ca_bundle, certificate);
+  EXPECT_EQ(package.featured_game.value().name, "Quest");
   const json root = json::parse(package.root_metadata);
   EXPECT_EQ(root["signed"]["roles"]["root"]["keyids"], json::array({root_key["key_id"]}));
   EXPECT_EQ(root["signed"]["roles"]["targets"]["keyids"], json::array({online["key_id"]}));
 }
 
 TEST_F(PublishRoad, LeadsFromARootToARepository) {
-  done({"keys", "new", "--out", at("key.pem")});
-  done({"keys", "new", "--out", at("quest.pem")});
-  done({"root", "new", "--days", "30", "--key", at("key.pem"), "--out", at("root.json")});
-  const auto repository = [&](const char* verb, std::vector<std::string> more) {
-    more.insert(more.begin(),
-                {"repository", verb, "--repository", at("r"), "--key", at("key.pem")});
-    return done(more);
-  };
-  repository("new", {"--root", at("root.json")});
-  done(launcher_arguments());
-  repository("add", {"--release", at("l")});
-  repository("delegate", {"--name", "quest", "--path", "quest/*", "--role-key", at("quest.pem"),
-                          "--key", at("quest.pem")});
-  repository("add", {"--role", "quest", "--target", "quest/map=" + at("root.json"), "--key",
-                     at("quest.pem")});
-  json told = repository("rotate", {"--days", "40", "--timestamp-key", at("quest.pem"), "--key",
-                                    at("quest.pem"), "--timestamp-days", "3"});
+  const std::string own = " --repository @r --key @key.pem ";
+  done("keys new --out @key.pem");
+  done("keys new --out @quest.pem");
+  done("root new --days 30 --key @key.pem --out @root.json");
+  done("repository new --root @root.json" + own);
+  done(pack_launcher);
+  done("repository add --release @l" + own);
+  done("repository delegate --name quest --path quest/* --role-key @quest.pem --key @quest.pem" +
+       own);
+  done("repository add --role quest --target quest/map=@root.json --key @quest.pem" + own);
+  const json told = done(
+      "repository rotate --days 40 --timestamp-key @quest.pem --key @quest.pem --timestamp-days 3" +
+      own);
 
   const RepositoryState state = read_repository(home / "r/public");
   EXPECT_EQ(told["roles"]["root"]["version"], 2);
-  EXPECT_EQ(told["roles"]["timestamp"],
-            (json{{"version", 5}, {"expires", state.timestamp.at("expires")}}));
+  EXPECT_EQ(told["trusted_until"], state.timestamp.at("expires"));
+  EXPECT_EQ(told["roles"]["timestamp"], (json{{"version", 5}, {"expires", told["trusted_until"]}}));
   const json& targets = state.roles.at("targets").at("targets");
   EXPECT_TRUE(targets.contains("launcher-linux-x86_64.manifest.json"));
   EXPECT_TRUE(targets.contains("launcher-linux-x86_64-1.0.0.tar.zst"));
   EXPECT_TRUE(state.roles.at("quest").at("targets").contains("quest/map"));
+
+  std::fstream(home / "l/launcher-linux-x86_64-1.0.0.tar.zst").seekp(40) << "!!!!";
+  const auto code = [&](const std::string& line) {
+    return json::parse(publish(line + " --json", home).out)["problem"]["code"];
+  };
+  EXPECT_EQ(code("repository add --release @l --key @quest.pem" + own), "content_mismatch");
+  EXPECT_EQ(read_repository(home / "r/public").timestamp, state.timestamp);
   // Nothing listens on this port.
-  const Outcome unreachable =
-      publish({"check", "https://localhost:1", "--root", at("root.json"), "--json"});
-  EXPECT_EQ(json::parse(unreachable.out)["problem"]["code"], "network");
+  EXPECT_EQ(code("check https://localhost:1 --root @root.json"), "network");
 }
 
 TEST_F(PublishRoad, FailureIsToldAndCancellingHasItsOwnStatus) {
-  Outcome outcome = publish({"keys", "show", "--key", at("none"), "--json"});
+  Outcome outcome = publish("keys show --key @none --json", home);
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(json::parse(outcome.out)["problem"]["code"], "key_file");
 
-  outcome = publish(launcher_arguments(), true);
+  outcome = publish(pack_launcher, home, true);
   EXPECT_EQ(outcome.status, 4);
   EXPECT_EQ(outcome.err, "Packing…\nOperation cancelled at a safe boundary\n");
   EXPECT_FALSE(fs::exists(home / "l"));

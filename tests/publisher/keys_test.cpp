@@ -50,25 +50,30 @@ TEST(Keys, ExistingFilesAreNeverReplaced) {
   EXPECT_FALSE(fs::exists(temp.path() / "elsewhere"));
 }
 
-TEST(Keys, RefusesFilesThatAreNoPrivateKey) {
+TEST(Keys, RefusesFilesThatAreNoKeyAndSaysWhy) {
   const TempFolder temp;
   const fs::path path = temp.path() / "key.pem";
-  const auto load = [&] { SigningKey::load(path); };
-  EXPECT_EQ(code_of(load), "key_file");
-
-  SigningKey::generate(KeyType::ed25519).store(path);
+  const SigningKey key = SigningKey::generate(KeyType::ed25519);
+  EXPECT_FAILURE(load_key_record(path), "key_file: Cannot open key file: " + path.string());
+  key.store(path);
   fs::permissions(path, fs::perms::group_read, fs::perm_options::add);
-  EXPECT_EQ(failure_of(load), "key_file: Other users can reach the private key " + path.string() +
-                                  "; set its mode to 0600");
-
-  std::ofstream(path, std::ios::trunc) << "no key";
-  fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_EQ(code_of(load), "key_file");
-
+  EXPECT_FAILURE(load_key_record(path), "key_file: Other users can reach the private key " +
+                                            path.string() + "; set its mode to 0600");
+  // Everybody may reach what holds no private key: another advice is due.
+  const std::string none =
+      "key_file: This file holds no private key in PEM without a passphrase: " + path.string();
+  std::ofstream(path, std::ios::trunc) << "-----BEGIN PUBLIC KEY-----";
+  EXPECT_FAILURE(load_key_record(path), none);
+  std::ofstream(path, std::ios::trunc) << key.record();
+  EXPECT_EQ(load_key_record(path), key.record());
+  EXPECT_FAILURE(SigningKey::load(path), none);
+  std::ofstream(path, std::ios::trunc) << R"({"keytype":"ed25519"})";
+  EXPECT_FAILURE(load_key_record(path),
+                 "key_file: Invalid signing key shape in the public record " + path.string());
   fs::remove(path);
-  SigningKey::generate(KeyType::ed25519).store(temp.path() / "real.pem");
+  key.store(temp.path() / "real.pem");
   fs::create_symlink(temp.path() / "real.pem", path);
-  EXPECT_EQ(code_of(load), "key_file");
+  EXPECT_EQ(code_of([&] { SigningKey::load(path); }), "key_file");
 }
 
 class Root : public testing::Test {
@@ -94,6 +99,8 @@ TEST_F(Root, NeedsAsManySignersAsItsThreshold) {
   EXPECT_EQ(failure({&first}), "signature_threshold");
   // The same key twice is one signer, and must not become a repeated entry either.
   EXPECT_EQ(failure({&first, &first}), "signature_threshold");
+  // Nor is it two keys of the role.
+  EXPECT_EQ(authority_record({{first.record(), first.record()}, 1}).at("keyids").size(), 1U);
   request.root.threshold = 3;
   EXPECT_EQ(failure({&first, &second}), "invalid_threshold");
 }

@@ -1,6 +1,7 @@
 #include "publisher/repository.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 
@@ -11,6 +12,7 @@
 #include "publisher/client_limits.h"
 #include "support/fail_nth_call.h"
 #include "support/failure.h"
+#include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf.h"
@@ -58,7 +60,7 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
     fs::create_directory(home / "trust");
     RootRequest request;
     request.expires = "2095-01-01T00:00:00Z";
-    request.consistent_snapshot = std::string_view(GetParam()) == "consistent";
+    request.consistent_snapshot = !plain();
     request.root.records = {key("root").record()};
     request.targets.records = {key("targets").record()};
     request.snapshot.records = request.timestamp.records = {key("online").record()};
@@ -87,10 +89,16 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
   /// Publishes the content as a target.
   void put(const std::string& path, const std::string& content, const std::string& role = "targets",
            const std::vector<std::string>& keys = {"targets", "online"}) const {
-    const fs::path file = home / "content";
-    std::ofstream(file, std::ios::trunc) << content;
-    publish(keys, [&](Repository& repository) { repository.put_target(role, path, file, {}); });
+    publish(keys,
+            [&](auto& repository) { repository.put_target(role, path, file_of(content), {}); });
   }
+
+  fs::path file_of(const std::string& content) const {
+    std::ofstream(home / "content", std::ios::trunc) << content;
+    return home / "content";
+  }
+
+  bool plain() const { return std::string_view(GetParam()) == "plain"; }
 
   void delegate(const std::string& name, std::vector<std::string> paths,
                 std::vector<std::string> prefixes) const {
@@ -121,13 +129,7 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
   }
 
   /// Everything served, by name.
-  std::map<std::string, std::string> served() const {
-    std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(place / served_folder))
-      if (entry.is_regular_file())
-        files[entry.path().lexically_relative(place / served_folder)] = read_file(entry, 100000);
-    return files;
-  }
+  std::map<std::string, std::string> served() const { return tree_content(place / served_folder); }
 
   void rotate_all() const {
     publish({"root", "next"}, [&](Repository& repository) {
@@ -153,8 +155,11 @@ TEST_P(RepositoryOnDisk, EveryChangeReachesAClientThatFollows) {
   EXPECT_EQ(follows("a/b"), "target_not_found");
   put("a/b", "one");
   EXPECT_EQ(follows("a/b"), "one");
-  put("a/b", "two");
-  EXPECT_EQ(follows("a/b"), "two");
+  publish({"targets", "online"}, [&](Repository& repository) {
+    for (const char* content : {"two", "and three"})
+      repository.put_target("targets", "a/b", file_of(content), {});
+  });
+  EXPECT_EQ(follows("a/b"), "and three");
 
   delegate("quest", {"quest/*"}, {});
   put("quest/map", "map", "quest", {"quest", "online"});
@@ -170,6 +175,8 @@ TEST_P(RepositoryOnDisk, EveryChangeReachesAClientThatFollows) {
   });
   EXPECT_EQ(follows("a/b"), "target_not_found");
   EXPECT_EQ(follows("quest/map"), "target_not_found");
+  // Under plain names the withdrawn file still stands where the folder should.
+  EXPECT_EQ(code_of([&] { put("a/b/c", "deep"); }), plain() ? "target_conflict" : "");
   // A role that comes back must not start over: its old versions are remembered.
   delegate("quest", {"quest/*"}, {});
   put("quest/map", "map again", "quest", {"quest", "online"});
@@ -178,6 +185,29 @@ TEST_P(RepositoryOnDisk, EveryChangeReachesAClientThatFollows) {
   EXPECT_GT(Repository(place).prune(), 0U);
   EXPECT_EQ(read("quest/map") + ", " + read(hashed), "map again, by hash");
   EXPECT_EQ(Repository(place).prune(), 0U);
+  put("a/b/c", "deep");
+  EXPECT_EQ(follows("a/b/c"), "deep");
+  publish({"targets", "online"}, [](auto& r) { r.remove_target("targets", "a/b/c"); });
+  EXPECT_GT(Repository(place).prune(), 0U);
+  put("a/b", "a file again");
+  EXPECT_EQ(follows("a/b"), "a file again");
+}
+
+TEST_P(RepositoryOnDisk, ServesForEverybodyAndLeavesAloneWhatIsNotItsOwn) {
+  const mode_t before = ::umask(077);
+  fs::permissions(place / served_folder, fs::perms{02775});
+  fs::create_directory(place / "staging-mine");
+  std::ofstream(place / served_folder / "robots.txt") << "others'";
+  put("a/b", "one");
+  put("a/b", "two");
+  EXPECT_EQ(::umask(before), 077U);
+  Repository(place).prune();
+  EXPECT_TRUE(fs::exists(place / "staging-mine"));
+  EXPECT_TRUE(fs::exists(place / served_folder / "robots.txt"));
+  EXPECT_EQ(fs::status(place / served_folder).permissions(), fs::perms{02775});
+  for (const auto& entry : fs::recursive_directory_iterator(place / served_folder / "tuf"))
+    EXPECT_EQ(entry.status().permissions(), fs::perms{entry.is_directory() ? 0755U : 0644U})
+        << entry.path();
 }
 
 TEST_P(RepositoryOnDisk, RefreshesTheTimestampAlone) {
@@ -250,15 +280,17 @@ TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
   const auto refused = [&](auto&& change) {
     return code_of([&] { publish({"targets", "online"}, change); });
   };
-  const Delegation bad{"a/b", {{key("quest").record()}, 1}, {"*"}, {}, false};
-  const Delegation twice{"quest", {{key("quest").record()}, 2}, {"*"}, {}, false};
+  const RoleKeys quest{{key("quest").record()}, 1};
+  const auto delegating = [&](const std::string& name, const std::string& role = "targets") {
+    return refused([&](auto& r) { r.delegate(role, {name, quest, {"*"}, {}, false}); });
+  };
 
   EXPECT_EQ(code_of([&] { put("../a", "x"); }), "unsafe_path");
+  if (plain()) {
+    EXPECT_EQ(code_of([&] { put("a/b", "x"); }), "target_conflict");
+  }
   EXPECT_EQ(code_of([&] { put("a", "x", "ghost"); }), "unknown_role");
-  EXPECT_EQ(code_of([&] {
-              put("other/a", "x", "quest", {"quest", "online"});
-            }),
-            "target_not_delegated");
+  EXPECT_EQ(code_of([&] { put("other", "x", "quest"); }), "target_not_delegated");
   EXPECT_EQ(code_of([&] { put("quest/a", "x", "quest", {"quest"}); }), "signature_threshold");
   EXPECT_EQ(code_of([&] {
               put("b", "x", "targets", {"targets", "online", "quest"});
@@ -266,9 +298,21 @@ TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
             "key_unused");
   EXPECT_EQ(refused([](auto& r) { r.remove_target("targets", "none"); }), "target_not_found");
   EXPECT_EQ(refused([](auto& r) { r.undelegate("ghost"); }), "unknown_role");
-  EXPECT_EQ(refused([&](auto& r) { r.delegate("targets", bad); }), "invalid_role");
-  EXPECT_EQ(refused([&](auto& r) { r.delegate("quest", twice); }), "invalid_role");
-  EXPECT_EQ(refused([&](auto& r) { r.delegate("targets", twice); }), "signature_threshold");
+  EXPECT_EQ(delegating("a/b"), "invalid_role");
+  // Its name would stand for the role that lists everything.
+  EXPECT_EQ(delegating("targets"), "invalid_role");
+  EXPECT_EQ(delegating("quest", "quest"), "invalid_role");
+  EXPECT_EQ(delegating("new", "quest"), "signature_threshold");
+  EXPECT_EQ(refused([&](auto& r) {
+              for (unsigned i = 0; i < max_delegated_roles; ++i)
+                r.delegate("targets", {std::to_string(i), quest, {"*"}, {}, false});
+            }),
+            "size_limit");
+  const std::vector<std::string> patterns(2700, std::string(4096, '*'));
+  EXPECT_EQ(refused([&](auto& r) {
+              r.delegate("targets", {"wide", quest, patterns, {}, false});
+            }),
+            "size_limit");
   EXPECT_EQ(refused([&](auto&) { Repository second(place); }), "busy");
   Signers late = signers({"online"});
   EXPECT_EQ(code_of([&] {
@@ -291,6 +335,24 @@ TEST_P(RepositoryOnDisk, BuildsNothingOnDamagedMetadata) {
   EXPECT_EQ(code_of([&] { put("b", "two"); }), "hash_mismatch");
   fs::remove(place / served_folder / root_name(state.root));
   EXPECT_EQ(code_of([&] { put("b", "two"); }), "invalid_repository");
+}
+
+TEST_P(RepositoryOnDisk, SignsNothingBesideAnExpiredSnapshot) {
+  RepositoryState state = read_repository(place / served_folder);
+  state.snapshot["expires"] = "2001-01-01T00:00:00Z";
+  state.timestamp["meta"]["snapshot.json"].erase("hashes");
+  const SigningKey online = key("online");
+  const auto write = [&](const std::string& name, const json& body) {
+    std::ofstream(place / served_folder / name, std::ios::trunc) << sign_metadata(body, {&online});
+  };
+  write(document_name(state, "snapshot", state.snapshot.at("version")), state.snapshot);
+  write(timestamp_name(), state.timestamp);
+  const auto renew = [&](const char* role) {
+    return code_of([&] { publish({"online"}, [&](auto& repository) { repository.renew(role); }); });
+  };
+  EXPECT_EQ(renew("timestamp"), "expired_metadata");
+  EXPECT_EQ(renew("snapshot"), "");
+  EXPECT_EQ(renew("timestamp"), "");
 }
 
 TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
@@ -325,42 +387,72 @@ TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
   EXPECT_EQ(code_of(check), "signature_threshold");
 }
 
-/// A root as large as its keys make it: each of the largest kind, all signing, also the old ones.
-std::size_t root_bytes(std::size_t keys_per_role) {
-  json keys, roles, signatures = json::array();
+/// Documents as large as they may be: keys and signatures of the largest kind, long names.
+struct Largest {
   int serial = 0;
   std::string pem = "-----BEGIN PUBLIC KEY-----\n";
-  for (int left = 3488; left > 0; left -= 64) pem += std::string(std::min(left, 64), 'A') + '\n';
-  pem += "-----END PUBLIC KEY-----\n";
-  for (const char* role : {"root", "timestamp", "snapshot", "targets"}) {
+
+  Largest() {
+    for (int left = 3488; left > 0; left -= 64) pem += std::string(std::min(left, 64), 'A') + '\n';
+    pem += "-----END PUBLIC KEY-----\n";
+  }
+
+  std::string id() { return digest(std::to_string(serial++), "sha256"); }
+  json authority(json& keys, std::size_t count) {
     json ids = json::array();
-    for (std::size_t i = 0; i < keys_per_role; ++i) {
-      ids.push_back(digest(std::to_string(serial++), "sha256"));
+    for (std::size_t i = 0; i < count; ++i) {
+      ids.push_back(id());
       keys[ids.back().get<std::string>()] = {
           {"keytype", "ml-dsa"}, {"scheme", "ml-dsa-87/1"}, {"keyval", {{"public", pem}}}};
     }
-    roles[role] = {{"keyids", ids}, {"threshold", keys_per_role}};
+    return {{"keyids", ids}, {"threshold", count}};
   }
-  for (std::size_t i = 0; i < 2 * keys_per_role; ++i)
-    signatures.push_back(
-        {{"keyid", digest(std::to_string(i), "sha256")}, {"sig", std::string(9254, 'a')}});
-  return json{{"signatures", signatures},
-              {"signed",
-               {{"_type", "root"},
-                {"spec_version", "1.0.31"},
-                {"version", 1},
-                {"expires", expiry.targets},
-                {"consistent_snapshot", true},
-                {"keys", keys},
-                {"roles", roles}}}}
-      .dump()
-      .size();
-}
+  json description() {
+    return {{"length", ~0ULL}, {"hashes", {{"sha256", id()}, {"sha512", id() + id()}}}};
+  }
+  std::size_t bytes(json body, std::size_t signers) {
+    body.update({{"_type", "timestamp"},
+                 {"spec_version", "1.0.31"},
+                 {"version", ~0ULL},
+                 {"expires", "2090-01-01T00:00:00.123456789Z"}});
+    json signatures = json::array();
+    while (signatures.size() < signers)
+      signatures.push_back({{"keyid", id()}, {"sig", std::string(9254, 'a')}});
+    return json{{"signatures", signatures}, {"signed", body}}.dump().size();
+  }
 
-TEST(ClientLimits, FitTheLargestKeysAndLittleMore) {
-  EXPECT_LE(root_bytes(max_role_keys), client_limits.root_bytes);
-  EXPECT_GT(root_bytes(max_role_keys) + envelope_bytes, client_limits.root_bytes);
-  EXPECT_GT(root_bytes(max_role_keys + 1), client_limits.root_bytes);
+  std::size_t root(std::size_t keys_of_role) {
+    json keys, roles;
+    for (const char* role : {"root", "timestamp", "snapshot", "targets"})
+      roles[role] = authority(keys, keys_of_role);
+    return bytes({{"keys", keys}, {"roles", roles}}, 2 * keys_of_role);
+  }
+  std::size_t timestamp(std::size_t keys) {
+    json reference = description();
+    reference["version"] = ~0ULL;
+    return bytes({{"meta", {{"snapshot.json", reference}}}}, keys);
+  }
+  std::size_t targets(std::size_t files, std::size_t delegated) {
+    json body, keys;
+    for (std::size_t i = 0; i < files; ++i) body["targets"][id() + id() + id()] = description();
+    for (std::size_t i = 0; i < delegated; ++i) {
+      json record = authority(keys, max_delegation_keys);
+      record.update({{"name", std::string(100, 'n')}, {"paths", {std::string(500, 'p')}}});
+      body["delegations"]["roles"].push_back(record);
+    }
+    body["delegations"]["keys"] = keys;
+    return bytes(body, max_role_keys);
+  }
+};
+
+TEST(ClientLimits, FitTheLargestDocumentsAndLittleMore) {
+  Largest of;
+  EXPECT_LE(of.root(max_role_keys), client_limits.root_bytes);
+  EXPECT_GT(of.root(max_role_keys) + envelope_bytes, client_limits.root_bytes);
+  EXPECT_LE(of.timestamp(max_role_keys), client_limits.timestamp_bytes);
+  EXPECT_GT(of.timestamp(max_role_keys + 1), client_limits.timestamp_bytes);
+  EXPECT_LE(of.targets(max_targets, max_delegated_roles), client_limits.metadata_bytes);
+  EXPECT_GT(of.targets(max_targets * 3 / 2, max_delegated_roles), client_limits.metadata_bytes);
 }
 
 }  // namespace
