@@ -1,7 +1,7 @@
-// A launcher that does what a test tells it: TAVRO_TEST_LAUNCHER holds its steps, each a word, some
-// with ":value". TAVRO_TEST_LAUNCHER_2_0_0 speaks to the launcher of build 2.0.0 alone. It ends
-// with status 0 after the last step, and with 1 and "code: message" on standard error when one
-// fails. An image named "...-gui" is the windowed one.
+// A launcher, or a helper of one, that does what a test tells it: TAVRO_TEST_LAUNCHER holds its
+// steps, each a word, some with ":value". TAVRO_TEST_LAUNCHER_2_0_0 speaks to the launcher of
+// build 2.0.0 alone. It ends with status 0 after the last step, and with 1 and "code: message" on
+// standard error when one fails. An image named "...-gui" is the windowed one.
 
 #include <nlohmann/json.hpp>
 #include <unistd.h>
