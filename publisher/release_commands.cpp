@@ -36,8 +36,8 @@ ReleaseRequest request_of(const Arguments& arguments, ReleaseKind kind) {
 CommandResult make(const ReleaseRequest& request, std::string_view what,
                    const CommandContext& context) {
   const Release release = make_release(request, context.phase("Packing…"));
-  return {"Packed " + std::string(what) + ' ' + release.build_id + " in " + path_utf8(request.out) +
-              ".",
+  return {"Packed " + std::string(what) + ' ' + release.build_id + " in " +
+              path_utf8(release.manifest.parent_path()) + ".",
           {{"build_id", release.build_id},
            {"manifest", path_utf8(release.manifest)},
            {"archive", path_utf8(release.archive)}}};

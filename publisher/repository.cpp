@@ -116,6 +116,11 @@ json delegation_record(const Delegation& delegation) {
   require(delegation.paths.empty() != delegation.hash_prefixes.empty(), "usage",
           "Choose what is delegated with either --path or --hash-prefix");
   json record = authority_record(delegation.keys);
+  const std::size_t keys = record.at("keyids").size();
+  require(delegation.keys.threshold <= keys, "invalid_threshold", [&] {
+    return "Role " + delegation.name + " cannot need " + std::to_string(delegation.keys.threshold) +
+           " of its " + std::to_string(keys) + " keys";
+  });
   record["name"] = delegation.name;
   record["terminating"] = delegation.terminating;
   if (!delegation.paths.empty())
@@ -303,6 +308,7 @@ void Repository::undelegate(const std::string& role) {
 }
 
 void Repository::renew(const std::string& role) {
+  require(role != "root", "unknown_role", "A root is signed again with repository rotate");
   if (role == "timestamp" || role == "snapshot")
     changed_.insert(role);
   else

@@ -66,8 +66,8 @@ class Repository {
 
   /// Delegates to a new role without targets, or gives a role of this delegator other keys, paths
   /// or a place at the end; the role is signed anew. Throws `invalid_role` for a name that is not 1
-  /// to 100 of "a-zA-Z0-9_-", or top-level, or delegated by another role; `size_limit` for more
-  /// roles than clients visit; and what `shape` throws.
+  /// to 100 of "a-zA-Z0-9_-", or top-level, or delegated by another role; `invalid_threshold`;
+  /// `size_limit` for more roles than clients visit; and what `shape` throws.
   void delegate(const std::string& delegator, const Delegation& delegation);
   /// Takes the delegation back. The snapshot keeps the role, which clients want to see again.
   void undelegate(const std::string& role);

@@ -79,12 +79,10 @@ TEST(PublishCommand, HelpTellsCommandsAndTheirOptions) {
 }
 
 const std::string certificate = R"(-----BEGIN CERTIFICATE-----
-MIIBLjCB4aADAgECAhQ7NQNNDn1LPsHx9WNh+eMtdxZ6izAFBgMrZXAwDDEKMAgG
-A1UEAwwBYTAgFw0yNjExMjMwMjM4NDVaGA8yMTI2MTAzMDAyMzg0NVowDDEKMAgG
-A1UEAwwBYTAqMAUGAytlcAMhAPLrh2b1M9mVlCsOSuShFBCiNu9Bn05xnCp6XpE/
-RDfNo1MwUTAdBgNVHQ4EFgQUFr/sXtQRCUTlZziSyQpcymBFD7cwHwYDVR0jBBgw
-FoAUFr/sXtQRCUTlZziSyQpcymBFD7cwDwYDVR0TAQH/BAUwAwEB/zAFBgMrZXAD
-QQAi5tuyZDYvvubRHfhjKInVF7BYCVJ1Ri9F5f7Mg/7L6Spvs2qC39WwG6Y/dlpW
+MIIBLjCB4aADAgECAhQ7NQNNDn1LPsHx9WNh+eMtdxZ6izAFBgMrZXAwDDEKMAgGA1UEAwwBYTAgFw0yNjExMjMwMjM4NDVa
+GA8yMTI2MTAzMDAyMzg0NVowDDEKMAgGA1UEAwwBYTAqMAUGAytlcAMhAPLrh2b1M9mVlCsOSuShFBCiNu9Bn05xnCp6XpE/
+RDfNo1MwUTAdBgNVHQ4EFgQUFr/sXtQRCUTlZziSyQpcymBFD7cwHwYDVR0jBBgwFoAUFr/sXtQRCUTlZziSyQpcymBFD7cw
+DwYDVR0TAQH/BAUwAwEB/zAFBgMrZXADQQAi5tuyZDYvvubRHfhjKInVF7BYCVJ1Ri9F5f7Mg/7L6Spvs2qC39WwG6Y/dlpW
 GkVHdnqb3uR1Sl9qzTH2xiIL
 -----END CERTIFICATE-----
 )";
@@ -188,6 +186,13 @@ TEST_F(PublishRoad, FailureIsToldAndCancellingHasItsOwnStatus) {
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(json::parse(outcome.out)["problem"]["code"], "key_file");
 
+  // Told in the client's words, and before anything is packed.
+  for (const auto& [options, message] : std::map<std::string, std::string>{
+           {"", "Every native helper needs declared lifetime ownership"},
+           {" --helper maintenance=bin/helper --target ../l.zst",
+            "Path contains an unsafe component"}})
+    EXPECT_EQ(publish(pack_launcher.substr(0, pack_launcher.find(" --helper")) + options, home).err,
+              "Packing…\n" + message + "\n");
   outcome = publish(pack_launcher, home, true);
   EXPECT_EQ(outcome.status, 4);
   EXPECT_EQ(outcome.err, "Packing…\nOperation cancelled at a safe boundary\n");

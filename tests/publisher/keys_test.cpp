@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sys/stat.h>
 
 #include <fstream>
 
@@ -16,26 +15,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class EveryKeyType : public testing::TestWithParam<const char*> {};
-
-TEST_P(EveryKeyType, SignsForTheClientAndComesBackFromItsFile) {
-  const TempFolder temp;
-  const SigningKey key = SigningKey::generate(key_type(GetParam()));
-  key.store(temp.path() / "key.pem");
-  struct stat status {};
-  ASSERT_EQ(::stat((temp.path() / "key.pem").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0600U);
-
-  const SigningKey loaded = SigningKey::load(temp.path() / "key.pem");
-  EXPECT_EQ(loaded.id(), key.id());
-  EXPECT_EQ(loaded.record().at("keytype"), GetParam());
-  const std::string signature = loaded.sign("message");
-  EXPECT_TRUE(verify_signature(key.record(), "message", signature));
-  EXPECT_FALSE(verify_signature(key.record(), "massage", signature));
+TEST(Keys, OfEveryTypeSignForTheClientAndComeBackFromTheirFiles) {
+  for (const char* type : {"ed25519", "ecdsa", "rsa"}) {
+    const TempFolder temp;
+    const fs::path path = temp.path() / "key.pem";
+    const SigningKey key = SigningKey::generate(key_type(type));
+    key.store(path);
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms{0600});
+    const SigningKey loaded = SigningKey::load(path);
+    EXPECT_EQ(loaded.record(), key.record());
+    EXPECT_EQ(loaded.record().at("keytype"), type);
+    const std::string signature = loaded.sign("message");
+    EXPECT_TRUE(verify_signature(key.record(), "message", signature));
+    EXPECT_FALSE(verify_signature(key.record(), "massage", signature));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Keys, EveryKeyType, testing::Values("ed25519", "ecdsa", "rsa"),
-                         [](const auto& row) { return std::string(row.param); });
 
 TEST(Keys, ExistingFilesAreNeverReplaced) {
   const TempFolder temp;
@@ -76,45 +70,28 @@ TEST(Keys, RefusesFilesThatAreNoKeyAndSaysWhy) {
   EXPECT_EQ(code_of([&] { SigningKey::load(path); }), "key_file");
 }
 
-class Root : public testing::Test {
- protected:
-  Root() {
-    request.expires = "2099-01-01T00:00:00Z";
+TEST(Root, NeedsItsSignersAndWhatClientsCanUse) {
+  const SigningKey first = SigningKey::generate(KeyType::ed25519);
+  const SigningKey second = SigningKey::generate(KeyType::ecdsa_p256);
+  const auto failure = [&](const std::vector<const SigningKey*>& signers, auto&& change) {
+    RootRequest request;
+    request.expires = expiry_in_days(1);
     request.root = {{first.record(), second.record()}, 2};
     request.timestamp.records = request.snapshot.records =
-        request.targets.records = {first.record()};
-  }
-
-  std::string failure(const std::vector<const SigningKey*>& signers) const {
+        request.targets.records = {first.record(), first.record()};
+    change(request);
     return code_of([&] { check_root(sign_metadata(root_body(request), signers)); });
-  }
-
-  SigningKey first = SigningKey::generate(KeyType::ed25519);
-  SigningKey second = SigningKey::generate(KeyType::ecdsa_p256);
-  RootRequest request;
-};
-
-TEST_F(Root, NeedsAsManySignersAsItsThreshold) {
-  EXPECT_EQ(failure({&first, &second}), "");
-  EXPECT_EQ(failure({&first}), "signature_threshold");
+  };
+  const auto as_it_is = [](RootRequest&) {};
+  const std::vector<const SigningKey*> both = {&first, &second};
+  EXPECT_EQ(failure(both, as_it_is), "");
+  EXPECT_EQ(failure({&first}, as_it_is), "signature_threshold");
   // The same key twice is one signer, and must not become a repeated entry either.
-  EXPECT_EQ(failure({&first, &first}), "signature_threshold");
-  // Nor is it two keys of the role.
+  EXPECT_EQ(failure({&first, &first}, as_it_is), "signature_threshold");
+  EXPECT_EQ(failure(both, [](auto& r) { r.root.threshold = 3; }), "invalid_threshold");
+  EXPECT_EQ(failure(both, [](auto& r) { r.snapshot.threshold = 2; }), "invalid_threshold");
+  EXPECT_EQ(failure(both, [](auto& r) { r.expires = "2001-01-01T00:00:00Z"; }), "expired_metadata");
   EXPECT_EQ(authority_record({{first.record(), first.record()}, 1}).at("keyids").size(), 1U);
-  request.root.threshold = 3;
-  EXPECT_EQ(failure({&first, &second}), "invalid_threshold");
-}
-
-TEST_F(Root, RefusesWhatNoClientCouldUse) {
-  request.snapshot.threshold = 2;
-  EXPECT_EQ(failure({&first, &second}), "invalid_threshold");
-  request.snapshot.threshold = 1;
-  request.expires = "2001-01-01T00:00:00Z";
-  EXPECT_EQ(failure({&first, &second}), "expired_metadata");
-  request.expires = "tomorrow";
-  EXPECT_EQ(failure({&first, &second}), "invalid_expiry");
-  request.expires = expiry_in_days(1);
-  EXPECT_EQ(failure({&first, &second}), "");
 }
 
 }  // namespace

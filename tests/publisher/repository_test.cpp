@@ -277,67 +277,51 @@ TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
   delegate("quest", {"quest/*"}, {});
   put("a", "one");
   const auto before = served();
-  const auto refused = [&](auto&& change) {
-    return code_of([&] { publish({"targets", "online"}, change); });
-  };
   const RoleKeys quest{{key("quest").record()}, 1};
-  const auto delegating = [&](const std::string& name, const std::string& role = "targets") {
-    return refused([&](auto& r) { r.delegate(role, {name, quest, {"*"}, {}, false}); });
+  const auto changed = [&](const std::function<void(Repository&)>& change) {
+    return [=, this] { publish({"targets", "online"}, change); };
   };
-
-  EXPECT_EQ(code_of([&] { put("../a", "x"); }), "unsafe_path");
-  if (plain()) {
-    EXPECT_EQ(code_of([&] { put("a/b", "x"); }), "target_conflict");
+  const auto delegating = [&](const std::string& role, const Delegation& delegation) {
+    return changed([=](auto& repository) { repository.delegate(role, delegation); });
+  };
+  const std::vector<std::string> wide(2700, std::string(4096, '*'));
+  std::vector<std::pair<const char*, std::function<void()>>> all = {
+      {"unsafe_path", [&] { put("../a", "x"); }},
+      {"unknown_role", [&] { put("a", "x", "ghost"); }},
+      {"target_not_delegated", [&] { put("other", "x", "quest"); }},
+      {"signature_threshold", [&] { put("quest/a", "x", "quest", {"quest"}); }},
+      {"key_unused",
+       [&] {
+         put("b", "x", "targets", {"targets", "online", "quest"});
+       }},
+      {"target_not_found", changed([](auto& r) { r.remove_target("targets", "none"); })},
+      {"unknown_role", changed([](auto& r) { r.undelegate("ghost"); })},
+      {"invalid_role", delegating("targets", {"a/b", quest, {"*"}, {}})},
+      // Its name would stand for the role that lists everything.
+      {"invalid_role", delegating("targets", {"targets", quest, {"*"}, {}})},
+      {"invalid_role", delegating("quest", {"quest", quest, {"*"}, {}})},
+      {"invalid_threshold", delegating("targets", {"new", {quest.records, 2}, {"*"}, {}})},
+      {"signature_threshold", delegating("quest", {"new", quest, {"*"}, {}})},
+      {"size_limit", delegating("targets", {"wide", quest, wide, {}})},
+      {"size_limit", changed([&](auto& r) {
+         for (unsigned i = 0; i < max_delegated_roles; ++i)
+           r.delegate("targets", {std::to_string(i), quest, {"*"}, {}});
+       })},
+      {"busy", changed([&](auto&) { Repository second(place); })},
+      {"expired_metadata", [&] {
+         Signers late = signers({"online"});
+         Repository repository(place);
+         repository.renew("timestamp");
+         repository.publish(late, {"", "", "2001-01-01T00:00:00Z"});
+       }}};
+  if (plain()) all.emplace_back("target_conflict", [&] { put("a/b", "x"); });
+  for (const auto& [code, change] : all) {
+    EXPECT_EQ(code_of(change), code);
+    EXPECT_EQ(served(), before) << code;
   }
-  EXPECT_EQ(code_of([&] { put("a", "x", "ghost"); }), "unknown_role");
-  EXPECT_EQ(code_of([&] { put("other", "x", "quest"); }), "target_not_delegated");
-  EXPECT_EQ(code_of([&] { put("quest/a", "x", "quest", {"quest"}); }), "signature_threshold");
-  EXPECT_EQ(code_of([&] {
-              put("b", "x", "targets", {"targets", "online", "quest"});
-            }),
-            "key_unused");
-  EXPECT_EQ(refused([](auto& r) { r.remove_target("targets", "none"); }), "target_not_found");
-  EXPECT_EQ(refused([](auto& r) { r.undelegate("ghost"); }), "unknown_role");
-  EXPECT_EQ(delegating("a/b"), "invalid_role");
-  // Its name would stand for the role that lists everything.
-  EXPECT_EQ(delegating("targets"), "invalid_role");
-  EXPECT_EQ(delegating("quest", "quest"), "invalid_role");
-  EXPECT_EQ(delegating("new", "quest"), "signature_threshold");
-  EXPECT_EQ(refused([&](auto& r) {
-              for (unsigned i = 0; i < max_delegated_roles; ++i)
-                r.delegate("targets", {std::to_string(i), quest, {"*"}, {}, false});
-            }),
-            "size_limit");
-  const std::vector<std::string> patterns(2700, std::string(4096, '*'));
-  EXPECT_EQ(refused([&](auto& r) {
-              r.delegate("targets", {"wide", quest, patterns, {}, false});
-            }),
-            "size_limit");
-  EXPECT_EQ(refused([&](auto&) { Repository second(place); }), "busy");
-  Signers late = signers({"online"});
-  EXPECT_EQ(code_of([&] {
-              Repository repository(place);
-              repository.renew("timestamp");
-              repository.publish(late, {"", "", "2001-01-01T00:00:00Z"});
-            }),
-            "expired_metadata");
-  EXPECT_EQ(served(), before);
-  EXPECT_EQ(code_of([&] { Repository::create(place, root, late, expiry); }), "file_exists");
 }
 
-TEST_P(RepositoryOnDisk, BuildsNothingOnDamagedMetadata) {
-  put("a", "one");
-  const RepositoryState state = read_repository(place / served_folder);
-  const fs::path path = place / served_folder /
-                        document_name(state, "targets", state.roles.at("targets").at("version"));
-  std::string text = read_file(path, 100000);
-  std::ofstream(path, std::ios::trunc) << text.replace(text.find("2090"), 4, "2091");
-  EXPECT_EQ(code_of([&] { put("b", "two"); }), "hash_mismatch");
-  fs::remove(place / served_folder / root_name(state.root));
-  EXPECT_EQ(code_of([&] { put("b", "two"); }), "invalid_repository");
-}
-
-TEST_P(RepositoryOnDisk, SignsNothingBesideAnExpiredSnapshot) {
+TEST_P(RepositoryOnDisk, BuildsNothingOnMetadataThatClientsRefuse) {
   RepositoryState state = read_repository(place / served_folder);
   state.snapshot["expires"] = "2001-01-01T00:00:00Z";
   state.timestamp["meta"]["snapshot.json"].erase("hashes");
@@ -345,7 +329,8 @@ TEST_P(RepositoryOnDisk, SignsNothingBesideAnExpiredSnapshot) {
   const auto write = [&](const std::string& name, const json& body) {
     std::ofstream(place / served_folder / name, std::ios::trunc) << sign_metadata(body, {&online});
   };
-  write(document_name(state, "snapshot", state.snapshot.at("version")), state.snapshot);
+  const std::string snapshot = document_name(state, "snapshot", state.snapshot.at("version"));
+  write(snapshot, state.snapshot);
   write(timestamp_name(), state.timestamp);
   const auto renew = [&](const char* role) {
     return code_of([&] { publish({"online"}, [&](auto& repository) { repository.renew(role); }); });
@@ -353,6 +338,12 @@ TEST_P(RepositoryOnDisk, SignsNothingBesideAnExpiredSnapshot) {
   EXPECT_EQ(renew("timestamp"), "expired_metadata");
   EXPECT_EQ(renew("snapshot"), "");
   EXPECT_EQ(renew("timestamp"), "");
+  const fs::path targets = place / served_folder / document_name(state, "targets", 1);
+  std::string text = read_file(targets, 100000);
+  std::ofstream(targets, std::ios::trunc) << text.replace(text.find("2090"), 4, "2091");
+  EXPECT_EQ(renew("timestamp"), "hash_mismatch");
+  fs::remove(place / served_folder / root_name(state.root));
+  EXPECT_EQ(renew("timestamp"), "invalid_repository");
 }
 
 TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
@@ -379,80 +370,30 @@ TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
   EXPECT_EQ(code_of(check), "");
   request.targets = {"ghost"};
   EXPECT_EQ(code_of(check), "target_not_found");
-  const SigningKey other = key("quest");
-  RootRequest foreign = root_request(json::parse(root).at("signed"));
-  foreign.root.records = foreign.timestamp.records = {other.record()};
-  std::ofstream(home / "root.json", std::ios::trunc)
-      << sign_metadata(root_body(foreign), {&other}).dump();
-  EXPECT_EQ(code_of(check), "signature_threshold");
 }
 
-/// Documents as large as they may be: keys and signatures of the largest kind, long names.
-struct Largest {
-  int serial = 0;
+TEST(ClientLimits, AddUpFromTheSizesOfTheLargestKeysAndSignatures) {
+  const std::string id = digest("", "sha256");
+  const json hashes = {{"sha256", id}, {"sha512", id + id}};
   std::string pem = "-----BEGIN PUBLIC KEY-----\n";
-
-  Largest() {
-    for (int left = 3488; left > 0; left -= 64) pem += std::string(std::min(left, 64), 'A') + '\n';
-    pem += "-----END PUBLIC KEY-----\n";
-  }
-
-  std::string id() { return digest(std::to_string(serial++), "sha256"); }
-  json authority(json& keys, std::size_t count) {
-    json ids = json::array();
-    for (std::size_t i = 0; i < count; ++i) {
-      ids.push_back(id());
-      keys[ids.back().get<std::string>()] = {
-          {"keytype", "ml-dsa"}, {"scheme", "ml-dsa-87/1"}, {"keyval", {{"public", pem}}}};
-    }
-    return {{"keyids", ids}, {"threshold", count}};
-  }
-  json description() {
-    return {{"length", ~0ULL}, {"hashes", {{"sha256", id()}, {"sha512", id() + id()}}}};
-  }
-  std::size_t bytes(json body, std::size_t signers) {
-    body.update({{"_type", "timestamp"},
-                 {"spec_version", "1.0.31"},
-                 {"version", ~0ULL},
-                 {"expires", "2090-01-01T00:00:00.123456789Z"}});
-    json signatures = json::array();
-    while (signatures.size() < signers)
-      signatures.push_back({{"keyid", id()}, {"sig", std::string(9254, 'a')}});
-    return json{{"signatures", signatures}, {"signed", body}}.dump().size();
-  }
-
-  std::size_t root(std::size_t keys_of_role) {
-    json keys, roles;
-    for (const char* role : {"root", "timestamp", "snapshot", "targets"})
-      roles[role] = authority(keys, keys_of_role);
-    return bytes({{"keys", keys}, {"roles", roles}}, 2 * keys_of_role);
-  }
-  std::size_t timestamp(std::size_t keys) {
-    json reference = description();
-    reference["version"] = ~0ULL;
-    return bytes({{"meta", {{"snapshot.json", reference}}}}, keys);
-  }
-  std::size_t targets(std::size_t files, std::size_t delegated) {
-    json body, keys;
-    for (std::size_t i = 0; i < files; ++i) body["targets"][id() + id() + id()] = description();
-    for (std::size_t i = 0; i < delegated; ++i) {
-      json record = authority(keys, max_delegation_keys);
-      record.update({{"name", std::string(100, 'n')}, {"paths", {std::string(500, 'p')}}});
-      body["delegations"]["roles"].push_back(record);
-    }
-    body["delegations"]["keys"] = keys;
-    return bytes(body, max_role_keys);
-  }
-};
-
-TEST(ClientLimits, FitTheLargestDocumentsAndLittleMore) {
-  Largest of;
-  EXPECT_LE(of.root(max_role_keys), client_limits.root_bytes);
-  EXPECT_GT(of.root(max_role_keys) + envelope_bytes, client_limits.root_bytes);
-  EXPECT_LE(of.timestamp(max_role_keys), client_limits.timestamp_bytes);
-  EXPECT_GT(of.timestamp(max_role_keys + 1), client_limits.timestamp_bytes);
-  EXPECT_LE(of.targets(max_targets, max_delegated_roles), client_limits.metadata_bytes);
-  EXPECT_GT(of.targets(max_targets * 3 / 2, max_delegated_roles), client_limits.metadata_bytes);
+  for (int left = 3488; left > 0; left -= 64) pem += std::string(std::min(left, 64), 'A') + '\n';
+  pem += "-----END PUBLIC KEY-----\n";
+  // As an entry of a list: with a comma, and an object without its braces.
+  const auto entry = [](const json& value) { return value.dump().size() - 1; };
+  EXPECT_EQ(entry(json::array({{{"keyid", id}, {"sig", std::string(9254, 'a')}}})),
+            signature_entry_bytes);
+  EXPECT_EQ(
+      entry({{id,
+              {{"keytype", "ml-dsa"}, {"scheme", "ml-dsa-87/1"}, {"keyval", {{"public", pem}}}}}}),
+      key_entry_bytes);
+  const json ids(max_role_keys, id);
+  EXPECT_LE(entry({{"timestamp", {{"keyids", ids}, {"threshold", max_role_keys}}}}),
+            authority_bytes);
+  EXPECT_LE(
+      entry({{std::string(128, 'n'), {{"version", ~0ULL}, {"length", ~0ULL}, {"hashes", hashes}}}}),
+      reference_bytes);
+  EXPECT_LE(entry({{std::string(200, 'p'), {{"length", ~0ULL}, {"hashes", hashes}}}}),
+            target_bytes);
 }
 
 }  // namespace
