@@ -47,7 +47,8 @@ struct StartAuthority {
 StartAuthority read_authority(const std::string& nonce, std::string_view build_id,
                               std::string_view interface, const fs::path& root) {
   nonce_identity(nonce);
-  auto data_root = ordinary_root(path_from_utf8(startup_variable(launcher_root_environment)));
+  const auto named = path_from_utf8(startup_variable(launcher_root_environment));
+  auto data_root = named.empty() ? fs::path() : ordinary_root(named);
   require(startup_variable(launcher_build_environment) == build_id &&
               startup_variable(launcher_interface_environment) == interface &&
               same_place(data_root, root),

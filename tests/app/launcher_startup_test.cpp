@@ -231,6 +231,7 @@ TEST_F(Startup, LetsNoImageRunThatIsNotWhatItsStartSays) {
       {payload, "launcher", "attach", launcher_interface_environment, "gui", "launcher_health"},
       {payload, "launcher", "attach", launcher_build_environment, "2.0.0", "launcher_health"},
       {payload, "launcher", "attach", launcher_root_environment, copies, "launcher_health"},
+      {payload, "launcher", "attach", launcher_root_environment, none, "launcher_health"},
       {payload, "launcher", "attach", launcher_nonce_environment, "0", "launcher_state"},
       {payload, "launcher", "attach", launcher_nonce_environment, std::string(32, '0'),
        "launcher_health"},

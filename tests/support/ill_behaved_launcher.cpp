@@ -129,7 +129,7 @@ class Launcher {
        [this](const std::string&) { interrupt_ = std::make_unique<ConsoleInterrupt>(true); }},
       {"health", [this](const std::string&) { report_launcher_health(runtime_.get()); }},
       {"confirm", [this](const std::string&) { confirm_launcher_start(root_); }},
-      {"stop", [](const std::string&) { std::raise(SIGSTOP); }},
+      {"stop", [](const std::string&) { kill(getpid(), SIGSTOP); }},
       {"wait", [this](const std::string&) { wait(); }},
       {"exit", [](const std::string& status) { _exit(std::stoi(status)); }},
       // What it should not.
@@ -137,7 +137,7 @@ class Launcher {
       {"long-health", [this](const std::string&) { forge(true); }},
       {"drop-lease", [](const std::string&) { drop_attempt(); }},
       {"detach", [this](const std::string&) { runtime_.reset(), helper_.reset(); }},
-      {"ignore-term", [](const std::string&) { std::signal(SIGTERM, SIG_IGN); }},
+      {"ignore-term", [](const std::string&) { (void)std::signal(SIGTERM, SIG_IGN); }},
       {"leave",
        [](const std::string&) {
          if (fork() != 0) _exit(0);

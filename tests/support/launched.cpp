@@ -39,7 +39,7 @@ Launched::Launched(const std::filesystem::path& image, const std::string& steps,
 
 Launched::~Launched() {
   end();
-  std::fclose(output_);
+  (void)std::fclose(output_);
 }
 
 std::string Launched::line() {
