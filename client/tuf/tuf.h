@@ -4,13 +4,49 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "domain/json.h"
+#include "domain/progress.h"
 #include "transport/transport.h"
 #include "tuf/metadata.h"
 
 namespace tavro {
+
+/// What stands on disk when a download has looked around, for the caller to weigh.
+struct DownloadAdmission {
+  /// Where the final file goes.
+  std::string directory;
+  /// The final file is there and verified; nothing is needed.
+  bool complete = false;
+  /// A partial file is resumed. Only then the numbers below are set, in bytes: what was proved of
+  /// it, what it takes on disk, and its present length.
+  bool partial = false;
+  unsigned long long written = 0;
+  unsigned long long allocated = 0;
+  unsigned long long size = 0;
+};
+
+struct TufDownloadOptions {
+  /// What the download belongs to, at most 4096 bytes. A partial file is only resumed under the
+  /// same scope; with an empty one nothing is resumed, and nothing partial is left.
+  std::string resume_scope{};
+  /// May be empty. Called before bytes are taken, and refuses by throwing.
+  std::function<void(const DownloadAdmission&)> admission{};
+
+  void admit(const DownloadAdmission& state) const {
+    if (admission) admission(state);
+  }
+};
+
+/// Hears what a download does, in time to record it first; refuses by throwing. `description` is
+/// the signed target, `temporary` the partial file's path below the target directory. `state`:
+/// "prepared", before a new partial file exists; "resumed", when an old one was proved and nothing
+/// was fetched yet; "complete", when the final file is in place and durable. For a final file that
+/// was there already only "complete" comes, with a `temporary` that names nothing.
+using DownloadObserver = std::function<void(std::string_view state, const json& description,
+                                            std::string_view temporary)>;
 
 /// The system's one view of a repository, kept in a trust folder. Every file of that folder is the
 /// verbatim bytes of a document that was proved before it was stored; what is read back is proved
@@ -46,6 +82,21 @@ class TufClient {
   /// Refreshes on first use. Throws `unsafe_path` before any request, `target_not_found`,
   /// `delegation_limit`, `missing_role`, and as `refresh`.
   json target(std::string_view path);
+
+  /// Brings the target into the private folder `directory`, under its own relative path, and
+  /// answers the path of the file, whose bytes are proved. A file that stands there already is
+  /// proved first, and kept if it verifies. `progress` counts anew for each proof on disk and for
+  /// the transfer; false ends the call with `cancelled`. `observer` may be empty.
+  ///
+  /// With a scope and a transport that resumes, a failure, a cancel or a crash leaves a partial
+  /// file with a record of what is durable of it, for the next call to go on from; see
+  /// `resume_download`. Otherwise a failure leaves nothing.
+  ///
+  /// Throws `size_limit`, `unsafe_path`, `length_mismatch`, `hash_mismatch`, the codes of
+  /// `resume_download`, and as `target`, `private_directory` and the transport.
+  std::filesystem::path download(std::string_view target, const std::filesystem::path& directory,
+                                 Progress progress, DownloadObserver observer,
+                                 TufDownloadOptions options);
 
  private:
   struct Impl;

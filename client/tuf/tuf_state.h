@@ -13,6 +13,8 @@
 
 namespace tavro {
 
+struct TargetRequest;
+
 /// Where a role's document is stored. The four top-level roles stand under their own names; the
 /// name of any other role only decides a digest, and never becomes a file name itself.
 std::filesystem::path role_cache(const std::filesystem::path& directory, std::string_view role);
@@ -70,6 +72,10 @@ struct TufClient::Impl {
   json target(std::string_view path);
   std::optional<json> visit(Walk& walk, const std::string& role, const json& document);
   std::optional<json> visit_delegation(Walk& walk, const json& record, const json& keys);
+
+  // Download
+  void bring_in(TargetRequest& request);
+  std::string remote_name(const std::string& name, const json& description) const;
 };
 
 }  // namespace tavro
