@@ -49,7 +49,8 @@ std::string usage(const PublishCommand& command) {
     std::string option(rule.name);
     if (!rule.value.empty()) option += ' ' + std::string(rule.value);
     if (rule.use == OptionUse::required) text += ' ' + option;
-    list += "  " + padded(option, 28) + std::string(rule.help) + '\n';
+    list += "  " + padded(option, 28) + std::string(rule.help) +
+            (rule.use == OptionUse::repeated ? "; may be repeated\n" : "\n");
   }
   return text + " [OPTION]...\n" + std::string(command.summary) + ".\n\nOptions:\n" + list;
 }

@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <ranges>
-#include <utility>
 #include <vector>
 
 #include "domain/crypto.h"
@@ -135,6 +134,10 @@ Publication::Publication(fs::path repository)
     : repository_(std::move(repository)),
       served_(repository_ / served_folder),
       staging_(repository_ / (std::string(staging_prefix) + random_id())) {
+  // An exchange would put a folder in place of the link, and a server might go on with what it
+  // names.
+  require(fs::symlink_status(served_).type() == fs::file_type::directory, "invalid_repository",
+          [&] { return "The served folder must be a folder, and no link: " + path_utf8(served_); });
   std::vector<fs::path> leftovers;
   for (const auto& entry : fs::directory_iterator(repository_))
     if (is_staging_name(path_utf8(entry.path().filename()))) leftovers.push_back(entry.path());
@@ -145,7 +148,7 @@ Publication::Publication(fs::path repository)
 }
 
 Publication::~Publication() {
-  if (!staging_.empty()) remove_path_quietly(staging_);
+  if (!in_doubt_) remove_path_quietly(staging_);
 }
 
 void Publication::put(const std::string& name, std::string_view bytes) {
@@ -230,9 +233,9 @@ void Publication::exchange() {
                                       staging_.filename().c_str()) != 0)
     write_failure(served_);
   // What was served must not go before its replacement is durable.
-  const fs::path replaced = std::exchange(staging_, {});
+  in_doubt_ = true;
   sync_directory(repository_);
-  remove_path_quietly(replaced);
+  in_doubt_ = false;
 }
 
 std::size_t remove_served(const fs::path& repository,

@@ -74,8 +74,10 @@ class Publication {
   ServedModes modes_;
   std::filesystem::path repository_;
   std::filesystem::path served_;
-  std::filesystem::path staging_;  ///< empty once it is somebody else's to remove
+  std::filesystem::path staging_;
   std::set<std::string> names_;
+  /// The staging folder is the one that was served, and the exchange may not be durable.
+  bool in_doubt_ = false;
 };
 
 /// Removes the metadata and targets that `keep` refuses, and the folders that hold nothing then;

@@ -196,16 +196,19 @@ CommandResult prune(const Arguments& arguments, const CommandContext&) {
 }
 
 const OptionRule repository_rule{"--repository", "DIR", "The repository", OptionUse::required};
+const OptionRule key_rule{"--key", "FILE",
+                          "A private key; each document is signed by those that its role lists",
+                          OptionUse::repeated};
+const OptionRule timestamp_days_rule{"--timestamp-days", "N",
+                                     "Days until the timestamp expires; 7"};
 const OptionRule delegator_rule{"--role", "NAME", "The role that lists it; targets unless given"};
 
 std::vector<OptionRule> signing_options(std::vector<OptionRule> own) {
   own.insert(own.begin(), repository_rule);
-  own.push_back({"--key", "FILE",
-                 "A private key; each document is signed by those that its role lists",
-                 OptionUse::repeated});
-  own.push_back({"--targets-days", "N", "Until what targets roles sign now expires; 365"});
+  own.push_back(key_rule);
+  own.push_back({"--targets-days", "N", "Days until what targets roles sign now expires; 365"});
   own.push_back({"--snapshot-days", "N", "The same for the snapshot; 30"});
-  own.push_back({"--timestamp-days", "N", "The same for the timestamp; 7"});
+  own.push_back(timestamp_days_rule);
   return own;
 }
 
@@ -264,7 +267,9 @@ std::vector<PublishCommand> repository_commands() {
        signing_options(
            {{"--role", "NAME", "targets, snapshot or a delegated role", OptionUse::repeated}}),
        renew},
-      {"repository timestamp", "Refresh the timestamp alone", signing_options({}),
+      {"repository timestamp",
+       "Refresh the timestamp alone",
+       {repository_rule, key_rule, timestamp_days_rule},
        refresh_timestamp},
       {"repository prune",
        "Remove metadata and targets that clients with present metadata never ask for",

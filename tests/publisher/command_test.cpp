@@ -39,23 +39,15 @@ Outcome publish(const std::string& line, const fs::path& folder = {}, bool cance
 TEST(PublishCommand, MisuseIsToldInOneSentence) {
   const std::pair<const char*, const char*> all[] = {
       {"", "Choose a command; tavro-publish --help lists them"},
-      {"frobnicate", "Unknown command: frobnicate"},
       {"--verbose", "Unknown option: --verbose"},
       {"keys", "Use keys new or keys show or keys public"},
-      {"root old", "Use root new"},
       {"check --root a", "URL is needed"},
-      {"check https://a.test b", "Unexpected argument: b"},
       {"repository timestamp --repository a", "Choose a key to sign with: --key FILE"},
       {"keys new", "Option --out is needed"},
       {"keys new --out", "Option --out needs a value"},
       {"keys new --out a --out b", "Option --out was given twice"},
-      {"keys new --help --force", "Unknown option: --force"},
-      {"keys new --out a --type dsa", "Choose the key type ed25519, ecdsa or rsa"},
       {"root new --out a", "Choose the expiry with either --expires TIME or --days N"},
       {"root new --out a --days 36501", "Option --days needs a number from 1 to 36500"},
-      {"root new --out a --days 9", "Choose a key with --root-key FILE or --key FILE"},
-      {"launcher --folder a --build 1 --out b --cli c --gui d --helper bin/x",
-       "A helper is given as ROLE=PATH: bin/x"},
       {"repository add --repository a --target b=c --target b=d", "Target was given twice: b"},
       {"package --out a --origin b --root c --bootstrap d --launcher e --brand-name f",
        "Option --brand-name needs --brand-id"},
@@ -67,15 +59,9 @@ TEST(PublishCommand, MisuseIsToldInOneSentence) {
     EXPECT_EQ(outcome.out, "");
   }
   EXPECT_EQ(json::parse(publish("keys new --json").out)["problem"]["code"], "usage");
-}
-
-TEST(PublishCommand, HelpTellsCommandsAndTheirOptions) {
-  EXPECT_NE(publish("--help").out.find("  keys new               Create a signing key\n"),
-            std::string::npos);
-  const Outcome outcome = publish("keys new --help");
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.out.substr(0, outcome.out.find('\n')),
-            "Usage: tavro-publish keys new --out FILE [OPTION]...");
+  EXPECT_NE(publish("--help").out.find("  keys new               Create a sig"), std::string::npos);
+  EXPECT_TRUE(publish("keys new --help")
+                  .out.starts_with("Usage: tavro-publish keys new --out FILE [OPTION]...\n"));
 }
 
 const std::string certificate = R"(-----BEGIN CERTIFICATE-----

@@ -100,13 +100,11 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
 
   bool plain() const { return std::string_view(GetParam()) == "plain"; }
 
-  void delegate(const std::string& name, std::vector<std::string> paths,
-                std::vector<std::string> prefixes) const {
-    publish({"targets", "online", "quest"}, [&](Repository& repository) {
-      repository.delegate(
-          "targets",
-          {name, {{key("quest").record()}, 1}, std::move(paths), std::move(prefixes), false});
-    });
+  void delegate(const std::string& name, const std::vector<std::string>& paths,
+                const std::vector<std::string>& prefixes) const {
+    const Delegation delegation{name, {{key("quest").record()}, 1}, paths, prefixes};
+    publish({"targets", "online", "quest"},
+            [&](auto& repository) { repository.delegate("targets", delegation); });
   }
 
   /// What a client with this trust folder reads as the target, from the metadata down to the bytes
@@ -214,11 +212,9 @@ TEST_P(RepositoryOnDisk, RefreshesTheTimestampAlone) {
   put("a", "one");
   auto before = served();
   publish({"online"}, [](Repository& repository) { repository.renew("timestamp"); });
-  auto after = served();
-  EXPECT_NE(before[timestamp_name()], after[timestamp_name()]);
-  before.erase(timestamp_name());
-  after.erase(timestamp_name());
-  EXPECT_EQ(before, after);
+  EXPECT_NE(before[timestamp_name()], served()[timestamp_name()]);
+  before[timestamp_name()] = served()[timestamp_name()];
+  EXPECT_EQ(before, served());
   EXPECT_EQ(read("a"), "one");
 }
 
