@@ -49,7 +49,8 @@ class Startup : public testing::Test {
   /// A whole start of the attempt, up to the process's end.
   void prove(const json& attempt) {
     auto launcher = start(attempt, "attach health say:ready wait");
-    while (launcher.line() != "ready") continue;
+    launcher.line();
+    EXPECT_EQ(launcher.line(), "ready");
     store.confirm_candidate(attempt, health(attempt), launcher.pid(), "gui");
   }
   /// What a bootstrap left that was killed with or without a launcher in its process group: proves
@@ -122,9 +123,14 @@ TEST_F(Startup, ConfirmsOnlyTheWholeProofOfTheProcessThatWasStarted) {
   confirm();
   EXPECT_EQ(code_of(confirm), "launcher_state");
   EXPECT_EQ(store.load().at("active"), first);
-  stage("2.0.0");
+  const auto second = stage("2.0.0");
+  store.reject_candidate(store.begin_candidate(), "startup_failed");
+  auto again = store.load();
+  again["candidate"] = second;
+  store.save(again);
   prove(store.begin_candidate());
   EXPECT_EQ(store.load().at("rollback"), first);
+  EXPECT_TRUE(store.load().at("failed_candidate").is_null());
 }
 
 TEST_F(Startup, RejectsAnAttemptUnderACodeOfItsAlphabet) {
