@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "domain/crypto.h"
+#include "support/scripted_tls_server.h"
 #include "system/nginx.h"
 #include "transport/https.h"
 #include "tuf/trusted_client.h"
@@ -15,13 +16,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A client that looks up fonts/a, a target of a delegated role, on a real server.
+/// A client that fetches fonts/a, a target of a delegated role, from a real server.
 struct World : TrustedClient {
   explicit World(const Nginx& server, fs::path place)
       : transport(server.origin(), server.bundle(), 0, nullptr), served(std::move(place)) {
-    json& fonts = repository.delegate(repository.targets, "fonts", {{"paths", {"fonts/*"}}});
-    repository.add_target(fonts, "fonts/a", "content");
+    repository.delegate(repository.targets, "fonts", {{"paths", {"fonts/*"}}});
+    put("content");
     update();
+  }
+  /// Signs these bytes and serves `bytes`.
+  void put(const std::string& signed_bytes) { put(signed_bytes, signed_bytes); }
+  void put(const std::string& signed_bytes, const std::string& bytes) {
+    repository.add_target(fonts(), "fonts/a", signed_bytes);
+    repository.files["fonts/" + digest(signed_bytes, "sha256") + ".a"] = {200, bytes};
   }
   json& fonts() { return repository.delegated.at("fonts"); }
   /// Version 2 of everything but the root, or 3.
@@ -37,19 +44,21 @@ struct World : TrustedClient {
       std::ofstream(served / (name + (response.status == 500 ? ".failing" : ""))) << response.body;
     }
   }
-  std::string look_up() {
+  std::string fetch(const Progress& progress = {}) {
     client.reset();
     return failure_of([&] {
       client.emplace(trust, transport, transport, limits, [this] { return now; });
-      client->target("fonts/a");
+      client->download("fonts/a", files, progress, {}, {.resume_scope = "attacked"});
     });
   }
+  std::string fetched() const { return read_file(files / "fonts" / "a", 1 << 23); }
   void swap_file(const std::string& name, const std::string& other) {
     repository.files[name] = repository.files.at(other);
   }
 
   HttpsTransport transport;
   fs::path served;
+  fs::path files = folder.path() / "files";
 };
 
 using Step = std::function<void(World&, SignedRepository&)>;
@@ -102,6 +111,12 @@ std::vector<Attack> attacks() {
        served("3.targets.json", [](auto& file) { file.body[file.body.find("fonts")] = 'F'; })},
       {"arbitrary software: unsigned delegated role", "length_mismatch", to_targets, honest,
        served("3.fonts.json", [](auto& file) { file.body.pop_back(); })},
+      {"arbitrary software: other bytes", "hash_mismatch", "fonts " + to_targets,
+       [](W w, R) { w.put("signed", "served"); }},
+      {"arbitrary software: more bytes", "length_mismatch", "fonts " + to_targets,
+       [](W w, R) { w.put("signed", "signed and more"); }},
+      {"arbitrary software: fewer bytes", "length_mismatch", "fonts " + to_targets,
+       [](W w, R) { w.put("signed", "sign"); }},
       {"rollback of the root", "rollback", none, version(&S::root, 1),
        [](W, R r) {
          r.files["2.root.json"] = {200, r.root_bytes()};
@@ -121,7 +136,7 @@ std::vector<Attack> attacks() {
          for (json* body : {&r.timestamp, &r.snapshot}) (*body)["version"] = ~0ull;
          r.publish();
          w.serve();
-         EXPECT_EQ(w.look_up(), "");
+         EXPECT_EQ(w.fetch(), "");
          for (json* body : {&r.timestamp, &r.snapshot}) (*body)["version"] = 3;
        }},
       {"freeze: the old files, for too long", "expired_metadata", none, honest,
@@ -243,7 +258,7 @@ TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
     SCOPED_TRACE(attack.name);
     World world(server, folder.path() / "public");
     world.serve();
-    ASSERT_EQ(world.look_up(), "");
+    ASSERT_EQ(world.fetch(), "");
     world.repository.files["old timestamp.json"] = world.repository.files.at("timestamp.json");
     world.update();
     attack.sign(world, world.repository);
@@ -251,7 +266,7 @@ TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
     attack.meddle(world, world.repository);
     world.serve();
     const auto before = world.stored();
-    const std::string failure = world.look_up();
+    const std::string failure = world.fetch();
     std::cout << std::left << std::setw(52) << attack.name << failure << '\n';
     EXPECT_EQ(failure.substr(0, failure.find(':')), attack.code);
     std::string replaced;
@@ -259,7 +274,55 @@ TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
       if (before.contains(name) && before.at(name) != bytes)
         replaced += (replaced.empty() ? "" : " ") + (name == delegated ? "fonts" : name);
     EXPECT_EQ(replaced, attack.proved);
+    EXPECT_EQ(world.fetched(), "content");
   }
+}
+
+TEST(Attacks, BySlownessEndWithTheTimeBudget) {
+  TrustedClient trusted;
+  ASSERT_EQ(trusted.refresh_code(), "");
+  trusted.client.reset();
+  const auto before = trusted.stored();
+  ScriptedTlsServer server(trusted.folder.path());
+  server.say("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nslow", true);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  HttpsTransport transport(server.origin(), server.bundle(), 0,
+                           std::make_shared<HttpsBudget>(HttpsBudget{deadline, 1 << 20, 0, {}}));
+  TufClient client(trusted.trust, transport, transport, trusted.limits,
+                   [&] { return trusted.now; });
+  EXPECT_EQ(code_of([&] { client.refresh(); }), "discovery_timeout");
+  EXPECT_EQ(trusted.stored(), before);
+}
+
+TEST(Downloads, NeverMixTwoContentsOfOneName) {
+  const TempFolder folder;
+  const Nginx server(folder.path() / "server", folder.path() / "public");
+  World world(server, folder.path() / "public");
+  // Enough that a cancel strikes before all of it has arrived.
+  const std::string old_bytes(8'000'000, 'o'), new_bytes(8'000'000, 'n');
+  const auto partials = [&] {
+    return std::distance(fs::directory_iterator(world.files / "fonts"), fs::directory_iterator());
+  };
+  const auto serve = [&](const std::string& signed_bytes, const std::string& bytes) {
+    world.put(signed_bytes, bytes);
+    world.update();
+    world.serve();
+  };
+  const Progress some = [](auto done, auto) { return done == 0; };
+  serve(old_bytes, old_bytes);
+  EXPECT_EQ(world.fetch(some).substr(0, 9), "cancelled");
+  EXPECT_EQ(partials(), 2) << "the first bytes and their record";
+  // The server changed the file between two tries, though not its signed hash.
+  serve(old_bytes, new_bytes);
+  EXPECT_EQ(world.fetch().substr(0, 13), "hash_mismatch");
+  EXPECT_EQ(partials(), 0) << "such bytes can never become the target";
+  serve(old_bytes, old_bytes);
+  EXPECT_EQ(world.fetch(some).substr(0, 9), "cancelled");
+  // The name is published again with other content.
+  serve(new_bytes, new_bytes);
+  EXPECT_EQ(world.fetch(), "");
+  EXPECT_EQ(world.fetched(), new_bytes);
+  EXPECT_EQ(partials(), 3) << "the old content's part stays, and is not gone on with";
 }
 
 }  // namespace
