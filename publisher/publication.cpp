@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cerrno>
-#include <ranges>
 #include <vector>
 
 #include "domain/crypto.h"
@@ -255,7 +254,8 @@ std::size_t remove_served(const fs::path& repository,
     require(system_calls().unlink(path.c_str()) == 0, "file_remove",
             [&] { return "Cannot remove " + path_utf8(path); });
   // Children stand behind their parents; a folder that is not empty stays.
-  for (const fs::path& folder : std::views::reverse(folders)) system_calls().rmdir(folder.c_str());
+  for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder)
+    system_calls().rmdir(folder->c_str());
   return unwanted.size();
 }
 

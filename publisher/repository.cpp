@@ -242,9 +242,11 @@ void Repository::require_no_conflict(const std::string& role, const std::string&
         other.first == role || listed == targets.end() || listed->at("hashes") == hashes;
     require(same, "target_conflict",
             [&] { return "Role " + other.first + " lists other content as " + path; });
-    for (const auto& [name, description] : targets.items())
+    for (const auto& target : targets.items()) {
+      const std::string& name = target.key();
       require(!name.starts_with(path + '/') && !path.starts_with(name + '/'), "target_conflict",
               [&] { return "One of the targets " + name + " and " + path + " would be a folder"; });
+    }
   }
 }
 
