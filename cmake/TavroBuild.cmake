@@ -21,17 +21,36 @@ find_package(Threads REQUIRED)
 find_package(OpenSSL 3 REQUIRED)
 find_package(CURL REQUIRED)
 find_package(LibArchive REQUIRED)
+# Of the archive library only the tar reader is used: its static form brings that and nothing else,
+# where the shared one loads a dozen libraries at every start.
+find_library(TAVRO_STATIC_ARCHIVE libarchive.a)
+find_library(TAVRO_STATIC_ZSTD libzstd.a)
+find_library(TAVRO_STATIC_UTF8PROC libutf8proc.a)
 find_package(nlohmann_json 3.11.2 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd)
 pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)
+
+# tavro_prefer_static(NAME ARCHIVE SHARED-TARGET): the static archive where the system has one.
+function(tavro_prefer_static name archive shared)
+  add_library(tavro_${name} INTERFACE)
+  add_library(tavro::${name} ALIAS tavro_${name})
+  if(archive)
+    target_link_libraries(tavro_${name} INTERFACE ${archive})
+  else()
+    target_link_libraries(tavro_${name} INTERFACE ${shared})
+  endif()
+endfunction()
+tavro_prefer_static(archive_library "${TAVRO_STATIC_ARCHIVE}" LibArchive::LibArchive)
+tavro_prefer_static(zstd_library "${TAVRO_STATIC_ZSTD}" PkgConfig::ZSTD)
+tavro_prefer_static(utf8proc_library "${TAVRO_STATIC_UTF8PROC}" PkgConfig::UTF8PROC)
 
 add_library(tavro_settings INTERFACE)
 # GCC 12 takes `"text" + std::string` for an overlapping copy when it optimises: no -Wrestrict.
 target_compile_options(tavro_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
-  $<$<CONFIG:Release>:-fstack-protector-strong>)
+  $<$<CONFIG:Release>:-fstack-protector-strong -ffunction-sections -fdata-sections>)
 target_compile_definitions(tavro_settings INTERFACE
   _FILE_OFFSET_BITS=64
   $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>
@@ -59,6 +78,10 @@ endfunction()
 function(tavro_program name)
   cmake_parse_arguments(PROGRAM "" "" "LINKS;SOURCES" ${ARGN})
   add_executable(${name} ${PROGRAM_SOURCES})
+  # Starting is most of what a short command costs: nothing unused, and no library that can be had
+  # without loading it.
+  target_link_options(${name} PRIVATE
+    -Wl,--as-needed $<$<CONFIG:Release>:-static-libstdc++ -static-libgcc -Wl,--gc-sections>)
   target_link_libraries(${name} PRIVATE tavro_settings ${PROGRAM_LINKS})
 endfunction()
 

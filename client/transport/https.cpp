@@ -1,20 +1,18 @@
 #include "transport/https.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
-#include <mutex>
 #include <utility>
 
 #include "domain/crypto.h"
-#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/product_name.h"
 #include "domain/relative_path.h"
 #include "platform/files.h"
 #include "platform/system_calls.h"
+#include "transport/curl_library.h"
 #include "transport/https_request.h"
 
 namespace tavro {
@@ -28,20 +26,12 @@ constexpr unsigned long long kMaxReport = 104857600;
 constexpr std::size_t kMaxPostBody = 4096;
 constexpr std::size_t kMaxComponentBytes = 8192;
 
-using Url = std::unique_ptr<CURLU, Deleter<curl_url_cleanup>>;
-
-void initialize_https_once() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    require(curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK, "transport",
-            "Cannot initialize HTTPS library");
-  });
-}
+using Url = std::unique_ptr<CURLU, CurlDeleter>;
 
 CURLUcode url_part(CURLU* url, CURLUPart part) {
   char* text = nullptr;
-  const CURLUcode result = curl_url_get(url, part, &text, 0);
-  curl_free(text);
+  const CURLUcode result = curl().url_get(url, part, &text, 0);
+  curl().free(text);
   return result;
 }
 
@@ -65,10 +55,10 @@ void require_plain_parts(CURLU* parsed, const std::string& url) {
 void require_service_url(const std::string& url) {
   require(url.starts_with(kScheme), "https_required",
           [] { return branded("Tavro service URLs must use HTTPS"); });
-  const Url parsed(curl_url());
+  const Url parsed(curl().url());
   // The library reads up to a NUL byte; what stands behind one would go unchecked.
   const bool parses = parsed && url.find('\0') == std::string::npos &&
-                      curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
+                      curl().url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
   require(parses, "invalid_url", "Invalid service URL");
   // The library would take the first name of a path for the host that is missing.
   const bool named =
@@ -129,7 +119,7 @@ HttpsTransport::HttpsTransport(std::string_view base_url, std::filesystem::path 
       budget_(std::move(budget)) {
   initialize_client_runtime();
   require(download_limit <= kMaxDownloadLimit, "download_limit", "Download limit exceeds 1 GiB/s");
-  initialize_https_once();
+  curl();
   require_service_url(base_url_);
   origin_ = base_url_.substr(0, authority_end(base_url_));
   if (!base_url_.ends_with('/')) base_url_ += '/';

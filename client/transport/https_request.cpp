@@ -1,6 +1,5 @@
 #include "transport/https_request.h"
 
-#include <curl/curl.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -9,10 +8,10 @@
 #include <tuple>
 #include <utility>
 
-#include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "platform/host.h"
+#include "transport/curl_library.h"
 
 namespace tavro {
 namespace {
@@ -24,13 +23,13 @@ constexpr long kStallSeconds = 30;
 constexpr long long kBudgetMilliseconds = 30000;
 constexpr unsigned long long kMaxCaBundle = 1048576;
 
-using Easy = std::unique_ptr<CURL, Deleter<curl_easy_cleanup>>;
-using HeaderList = std::unique_ptr<curl_slist, Deleter<curl_slist_free_all>>;
+using Easy = std::unique_ptr<CURL, CurlDeleter>;
+using HeaderList = std::unique_ptr<curl_slist, CurlDeleter>;
 
 /// A request that lacks one of its bounds must not go out.
 template <typename Value>
 void set(CURL* easy, CURLoption option, Value value) {
-  require(curl_easy_setopt(easy, option, value) == CURLE_OK, "transport",
+  require(curl().easy_setopt(easy, option, value) == CURLE_OK, "transport",
           "Cannot enforce the service connection boundary");
 }
 
@@ -213,7 +212,7 @@ void set_transfer(CURL* easy, Transfer& transfer, unsigned long long download_li
 
 void set_trust(CURL* easy, const std::filesystem::path& ca_bundle) {
   const auto accepts = [easy](CURLoption option, auto value) {
-    return curl_easy_setopt(easy, option, value) == CURLE_OK;
+    return curl().easy_setopt(easy, option, value) == CURLE_OK;
   };
   const char* none = nullptr;
   require(accepts(CURLOPT_CAINFO, none) && accepts(CURLOPT_CAPATH, none), "ca_bundle",
@@ -236,7 +235,7 @@ void set_trust(CURL* easy, const std::filesystem::path& ca_bundle) {
 }
 
 void append(HeaderList& list, const std::string& line) {
-  curl_slist* longer = curl_slist_append(list.get(), line.c_str());
+  curl_slist* longer = curl().slist_append(list.get(), line.c_str());
   require(longer != nullptr, "transport", "Cannot allocate upload headers");
   std::ignore = list.release();
   list.reset(longer);
@@ -278,14 +277,14 @@ void judge(CURLcode result, const Transfer& transfer, const Upload* upload) {
           "Optional update check exhausted its time budget; use Check for updates when ready");
   require(!transfer.size_exceeded, "size_limit",
           "Server sent more than the authenticated size limit");
-  require(result == CURLE_OK, "network", curl_easy_strerror(result));
+  require(result == CURLE_OK, "network", curl().easy_strerror(result));
 }
 
 }  // namespace
 
 int request(const std::string& url, const std::filesystem::path& ca_bundle, Transfer& transfer,
             unsigned long long download_limit, Upload* upload) {
-  const Easy easy(curl_easy_init());
+  const Easy easy(curl().easy_init());
   require(easy != nullptr, "transport", "Cannot initialize HTTPS request");
   // Empty, not unset: the environment's proxies must not count either.
   set(easy.get(), CURLOPT_PROXY, "");
@@ -296,10 +295,10 @@ int request(const std::string& url, const std::filesystem::path& ca_bundle, Tran
   HeaderList headers;
   if (upload != nullptr) headers = set_upload(easy.get(), transfer, *upload);
 
-  judge(curl_easy_perform(easy.get()), transfer, upload);
+  judge(curl().easy_perform(easy.get()), transfer, upload);
   if (transfer.headers) transfer.headers->finish();
   long status = 0;
-  curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
+  curl().easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
   require(status < 300 || status > 399, "redirect_rejected", "Server redirects are not permitted");
   if (upload != nullptr && upload->stream && status >= 200 && status <= 299)
     require(upload->remaining == 0 && at_end(*upload), "crash_changed",
