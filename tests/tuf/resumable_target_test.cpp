@@ -1,0 +1,335 @@
+#include "tuf/resumable_target.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "domain/crypto.h"
+#include "platform/allocated_file.h"
+#include "platform/files.h"
+#include "support/fail_nth_call.h"
+#include "transport/download_response.h"
+#include "tuf/download_record.h"
+#include "tuf/trusted_client.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A server of targets that answers as it is told to.
+struct TargetServer : Transport {
+  std::string content;
+  /// The answer to a range; "whole" ignores it.
+  std::string range = "right";
+  std::size_t sends = -1;  ///< bytes of the body before it ends
+  std::function<void(std::size_t sent)> meanwhile = [](std::size_t) {};
+  std::vector<unsigned long long> offsets;  ///< one a request
+  std::string asked;
+
+  TransportResponse get(std::string_view, unsigned long long) override { return {404, ""}; }
+  bool supports_resumption() const override { return true; }
+  void download(std::string_view, const fs::path& to, unsigned long long size,
+                const Progress&) override {
+    AllocatedFile file(to, size, {});
+    file.write(content);
+    meanwhile(content.size());
+    file.finish(false);
+  }
+  void download_into(std::string_view path, AllocatedFile& file, unsigned long long offset,
+                     const Progress& progress,
+                     const std::function<void(std::string_view)>& on_bytes,
+                     const std::function<void()>& on_restart) override {
+    asked = path;
+    offsets.push_back(offset);
+    const auto size = file.reservation().size;
+    DownloadResponseHeaders headers(size, offset, true);
+    const std::string full = std::to_string(offset) + '-' + std::to_string(size - 1) + '/';
+    const bool partial = offset != 0 && range != "whole";
+    headers.line(range == "416" ? "HTTP/1.1 416\n" : partial ? "HTTP/1.1 206\n" : "HTTP/1.1 200\n");
+    if (partial)
+      headers.line("content-range: bytes " +
+                   (range == "right" ? full + std::to_string(size) : range) + '\n');
+    headers.line("\n");
+    if (!partial && offset != 0) {
+      file.restart();
+      on_restart();
+    }
+    const std::size_t end = std::min(content.size(), sends);
+    for (std::size_t at = headers.start(); at < end; at += kStreamBlock) {
+      const std::string_view block(content.data() + at, std::min(kStreamBlock, end - at));
+      headers.body(block.size());
+      file.write(block);
+      on_bytes(block);
+      require(!progress || progress(at, size), "cancelled", "");
+      meanwhile(at + block.size());
+    }
+    if (end < content.size()) fail("network", "cut");
+    headers.finish();
+  }
+};
+
+struct ResumableTarget : testing::Test {
+  TrustedClient trusted;
+  TargetServer server;
+  fs::path home = trusted.folder.path() / "files";
+  fs::path folder = home / "a";
+  TufDownloadOptions options{.resume_scope = "scope", .admission = {}};
+  DownloadObserver observer;
+  Progress progress;
+
+  ResumableTarget() { publish(200000); }
+
+  /// Other bytes for each seed.
+  void publish(std::size_t size, char seed = 'a') {
+    server.content.assign(size, seed);
+    for (std::size_t at = 0; at < size; at += 1000) server.content[at] = char(at / 1000 % 251);
+    trusted.repository.add_target(trusted.repository.targets, "a/file", server.content);
+    trusted.repository.publish_update();
+    open();
+  }
+  void open() {
+    trusted.client.reset();
+    trusted.client.emplace(trusted.trust, trusted.repository, server, trusted.limits,
+                           [this] { return trusted.now; });
+    trusted.client->target("a/file");
+    server.offsets.clear();
+  }
+  void download() { trusted.client->download("a/file", home, progress, observer, options); }
+  std::string code() {
+    server.offsets.clear();
+    return code_of([&] { download(); });
+  }
+  /// A partial file of so many bytes, as a cut connection leaves it.
+  void leave_partial(std::size_t bytes = 100000) {
+    server.sends = bytes;
+    EXPECT_EQ(code(), "network");
+    server.sends = -1;
+  }
+  std::vector<fs::path> ending(const std::string& suffix) const {
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(folder))
+      if (entry.path().string().ends_with(suffix)) found.push_back(entry.path());
+    return found;
+  }
+  fs::path partial() const { return ending(".partial").at(0); }
+  fs::path record() const { return ending(".resume.json").at(0); }
+  json recorded() const { return json::parse(read_file(record(), 16384)); }
+  void rewrite(const std::string& key, const json& value) const {
+    json changed = recorded();
+    changed[key] = value;
+    atomic_write(record(), changed.dump());
+  }
+  /// What the record says of the partial file is so.
+  void expect_promise_kept() const {
+    if (!fs::exists(folder) || ending(".partial").empty() || ending(".resume.json").empty()) return;
+    const std::string bytes = read_file(partial(), 1u << 28);
+    EXPECT_EQ(recorded().at("prefix_sha256"),
+              digest(bytes.substr(0, recorded().at("received")), "sha256"));
+  }
+  void expect_done() const {
+    EXPECT_EQ(read_file(folder / "file", 1u << 28), server.content);
+    EXPECT_TRUE(ending(".partial").empty());
+  }
+};
+
+TEST_F(ResumableTarget, IsWholeAtTheEndWhereverARunStops) {
+  for (const Fault fault : {Fault::cut, Fault::fail})
+    for (const std::string start : {"new", "right", "whole"}) {
+      const auto prepare = [&] {
+        fs::remove_all(home);
+        open();
+        server.range = start == "new" ? "right" : start;
+        if (start != "new") leave_partial();
+      };
+      const auto check = [&](const Stop& stop) {
+        SCOPED_TRACE(start + " " + stop.call + " " + std::to_string(stop.nth));
+        expect_promise_kept();
+        const bool resumes = fs::exists(folder) && !ending(".partial").empty() &&
+                             !ending(".resume.json").empty() && !fs::exists(folder / "file");
+        const unsigned long long at = resumes ? recorded().at("received").get<unsigned>() : 0;
+        server.range = "right";
+        ASSERT_EQ(code(), "");
+        EXPECT_EQ(read_file(folder / "file", 1u << 20), server.content);
+        if (at != 0 && at < server.content.size()) {
+          EXPECT_EQ(server.offsets.at(0), at);
+        }
+        EXPECT_LE(ending(".resume.json").size(), 1u);
+      };
+      EXPECT_GT(strike_each_call(
+                    fault, EIO, prepare, [&] { download(); }, check),
+                20);
+    }
+}
+
+TEST_F(ResumableTarget, IsDurableEveryEightMebibytes) {
+  publish(20000000);
+  std::string told;
+  observer = [&](std::string_view state, const json&, std::string_view) { told += state; };
+  options.admission = [&](const DownloadAdmission& now) {
+    told +=
+        '<' + std::to_string(now.written) + (now.partial ? "p" : "") + (now.complete ? "c" : "");
+    EXPECT_EQ(now.directory, folder);
+    EXPECT_EQ(now.size, now.partial ? server.content.size() : 0u);
+  };
+  server.meanwhile = [](std::size_t sent) {
+    if (sent > 18000000) throw std::runtime_error("as sudden as a crash");
+  };
+  EXPECT_THROW(download(), std::runtime_error);
+  EXPECT_EQ(recorded().at("received"), 16777216);
+  server.meanwhile = [](std::size_t) {};
+  // A cancel counts every byte, and cuts the file there.
+  progress = [&](auto done, auto) { return server.offsets.empty() || done < 17000000; };
+  EXPECT_EQ(code(), "cancelled");
+  EXPECT_EQ(recorded().at("received"), fs::file_size(partial()));
+  progress = {};
+  options.admission = {};
+  EXPECT_EQ(code(), "");
+  expect_done();
+  EXPECT_EQ(code() + told, "prepared<0resumed<16777216presumedcompletecomplete");
+}
+
+TEST_F(ResumableTarget, HoldsAServerToTheRangeAndTheHashes) {
+  const struct {
+    std::string range, code;
+    bool kept;
+  } rows[] = {
+      {"right", "", false},
+      {"whole", "", false},
+      {"416", "http_status", true},
+      {"99999-199999/200000", "download_range", true},
+      {"100000-199998/200000", "download_range", true},
+  };
+  for (const auto& row : rows) {
+    fs::remove_all(home);
+    leave_partial();
+    server.range = row.range;
+    EXPECT_EQ(code(), row.code) << row.range;
+    EXPECT_EQ(server.offsets, std::vector<unsigned long long>{100000});
+    EXPECT_EQ(ending(".resume.json").size(), row.kept ? 1u : 0u) << row.range;
+    if (!row.kept) expect_done();
+    server.range = "right";
+  }
+  const std::string good = server.content;
+  for (const auto& [bytes, expected] :
+       {std::pair(good + '!', "size_limit"), std::pair(good.substr(1), "length_mismatch"),
+        std::pair(good.substr(1) + '!', "hash_mismatch")}) {
+    fs::remove_all(home);
+    server.content = bytes;
+    EXPECT_EQ(code(), expected);
+    EXPECT_TRUE(fs::is_empty(folder)) << expected;
+  }
+}
+
+TEST_F(ResumableTarget, NeverGoesOnWithWhatIsNotProved) {
+  const auto overwrite = [this] { std::fstream(partial(), std::ios::in | std::ios::out) << '!'; };
+  const struct {
+    const char* what;
+    std::function<void()> change;
+    std::string code;
+  } rows[] = {
+      {"flipped", overwrite, "download_resume_changed"},
+      {"shortened", [&] { fs::resize_file(partial(), 99999); }, "allocation_changed"},
+      {"replaced",
+       [&] {
+         const fs::path old = partial();
+         fs::copy(old, folder / "copy");
+         fs::rename(folder / "copy", old);
+       },
+       "allocation_changed"},
+      {"other form", [&] { rewrite("schema_version", 2); }, "download_resume_state"},
+      {"bounds", [&] { rewrite("received", 200001); }, "download_resume_state"},
+      {"a name", [&] { atomic_write(folder / "file.x.partial.resume.json", ""); },
+       "download_resume_state"},
+      {"no record", [&] { fs::remove(record()); }, ""},
+      {"other scope", [&] { options.resume_scope = "other"; }, ""},
+      {"other content", [&] { publish(200000, 'b'); }, ""},
+      {"gone", [&] { fs::remove(partial()); }, ""},
+  };
+  for (const auto& row : rows) {
+    fs::remove_all(home);
+    leave_partial();
+    row.change();
+    const auto before = ending("");
+    EXPECT_EQ(code(), row.code) << row.what;
+    for (const fs::path& path : before) EXPECT_TRUE(fs::exists(path)) << row.what;
+    if (!row.code.empty()) continue;
+    EXPECT_EQ(server.offsets, std::vector<unsigned long long>{0}) << row.what;
+    EXPECT_EQ(read_file(folder / "file", 1u << 20), server.content) << row.what;
+  }
+}
+
+TEST_F(ResumableTarget, StopsWhenAnotherWritesItsRecord) {
+  for (const std::size_t at : {std::size_t(65536), server.content.size()}) {
+    fs::remove_all(home);
+    server.sends = at == 65536 ? 131072 : -1;
+    server.meanwhile = [&](std::size_t sent) {
+      if (sent == at) rewrite("received", 7);
+    };
+    EXPECT_EQ(code(), at == 65536 ? "network" : "download_resume_changed");
+    EXPECT_EQ(recorded().at("received"), 7) << "preserved";
+    EXPECT_FALSE(fs::exists(folder / "file"));
+  }
+}
+
+TEST_F(ResumableTarget, KeepsAtMostThirtyTwoPartialFiles) {
+  leave_partial(65536);
+  const std::string own = read_file(record(), 16384);
+  const std::string nonce = recorded().at("temporary").get<std::string>().substr(7, 32);
+  const auto foreign = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      std::string text = own;
+      const std::string other = random_id();
+      text.replace(text.find(nonce), 32, other);
+      text.replace(text.find(digest("scope", "sha256")), 64, digest("", "sha256"));
+      atomic_write(folder / ("file." + other + ".partial.resume.json"), text);
+    }
+  };
+  foreign(30);
+  options.resume_scope = "second";
+  leave_partial();
+  EXPECT_EQ(recorded().at("schema_version"), 1);
+  options.resume_scope = "third";
+  EXPECT_EQ(code(), "download_resume_capacity");
+  options.resume_scope = "second";
+  EXPECT_EQ(code(), "") << "one of the 32 is it";
+  EXPECT_EQ(server.offsets, std::vector<unsigned long long>{100000});
+  foreign(2);
+  fs::remove(folder / "file");
+  EXPECT_EQ(code(), "download_resume_capacity");
+}
+
+TEST_F(ResumableTarget, KeepsAFinalFileThatVerifies) {
+  fs::create_directories(folder);
+  std::ofstream(folder / "file") << "damaged";
+  EXPECT_EQ(code(), "");
+  expect_done();
+  std::string temporary;
+  observer = [&](auto state, auto&, auto name) { temporary.append(state).append(name); };
+  EXPECT_EQ(code(), "");
+  EXPECT_TRUE(server.offsets.empty());
+  EXPECT_EQ(temporary.substr(0, 15), "completea/file.");
+  progress = [](auto, auto) { return false; };
+  EXPECT_EQ(code(), "cancelled");
+  progress = {};
+  publish(0);
+  EXPECT_EQ(code(), "");
+  EXPECT_EQ(server.offsets.size(), 1u) << "an empty target is asked for, too";
+  EXPECT_EQ(server.asked, "a/" + digest("", "sha256") + ".file");
+  expect_done();
+}
+
+TEST_F(ResumableTarget, LeavesNothingPartialWithoutAScope) {
+  options.resume_scope = "";
+  server.meanwhile = [](std::size_t) { fail("network", "cut"); };
+  EXPECT_EQ(code(), "network");
+  EXPECT_TRUE(fs::is_empty(folder));
+  server.meanwhile = [](std::size_t) {};
+  EXPECT_EQ(code(), "");
+  expect_done();
+  options.resume_scope.assign(4097, 'x');
+  EXPECT_EQ(code(), "size_limit");
+}
+
+}  // namespace
+}  // namespace tavro
