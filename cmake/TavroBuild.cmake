@@ -24,7 +24,6 @@ find_package(LibArchive REQUIRED)
 # Of the archive library only the tar reader is used: its static form brings that and nothing else,
 # where the shared one loads a dozen libraries at every start.
 find_library(TAVRO_STATIC_ARCHIVE libarchive.a)
-find_library(TAVRO_STATIC_ZSTD libzstd.a)
 find_library(TAVRO_STATIC_UTF8PROC libutf8proc.a)
 find_package(nlohmann_json 3.11.2 REQUIRED)
 find_package(PkgConfig REQUIRED)
@@ -42,7 +41,6 @@ function(tavro_prefer_static name archive shared)
   endif()
 endfunction()
 tavro_prefer_static(archive_library "${TAVRO_STATIC_ARCHIVE}" LibArchive::LibArchive)
-tavro_prefer_static(zstd_library "${TAVRO_STATIC_ZSTD}" PkgConfig::ZSTD)
 tavro_prefer_static(utf8proc_library "${TAVRO_STATIC_UTF8PROC}" PkgConfig::UTF8PROC)
 
 add_library(tavro_settings INTERFACE)
