@@ -3,16 +3,16 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <optional>
 
 #include "domain/crypto.h"
 #include "domain/input.h"
 #include "platform/files.h"
+#include "platform/native_lock.h"
 #include "platform/tree.h"
 #include "publisher/client_limits.h"
 #include "publisher/publication.h"
-#include "publisher/repository_state.h"
 #include "transport/https.h"
-#include "tuf/threshold.h"
 #include "tuf/tuf.h"
 
 namespace tavro {
@@ -71,18 +71,38 @@ std::string earliest_expiry(const json& roles) {
   return *std::ranges::min_element(all, {}, parse_tuf_time);
 }
 
-/// Brings the target in as it would be brought to a user, and proves its bytes.
-void download(Transport& targets, const fs::path& scratch, const std::string& path,
-              const json& description, const Progress& progress) {
-  RepositoryState state;
-  state.root = stored(scratch / "trust", "root.json");
-  const auto hash = description.at("hashes").begin()->get<std::string>();
-  const std::string name = target_name(state, path, hash).substr(targets_folder.size() + 1);
-  const fs::path file = scratch / "targets" / random_id();
-  targets.download(name, file, length(description), progress);
-  verify_target_file(file, description, progress);
-  fs::remove(file);
-}
+/// Brings targets in as they would be brought to a user, with all that a client proves.
+class Downloads {
+ public:
+  Downloads(TufClient& client, const fs::path& folder, const fs::path& scratch)
+      : client_(client), kept_(!folder.empty()), place_((kept_ ? folder : scratch) / "targets") {
+    if (kept_) lock_.emplace(folder / ".lock", false, LockMode::exclusive);
+  }
+
+  /// What to tell of the target beside its description.
+  void bring_in(json& target, const Progress& progress) {
+    unsigned long long at_hand = 0;
+    const auto weigh = [&](const DownloadAdmission& state) {
+      at_hand = state.complete ? length(target) : state.written;
+    };
+    const fs::path file =
+        client_.download(target.at("path").get_ref<const std::string&>(), place_, progress, {},
+                         {.resume_scope = kept_ ? "tavro-publish check" : "", .admission = weigh});
+    if (!kept_) {
+      fs::remove(file);
+      return;
+    }
+    target["file"] = path_utf8(file);
+    target["at_hand"] = at_hand;
+  }
+
+ private:
+  TufClient& client_;
+  bool kept_;
+  fs::path place_;
+  /// Two runs would write to the same partial file.
+  std::optional<FileLock> lock_;
+};
 
 }  // namespace
 
@@ -92,14 +112,15 @@ json check_repository(const CheckRequest& request, Transport& metadata, Transpor
   const fs::path trust = scratch.path() / "trust";
   TufClient::initialize(trust, read_file(request.root, client_limits.root_bytes));
   TufClient client(trust, metadata, targets, client_limits, std::chrono::system_clock::now);
+  Downloads downloads(client, request.folder, scratch.path());
   client.refresh();
   json found = json::array();
   for (const std::string& path : request.targets) {
     const json description = client.target(path);
-    if (request.download) download(targets, scratch.path(), path, description, progress);
     found.push_back({{"path", path},
                      {"length", description.at("length")},
                      {"hashes", description.at("hashes")}});
+    if (request.download) downloads.bring_in(found.back(), progress);
   }
   json roles = proved_roles(trust);
   return {{"url", request.url},

@@ -16,12 +16,16 @@ struct CheckRequest {
   std::filesystem::path ca_bundle;  ///< empty means the system's certificates
   std::vector<std::string> targets;
   bool download = false;  ///< bring the targets in, too
+  /// Where downloads stay, below `targets`, and go on when an earlier run was stopped. Empty: they
+  /// are removed once they are verified.
+  std::filesystem::path folder{};
 };
 
 /// Looks at a repository as a client does that trusts nothing but this root, with the client's own
-/// code, and keeps nothing. The result has `url`, `trusted_until`, `roles` (`version` and `expires`
-/// of each role that was proved) and `targets` (`path`, `length` and `hashes` of each). Every
-/// failure is the client's.
+/// code, and keeps nothing but what `folder` asks for. The result has `url`, `trusted_until`,
+/// `roles` (`version` and `expires` of each role that was proved) and `targets` (`path`, `length`
+/// and `hashes` of each; of a download into `folder` also `file`, and `at_hand`, the bytes that
+/// were there before). Every failure is the client's; `busy` while another check has the folder.
 json check_repository(const CheckRequest& request, const Progress& progress);
 
 /// The same over other transports, to the metadata and to the targets; `url` and `ca_bundle` are
