@@ -1,6 +1,9 @@
 #pragma once
 
 #include <memory>
+#include <string>
+
+#include "domain/unique_fd.h"
 
 namespace tavro {
 
@@ -30,6 +33,35 @@ class ConsoleInterrupt {
  private:
   struct State;
   std::unique_ptr<State> state_;
+};
+
+/// The sending side: a pipe on which a parent asks one child to stop. It closes with the object,
+/// which asks for nothing. Both ends have numbers above the standard streams and are close-on-exec.
+class InterruptPipe {
+ public:
+  /// Throws `process_control`.
+  InterruptPipe();
+  InterruptPipe(const InterruptPipe&) = delete;
+  InterruptPipe& operator=(const InterruptPipe&) = delete;
+
+  /// The value of `launcher_interrupt_reader_environment` for the child.
+  std::string child_environment() const;
+
+  /// For the forked child before its new image, and safe there: lets the read end, and it alone,
+  /// pass on. False with `errno` set.
+  bool prepare_child() noexcept;
+
+  /// For the parent after the fork: from here on the child alone can read.
+  void close_reader() noexcept;
+
+  /// Sends the request, once; true when it has been sent, now or earlier. False when the child is
+  /// gone, and then no signal is left behind. Any `SIGPIPE` of somebody else stays.
+  bool request() noexcept;
+
+ private:
+  UniqueFd reader_;
+  UniqueFd writer_;
+  bool requested_ = false;
 };
 
 }  // namespace tavro
