@@ -67,6 +67,18 @@ int rename_new(const char* from, const char* to) noexcept;
 int exchange_names(int left_directory, const char* left, int right_directory,
                    const char* right) noexcept;
 
+/// A pipe, its read end first, and a pair of connected stream sockets; close-on-exec from the start
+/// where the system can do that. 0, or -1 with `errno` set.
+int open_pipe(int (&ends)[2]) noexcept;
+int open_socket_pair(int (&ends)[2]) noexcept;
+
+/// Sends on a stream socket without a signal when nobody can receive: that is `EPIPE`. Bytes sent,
+/// or -1 with `errno` set.
+long send_without_signal(int socket, const void* bytes, std::size_t size) noexcept;
+
+/// The program that shows the folder in its one argument to the user, looked for as a shell does.
+const char* desktop_opener() noexcept;
+
 /// Whether the TLS library has to be told where the system's trusted certificates lie.
 bool needs_certificate_bundle() noexcept;
 

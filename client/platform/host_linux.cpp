@@ -4,6 +4,7 @@
 #include <linux/fs.h>
 #include <linux/posix_acl.h>
 #include <linux/posix_acl_xattr.h>
+#include <sys/socket.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -142,6 +143,18 @@ int exchange_names(int left_directory, const char* left, int right_directory,
     return system_calls().renameat2(left_directory, left, right_directory, right, RENAME_EXCHANGE);
   });
 }
+
+int open_pipe(int (&ends)[2]) noexcept { return ::pipe2(ends, O_CLOEXEC); }
+
+int open_socket_pair(int (&ends)[2]) noexcept {
+  return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+}
+
+long send_without_signal(int socket, const void* bytes, std::size_t size) noexcept {
+  return retried([&] { return ::send(socket, bytes, size, MSG_NOSIGNAL); });
+}
+
+const char* desktop_opener() noexcept { return "xdg-open"; }
 
 ShortcutForm shortcut_form() noexcept { return ShortcutForm::desktop_entry; }
 

@@ -13,6 +13,8 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/unique_fd.h"
+#include "platform/channel.h"
+#include "platform/system_calls.h"
 
 namespace tavro {
 namespace {
@@ -43,6 +45,45 @@ int channel_descriptor(std::string_view handle) {
           "Launcher interrupt descriptor is invalid");
   return static_cast<int>(value);
 }
+
+/// Keeps a `SIGPIPE` that this thread's own write causes from reaching anybody; others are let be.
+class WithoutPipeSignal {
+ public:
+  WithoutPipeSignal() noexcept {
+    sigemptyset(&pipe_signal_);
+    sigaddset(&pipe_signal_, SIGPIPE);
+    blocked_ = ::pthread_sigmask(SIG_BLOCK, &pipe_signal_, &previous_) == 0;
+    ready_ = blocked_ && look(pending_before_);
+  }
+  ~WithoutPipeSignal() {
+    if (blocked_) ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+  WithoutPipeSignal(const WithoutPipeSignal&) = delete;
+  WithoutPipeSignal& operator=(const WithoutPipeSignal&) = delete;
+
+  explicit operator bool() const noexcept { return ready_; }
+
+  /// After a write that failed with `EPIPE`.
+  void consume() noexcept {
+    bool pending = false;
+    int taken = 0;
+    if (!pending_before_ && look(pending) && pending) ::sigwait(&pipe_signal_, &taken);
+  }
+
+ private:
+  static bool look(bool& pending) noexcept {
+    sigset_t signals;
+    if (::sigpending(&signals) != 0) return false;
+    pending = sigismember(&signals, SIGPIPE) == 1;
+    return true;
+  }
+
+  sigset_t pipe_signal_{};
+  sigset_t previous_{};
+  bool blocked_ = false;
+  bool ready_ = false;
+  bool pending_before_ = false;
+};
 
 }  // namespace
 
@@ -125,5 +166,41 @@ ConsoleInterrupt::~ConsoleInterrupt() = default;
 bool ConsoleInterrupt::requested() const { return state_->requested(); }
 
 bool ConsoleInterrupt::parent_reader_attached() noexcept { return reader_attached; }
+
+InterruptPipe::InterruptPipe() {
+  Channel ends = open_pipe();
+  require(bool(ends.first), "process_control", "Cannot create launcher interrupt pipe");
+  for (UniqueFd* end : {&ends.first, &ends.second}) {
+    require(leave_standard_streams(*end), "process_control",
+            "Cannot relocate launcher interrupt pipe");
+    require(close_on_exec(*end), "process_control", "Cannot protect launcher interrupt pipe");
+  }
+  reader_ = std::move(ends.first);
+  writer_ = std::move(ends.second);
+}
+
+std::string InterruptPipe::child_environment() const {
+  return std::string(channel_version) + std::to_string(reader_.get());
+}
+
+bool InterruptPipe::prepare_child() noexcept {
+  writer_.reset();
+  const int flags = retried([&] { return ::fcntl(reader_.get(), F_GETFD); });
+  return flags >= 0 &&
+         retried([&] { return ::fcntl(reader_.get(), F_SETFD, flags & ~FD_CLOEXEC); }) == 0;
+}
+
+void InterruptPipe::close_reader() noexcept { reader_.reset(); }
+
+bool InterruptPipe::request() noexcept {
+  if (requested_) return true;
+  if (!writer_) return false;
+  WithoutPipeSignal quiet;
+  if (!quiet) return false;
+  const ssize_t sent = retried([&] { return ::write(writer_.get(), &stop_request, 1); });
+  if (sent < 0 && errno == EPIPE) quiet.consume();
+  requested_ = sent == 1;
+  return requested_;
+}
 
 }  // namespace tavro
