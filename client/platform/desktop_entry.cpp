@@ -117,13 +117,7 @@ std::string linux_desktop_entry(const DesktopShortcut& shortcut) {
 json create_linux_desktop_entry(const DesktopShortcut& shortcut, const fs::path& path) {
   const std::string text = linux_desktop_entry(shortcut);
   shortcut_place::require_free(shortcut, path, sentences);
-  shortcut_place::create(path, text);
-  return {{"schema_version", 1},
-          {"created", true},
-          {"path", path_utf8(path)},
-          {"game_id", shortcut.game},
-          {"bootstrap", path_utf8(shortcut.executable)},
-          {"data_root", path_utf8(shortcut.data_root)}};
+  return shortcut_place::create(shortcut, path, text);
 }
 
 fs::path linux_menu_directory(std::string_view xdg_data_home, std::string_view home) {

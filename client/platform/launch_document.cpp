@@ -85,14 +85,9 @@ json create_macos_launch_document(const DesktopShortcut& shortcut, const fs::pat
   const std::string text = macos_launch_document(shortcut);
   shortcut_place::require_free(shortcut, path, sentences);
   register_macos_shortcut_handler(shortcut.executable, registration);
-  shortcut_place::create(path, text);
-  return {{"schema_version", 1},
-          {"created", true},
-          {"path", path_utf8(path)},
-          {"game_id", shortcut.game},
-          {"bootstrap", path_utf8(shortcut.executable)},
-          {"data_root", path_utf8(shortcut.data_root)},
-          {"shortcut_abi", 1}};
+  json created = shortcut_place::create(shortcut, path, text);
+  created["shortcut_abi"] = 1;
+  return created;
 }
 
 void register_macos_shortcut_handler(const fs::path& bootstrap,

@@ -120,13 +120,19 @@ void require_free(const DesktopShortcut& shortcut, const fs::path& path,
   require(!is_taken(path), "already_exists", sentences.taken);
 }
 
-void create(const fs::path& path, std::string_view text) {
+json create(const DesktopShortcut& shortcut, const fs::path& path, std::string_view text) {
   try {
     atomic_create(path, text);
   } catch (const std::exception&) {
     remove_if_same(path, text);
     throw;
   }
+  return {{"schema_version", 1},
+          {"created", true},
+          {"path", path_utf8(path)},
+          {"game_id", shortcut.game},
+          {"bootstrap", path_utf8(shortcut.executable)},
+          {"data_root", path_utf8(shortcut.data_root)}};
 }
 
 }  // namespace tavro::shortcut_place

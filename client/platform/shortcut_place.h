@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "domain/json.h"
+
 namespace tavro {
 
 struct DesktopShortcut;
@@ -52,8 +54,9 @@ void require_free(const DesktopShortcut& shortcut, const std::filesystem::path& 
                   const Sentences& sentences);
 
 /// Creates the file as `atomic_create`, but a failure leaves nothing, not even a whole file whose
-/// durability is unknown: no ledger would know it.
-void create(const std::filesystem::path& path, std::string_view text);
+/// durability is unknown: no ledger would know it. Returns the document of what was created.
+json create(const DesktopShortcut& shortcut, const std::filesystem::path& path,
+            std::string_view text);
 
 }  // namespace shortcut_place
 }  // namespace tavro

@@ -47,8 +47,8 @@ fs::path native_menu_directory() {
 
 fs::path native_menu_entry(const fs::path& root, std::string_view game, std::string_view) {
   if (has_desktop_entries()) return linux_menu_entry(root, game);
-  return shortcut_place::absolute(native_menu_directory() /
-                                  shortcut_place::entry_name(root, game, kLaunchDocumentExtension));
+  const std::string name = shortcut_place::entry_name(root, game, kLaunchDocumentExtension);
+  return shortcut_place::absolute(native_menu_directory() / name);
 }
 
 json create_native_shortcut(const DesktopShortcut& shortcut, const fs::path& path) {
