@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "domain/manifest.h"
+
+namespace tavro {
+
+/// Bound on a bootstrap's descriptor, published or stored, in bytes.
+inline constexpr std::size_t bootstrap_descriptor_bytes = 524288;
+
+/// The repository target that describes the newest bootstrap for this platform.
+std::string bootstrap_manifest_target();
+
+/// Proves that a bootstrap release can take the place of the installed one: this platform, this
+/// lifetime contract and application schema, at most 4096 files, and 1 GiB each of archive and
+/// tree. Throws as `validate_bootstrap_contract`, `launcher_incompatible` or `size_limit`.
+void validate_bootstrap_update(const SnapshotManifest& manifest);
+
+/// Reads the descriptor of an update. Throws as `parse_json`, `SnapshotManifest::parse` and
+/// `validate_bootstrap_update`, and `invalid_manifest`, also for a file with the extension of
+/// replaced files, which could not be told from one.
+SnapshotManifest parse_bootstrap_update(std::string_view text);
+
+}  // namespace tavro
