@@ -66,8 +66,10 @@ std::unique_ptr<FileLock> launcher_helper_guard(const fs::path& image, std::stri
   if (!build_id.empty()) validate_identifier(build_id);
   require(is_ordinary_image(image), "launcher_identity",
           "Native helper image must be an ordinary physical path");
-  reject_staged_image(image);
-  const auto version = managed_version(image);
+  // The place is told from the names above the image: "." and ".." among them would hide it.
+  const auto physical = resolve_system_links(image);
+  reject_staged_image(physical);
+  const auto version = managed_version(physical);
   if (!version) return nullptr;
 
   const LauncherStore store(version->root);
@@ -77,10 +79,10 @@ std::unique_ptr<FileLock> launcher_helper_guard(const fs::path& image, std::stri
        build_id.empty() ? stored_build(store, version->manifest_sha256) : std::string(build_id)}};
   auto lease = store.version_guard(reference, LockMode::shared);
   const auto manifest = store.manifest(reference);
-  const auto& declared = declared_helper(manifest, store.payload(reference), image, role);
-  require(
-      fs::file_size(image) == declared.length && digest_file(image, "sha256") == declared.sha256,
-      "content_mismatch", "Native helper image differs from its verified launcher inventory");
+  const auto& declared = declared_helper(manifest, store.payload(reference), physical, role);
+  require(fs::file_size(physical) == declared.length &&
+              digest_file(physical, "sha256") == declared.sha256,
+          "content_mismatch", "Native helper image differs from its verified launcher inventory");
   return lease;
 }
 

@@ -54,8 +54,10 @@ void require_maintenance_runtime_image(const fs::path& image) {
 
 void reject_staged_image(const fs::path& image) {
   require_maintenance_runtime_image(image);
+  // Walked before the next guard, which has the same bound and another word for it.
+  const auto staging = ancestor(image, is_staging);
   require_complete_native_install_image(image);
-  require(ancestor(image, is_staging).empty(), "launcher_staging",
+  require(staging.empty(), "launcher_staging",
           [] {
             return branded("A staged Tavro image cannot initialize; start the installed bootstrap");
           },

@@ -299,6 +299,7 @@ TEST_F(Startup, GuardsAHelperByItsPlaceAndContent) {
     return code_of([&] { EXPECT_TRUE(launcher_helper_guard(at, "maintenance", id)); });
   };
   EXPECT_EQ(guard(helper), "");
+  EXPECT_EQ(guard(store.directory() / "." / fs::relative(helper, store.directory())), "");
   Launched running(helper, "helper:maintenance detach say:detached wait", {});
   running.line();
   EXPECT_EQ(running.line(), "detached");
@@ -320,6 +321,7 @@ TEST_F(Startup, GuardsAHelperByItsPlaceAndContent) {
   EXPECT_FALSE(managed_version(deep / "image"));
   EXPECT_FAILURE(managed_version(deep / "a/image"),
                  "launcher_identity: Native executable ancestry exceeds its bound");
+  EXPECT_EQ(code_of([&] { reject_staged_image(deep / "a/image"); }), "launcher_identity");
   EXPECT_EQ(code_of([] { managed_version("/launcher/versions/" + std::string(64, 'A') + "/x"); }),
             "launcher_state");
 }
