@@ -20,8 +20,9 @@ class LauncherRuntime {
   /// to once. Null for an image outside every store, such as one of a development build.
   ///
   /// `root` is the data folder the launcher works in. Call it before any other thread exists.
-  /// Throws `launcher_interface`, `launcher_identity`, `launcher_staging`, `launcher_health`,
-  /// `launcher_state`, and what the store, its locks and its documents throw.
+  /// Throws `launcher_interface`, `invalid_identity`, `launcher_identity`, `launcher_health`,
+  /// `launcher_state`, and what `reject_staged_image` and the store, its locks and its documents
+  /// throw.
   static std::unique_ptr<LauncherRuntime> attach(std::string_view build_id,
                                                  std::string_view interface,
                                                  const std::filesystem::path& root);

@@ -83,8 +83,9 @@ fs::path LauncherStore::health_path(const json& attempt) const {
 std::map<std::string, std::string> LauncherStore::health_environment(
     const json& attempt, std::string_view interface) const {
   interface_shape(interface);
+  auto nonce = attempt_nonce(attempt);
   const auto& reference = attempt.at("reference");
-  return {{launcher_nonce_environment, attempt_nonce(attempt)},
+  return {{launcher_nonce_environment, std::move(nonce)},
           {launcher_manifest_environment, reference.at("manifest_sha256")},
           {launcher_build_environment, reference.at("build_id")},
           {launcher_interface_environment, std::string(interface)},
