@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <filesystem>
 #include <memory>
@@ -70,5 +71,24 @@ std::string random_id();
 /// characters. Bad data of any kind is false; nothing is thrown.
 bool verify_signature(const json& key, std::string_view message,
                       std::string_view signature) noexcept;
+
+/// What an authenticated record has beyond its plaintext, in bytes.
+inline constexpr std::size_t kAuthenticationTagBytes = 16;
+
+/// Opens one ChaCha20-Poly1305 record, ciphertext and then tag, into `out` and returns the length
+/// of the plaintext. `limit` is the longest plaintext that the caller accepts, at most 2147483631
+/// bytes; `aad` has at most 4096. Throws `encrypted_format` for a bound, before any key is touched,
+/// `authentication_failed` for a wrong key, nonce or `aad` and for damaged data, and
+/// `crypto_failure`. After a throw `out` may hold bytes that nobody vouches for.
+unsigned long decrypt_chacha20_poly1305(std::span<const unsigned char, 32> key,
+                                        std::span<const unsigned char, 12> nonce,
+                                        std::string_view aad, std::string_view record,
+                                        std::span<char> out, unsigned long limit);
+
+/// A key by PBKDF2 with HMAC-SHA-256. Password and salt have at most 4096 bytes each and may be
+/// empty; 1 to 2147483647 iterations. Throws `crypto_failure`.
+std::array<unsigned char, 32> pbkdf2_sha256(std::string_view password,
+                                            std::span<const unsigned char> salt,
+                                            unsigned iterations);
 
 }  // namespace tavro
