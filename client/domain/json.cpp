@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -180,16 +181,26 @@ bool is_integer(const json& value, unsigned long long expected) {
 }
 
 bool has_integer(const json& object, std::string_view key, unsigned long long expected) {
-  if (!object.is_object()) return false;
-  const auto member = object.find(key);
-  return member != object.end() && is_integer(*member, expected);
+  const json* member = find_member(object, key);
+  return member != nullptr && is_integer(*member, expected);
 }
 
 bool has_text(const json& object, std::string_view key, std::string_view expected) {
-  if (!object.is_object()) return false;
-  const auto member = object.find(key);
-  return member != object.end() && member->is_string() &&
+  const json* member = find_member(object, key);
+  return member != nullptr && member->is_string() &&
          member->get_ref<const std::string&>() == expected;
+}
+
+bool has_exactly(const json& object, std::initializer_list<std::string_view> keys) {
+  return object.is_object() && object.size() == keys.size() &&
+         std::all_of(keys.begin(), keys.end(),
+                     [&](std::string_view key) { return object.contains(key); });
+}
+
+const json* find_member(const json& object, std::string_view key) {
+  if (!object.is_object()) return nullptr;
+  const auto member = object.find(key);
+  return member == object.end() ? nullptr : &*member;
 }
 
 }  // namespace tavro

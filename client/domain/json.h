@@ -3,6 +3,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include <cstddef>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -35,5 +36,11 @@ bool has_integer(const json& object, std::string_view key, unsigned long long ex
 
 /// True for an object that has `key` as exactly this text. Never throws.
 bool has_text(const json& object, std::string_view key, std::string_view expected);
+
+/// True for an object of exactly these members. Never throws.
+bool has_exactly(const json& object, std::initializer_list<std::string_view> keys);
+
+/// The member, or null where there is none; a value that is no object has none. Never throws.
+const json* find_member(const json& object, std::string_view key);
 
 }  // namespace tavro

@@ -14,13 +14,10 @@
 namespace tavro {
 namespace {
 
-char fold(char byte) {
-  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
-}
-
 bool folded_less(std::string_view left, std::string_view right) {
-  return std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end(),
-                                      [](char a, char b) { return fold(a) < fold(b); });
+  return std::lexicographical_compare(
+      left.begin(), left.end(), right.begin(), right.end(),
+      [](char a, char b) { return case_folded(a) < case_folded(b); });
 }
 
 // The tree of all paths with names compared without case. One node a component keeps the work on a
@@ -90,7 +87,8 @@ bool file_mode_is_executable(const json& mode) {
 }
 
 void read_archive(SnapshotManifest& manifest, const json& archive) {
-  require(archive.at("format") == "tar.zst-v1", "invalid_manifest", "Unsupported snapshot format");
+  require(archive.at("format") == kSnapshotFormat, "invalid_manifest",
+          "Unsupported snapshot format");
   manifest.archive_target = archive.at("target").get<std::string>();
   validate_relative_path(manifest.archive_target, true);
   manifest.archive_length = size_value(archive.at("length"));

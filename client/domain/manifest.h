@@ -16,6 +16,9 @@ namespace tavro {
 inline constexpr std::uint64_t kMaxSnapshotBytes = 4398046511104;
 inline constexpr std::size_t kMaxSnapshotFiles = 100000;
 
+/// The one form of an archive that carries a full build.
+inline constexpr std::string_view kSnapshotFormat = "tar.zst-v1";
+
 /// One file of an inventory.
 struct PackageFile {
   std::uint64_t length = 0;

@@ -12,10 +12,6 @@ namespace {
 constexpr std::size_t kMaxPath = 4096;
 constexpr std::size_t kMaxComponent = 255;
 
-char ascii_upper(char byte) {
-  return byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 'a' + 'A') : byte;
-}
-
 bool is_portable(std::string_view component) {
   constexpr std::string_view kRefused = "<>\"|?*";
   return component.back() != ' ' && component.back() != '.' &&
@@ -37,11 +33,10 @@ void validate_component(std::string_view component, bool portable) {
 }  // namespace
 
 bool is_reserved_name(std::string_view component) {
-  constexpr std::array<std::string_view, 4> kDevices = {"CON", "PRN", "AUX", "NUL"};
-  std::string stem(component.substr(0, component.find('.')));
-  std::transform(stem.begin(), stem.end(), stem.begin(), ascii_upper);
+  constexpr std::array<std::string_view, 4> kDevices = {"con", "prn", "aux", "nul"};
+  const std::string stem = case_folded(component.substr(0, component.find('.')));
   if (std::find(kDevices.begin(), kDevices.end(), stem) != kDevices.end()) return true;
-  return stem.size() == 4 && (stem.starts_with("COM") || stem.starts_with("LPT")) &&
+  return stem.size() == 4 && (stem.starts_with("com") || stem.starts_with("lpt")) &&
          stem[3] >= '1' && stem[3] <= '9';
 }
 
@@ -57,6 +52,13 @@ void validate_relative_path(std::string_view path, bool portable) {
     path.remove_prefix(end + 1);
     require(!path.empty(), "unsafe_path", "Trailing path separator is not allowed");
   }
+}
+
+std::string case_folded(std::string_view path) {
+  std::string folded(path);
+  std::transform(folded.begin(), folded.end(), folded.begin(),
+                 [](char byte) { return case_folded(byte); });
+  return folded;
 }
 
 }  // namespace tavro

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace tavro {
@@ -13,5 +14,12 @@ void validate_relative_path(std::string_view path, bool portable);
 /// True for a component that a platform reserves for a device: "con", "Lpt1.txt" and the like.
 /// Looks at the part before the first dot, without regard to case.
 bool is_reserved_name(std::string_view component);
+
+/// `A` to `Z` become `a` to `z`, all else stays. Paths with equal forms may be one path on a volume
+/// that does not tell cases apart.
+constexpr char case_folded(char byte) {
+  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
+}
+std::string case_folded(std::string_view path);
 
 }  // namespace tavro
