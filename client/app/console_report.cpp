@@ -4,8 +4,6 @@
 
 #include <iostream>
 
-#include "domain/json.h"
-
 namespace tavro {
 namespace {
 
@@ -14,11 +12,14 @@ void print_problem(const Error& error) {
       {"schema_version", 1},
       {"problem", {{"code", error.code}, {"message", error.what()}}},
   };
-  // A message may hold a path whose bytes are no UTF-8, and a problem must be told all the same.
-  std::cout << problem.dump(-1, ' ', false, json::error_handler_t::replace) << std::endl;
+  std::cout << compact_line(problem) << std::endl;
 }
 
 }  // namespace
+
+std::string compact_line(const json& document) {
+  return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
 
 int exit_code(const Error& error) {
   if (error.code == "usage") return 2;
@@ -32,17 +33,19 @@ int report_failure(const std::exception& failure, ReportForm form) noexcept {
   try {
     if (error != nullptr && form == ReportForm::json_line) print_problem(*error);
     std::cerr << failure.what() << std::endl;
+    if (error != nullptr && form == ReportForm::text_and_commands)
+      for (const auto& command : error->next_commands) std::cerr << "Try: " << command << std::endl;
   } catch (const std::exception&) {
     // Nothing is left to tell it to; the status still does.
   }
   return status;
 }
 
-int run_reported(const std::function<int()>& body) {
+int run_reported(const std::function<int()>& body, ReportForm form) {
   try {
     return body();
   } catch (const std::exception& failure) {
-    return report_failure(failure, ReportForm::text);
+    return report_failure(failure, form);
   }
 }
 

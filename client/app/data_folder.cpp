@@ -76,10 +76,6 @@ json path_array(const std::vector<fs::path>& paths) {
   return texts;
 }
 
-bool bootstrap_update_pending(const fs::path& root) {
-  return stands(root / "native" / "bootstrap-update.json");
-}
-
 void require_installed(bool installed, const fs::path& root) {
   require(installed, "not_installed",
           [&] { return branded("Tavro is not installed in ") + path_utf8(root); });

@@ -63,9 +63,6 @@ std::vector<std::filesystem::path> children(const std::filesystem::path& folder)
 /// The paths as UTF-8 texts.
 json path_array(const std::vector<std::filesystem::path>& paths);
 
-/// Whether a staged bootstrap update waits for the next start.
-bool bootstrap_update_pending(const std::filesystem::path& root);
-
 /// Fails with `not_installed`, which names the folder, unless `installed` holds.
 void require_installed(bool installed, const std::filesystem::path& root);
 

@@ -4,6 +4,7 @@
 
 #include <exception>
 
+#include "app/bootstrap_update.h"
 #include "app/launcher_store.h"
 #include "app/native_install.h"
 #include "app/shortcut_ledger.h"

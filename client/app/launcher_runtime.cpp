@@ -11,6 +11,7 @@
 #include "app/launcher_startup.h"
 #include "app/launcher_store.h"
 #include "app/runtime_image.h"
+#include "app/start_marker.h"
 #include "domain/error.h"
 #include "domain/identifier.h"
 #include "domain/input.h"
@@ -100,8 +101,8 @@ LauncherRuntime::State::State(fs::path data_root, json version, json start,
   version_lease = store->version_guard(reference, LockMode::shared);
   const auto manifest = store->manifest(reference);
   const auto payload = store->payload(reference);
-  const auto& entry = interface == "cli" ? manifest.executable : manifest.gui_executable;
-  require(same_place(safe_join(payload, entry, true), current_executable_path()),
+  require(same_place(safe_join(payload, manifest.entry_point(interface), true),
+                     current_executable_path()),
           "launcher_identity",
           "Running launcher image differs from its verified native entry point");
   if (attempt.is_null()) return;

@@ -66,7 +66,11 @@ void require_acknowledgement(const fs::path& path, const json& expected) {
 
 }  // namespace
 
-fs::path start_marker(const fs::path& root) { return root / "launcher" / "start-attempt.json"; }
+std::map<std::string, std::string> cleared_startup_environment() {
+  std::map<std::string, std::string> environment;
+  for (const char* name : launcher_startup_variables) environment.emplace(name, "");
+  return environment;
+}
 
 fs::path LauncherStore::startup_lease_path(const json& attempt) const {
   return child("leases/attempts/" + attempt_nonce(attempt) + ".lock");

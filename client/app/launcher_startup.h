@@ -1,7 +1,8 @@
 #pragma once
 
 #include <array>
-#include <filesystem>
+#include <map>
+#include <string>
 
 namespace tavro {
 
@@ -20,7 +21,7 @@ inline constexpr std::array<const char*, 5> launcher_startup_variables = {
 /// Bound on a health document and on a lease acknowledgement.
 inline constexpr unsigned long long launcher_proof_bytes = 4096;
 
-/// The marker that counts windowed starts until one is confirmed. Plain path arithmetic.
-std::filesystem::path start_marker(const std::filesystem::path& root);
+/// The five with empty values, for a process that is no candidate start.
+std::map<std::string, std::string> cleared_startup_environment();
 
 }  // namespace tavro

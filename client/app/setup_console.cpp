@@ -41,11 +41,7 @@ void run_command(SetupCommand& command, bool installer, std::string_view seal,
   select_brand_and_folder(command, seal);
   const NativeSetupCallbacks callbacks = console_callbacks(command.json, cancelled);
   const json result = run_setup_command(command, seal, callbacks);
-  // The work is done, so a path whose bytes are no UTF-8 must not turn it into a failure.
-  const std::string line = command.json
-                               ? result.dump(-1, ' ', false, json::error_handler_t::replace)
-                               : setup_summary(command, result);
-  std::cout << line << std::endl;
+  std::cout << (command.json ? compact_line(result) : setup_summary(command, result)) << std::endl;
 }
 
 const char* phase_line(std::string_view phase) {

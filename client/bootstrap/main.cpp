@@ -1,6 +1,15 @@
-#include <iostream>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <system_error>
 
+#include "app/bootstrap_update.h"
+#include "app/brand.h"
 #include "app/console_report.h"
+#include "app/data_folder.h"
+#include "app/launcher_bootstrap.h"
+#include "app/runtime_image.h"
+#include "app/setup_console.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
@@ -8,27 +17,66 @@
 
 namespace {
 
-constexpr std::string_view usage =
-    "Usage: tavro-bootstrap [--help | --version]\n"
-    "\n"
-    "The stable entry of an installed Tavro: it chooses a verified launcher version and starts "
-    "it.\n";
+namespace fs = std::filesystem;
+
+constexpr std::chrono::milliseconds startup_limit{10000};
+
+/// The bootstrap's own options, which come first, and what is left for the launcher.
+struct BootstrapOptions {
+  std::optional<fs::path> data_dir;
+  bool windowed = false;
+  std::vector<std::string> forwarded;
+};
+
+BootstrapOptions read_options(const std::vector<std::string>& arguments) {
+  BootstrapOptions options;
+  auto next = arguments.begin();
+  for (; next != arguments.end(); ++next) {
+    if (*next == "--gui" && !options.windowed) {
+      options.windowed = true;
+    } else if (*next == "--data-dir" && !options.data_dir) {
+      tavro::require(++next != arguments.end() && !next->empty(), "usage",
+                     "--data-dir needs a nonempty path");
+      options.data_dir = tavro::path_from_utf8(*next);
+    } else {
+      break;
+    }
+  }
+  options.forwarded.assign(next, arguments.end());
+  return options;
+}
+
+fs::path served_folder(const fs::path& image, const std::optional<fs::path>& chosen) {
+  const auto installed = tavro::installed_data_root(image);
+  if (!installed) return tavro::data_folder(chosen ? *chosen : tavro::user_data_root());
+  std::error_code missing;
+  tavro::require(!chosen || fs::equivalent(*chosen, *installed, missing), "usage", [&] {
+    return "This bootstrap serves " + tavro::path_utf8(*installed) + " and no other data folder";
+  });
+  return *installed;
+}
 
 int run_bootstrap(const std::vector<std::string>& arguments) {
-  const std::string first = arguments.empty() ? "" : arguments.front();
-  if (first == "--help" || first == "--version") {
-    std::cout << (first == "--help" ? usage : "tavro-bootstrap " TAVRO_VERSION "\n") << std::flush;
-    return 0;
-  }
-  tavro::require_complete_native_install_image(tavro::current_executable_path());
-  tavro::fail("process_start", "This Tavro bootstrap cannot start a launcher yet");
+  const auto image = tavro::current_executable_path();
+  tavro::apply_pending_bootstrap_update(image);
+  tavro::reject_staged_image(image);
+  const auto options = read_options(arguments);
+  const auto root = served_folder(image, options.data_dir);
+  tavro::use_installed_brand(root);
+  auto lifetime = tavro::bootstrap_lifetime(image);
+  return tavro::run_launcher_bootstrap(root, options.windowed ? "gui" : "cli", options.forwarded,
+                                       startup_limit, &lifetime);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  return tavro::run_reported([&] {
-    tavro::initialize_client_runtime();
-    return run_bootstrap(tavro::process_arguments(argc, argv));
-  });
+  return tavro::run_reported(
+      [&] {
+        tavro::initialize_client_runtime();
+        // Whoever starts this may ignore the end of its children; here it has to be known.
+        (void)std::signal(SIGCHLD, SIG_DFL);
+        return run_bootstrap(tavro::process_arguments(argc, argv));
+      },
+      tavro::ReportForm::text_and_commands);
 }

@@ -105,6 +105,10 @@ LauncherManifest LauncherManifest::parse(const json& document) {
                      [&] { return read_launcher(document); });
 }
 
+const std::string& LauncherManifest::entry_point(std::string_view interface) const {
+  return interface == "cli" ? executable : gui_executable;
+}
+
 json LauncherManifest::startup_health(const json& attempt, unsigned long long pid,
                                       std::string_view interface, bool console_interrupt) const {
   require(pid != 0 && is_interface(interface), "launcher_health",

@@ -28,6 +28,9 @@ struct LauncherManifest : SnapshotManifest {
   /// files), `invalid_manifest`, and the codes of `SnapshotManifest::parse`.
   static LauncherManifest parse(const json& document);
 
+  /// Relative path of the entry point of "cli", else of the windowed one.
+  const std::string& entry_point(std::string_view interface) const;
+
   /// The document by which a started launcher proves that it is ready. `attempt` holds `nonce` and
   /// `reference`. Throws `launcher_health` for process 0 or another interface than "cli" and "gui".
   json startup_health(const json& attempt, unsigned long long pid, std::string_view interface,

@@ -1,9 +1,78 @@
-#include "launcher_program.h"
+// The console of a launcher. The bootstrap starts it as `--data-dir DIR [--json] COMMAND...`; it
+// has read the same line itself, and has answered help and maintenance commands.
+
+#include <nlohmann/json.hpp>
+
+#include <iostream>
+
+#include "app/cli_entry.h"
+#include "app/console_report.h"
+#include "app/launcher_runtime.h"
+#include "app/launcher_store.h"
+#include "app/maintenance_control.h"
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "platform/interrupt.h"
+
+namespace {
+
+using namespace tavro;
+
+/// What is running, what is tried next, and what did not start, in words.
+std::string status_sentence(const json& record) {
+  std::string text = "This is launcher " EXAMPLE_BUILD ".";
+  const auto build = [](const json& reference) {
+    return reference.at("build_id").get<std::string>();
+  };
+  const auto& candidate = record.at("candidate");
+  if (!candidate.is_null()) text += " Build " + build(candidate) + " is tried at the next start.";
+  const auto& failed = record.at("failed_candidate");
+  if (!failed.is_null())
+    text += " Build " + build(failed.at("reference")) + " did not start (" +
+            failed.at("problem").get<std::string>() + "); an update can bring a newer one.";
+  return text;
+}
+
+int answer(const CliEntry& line, const ConsoleInterrupt& interrupt) {
+  if (line.help) {
+    std::cout << cli_help() << std::flush;
+    return 0;
+  }
+  const auto control =
+      native_maintenance_control(line.data_dir, line.args, [&] { return interrupt.requested(); });
+  if (!control.is_null()) {
+    std::cout << compact_line(control) << std::endl;
+    return 0;
+  }
+  require(line.args == std::vector<std::string>{"self", "status"}, "unsupported",
+          "This example has no games; it answers self status and self shortcut");
+  const auto record = LauncherStore::for_launch(line.data_dir)->status();
+  std::cout << (line.json ? compact_line(record) : status_sentence(record)) << std::endl;
+  return 0;
+}
+
+int run(int argc, char** argv, bool* json_wanted) {
+  initialize_client_runtime();
+  const auto line = parse_cli_entry(process_arguments(argc, argv), ".", json_wanted);
+  require(line.data_dir_set, "usage", "The bootstrap starts a launcher, with --data-dir");
+  // Before anything else is done: from here on the running version is protected and proved.
+  const auto runtime = LauncherRuntime::attach(EXAMPLE_BUILD, "cli", line.data_dir);
+  // A bootstrap believes no console that cannot be asked to stop.
+  const ConsoleInterrupt interrupt(true);
+  // All is up. Whatever may still fail from here on fails the command, not the launcher.
+  report_launcher_health(runtime.get());
+  return answer(line, interrupt);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  return tavro::example::run_launcher_program(
-      {.name = "example-launcher",
-       .purpose = "The console of a launcher: the smallest one that a bootstrap can start.",
-       .refusal = "This launcher has no console commands yet"},
-      argc, argv);
+  bool json_wanted = false;
+  try {
+    return run(argc, argv, &json_wanted);
+  } catch (const std::exception& failure) {
+    return report_failure(failure,
+                          json_wanted ? ReportForm::json_line : ReportForm::text_and_commands);
+  }
 }

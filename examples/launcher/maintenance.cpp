@@ -1,9 +1,16 @@
-#include "launcher_program.h"
+// The helper that removes a client while none of its other programs runs.
 
-int main(int argc, char** argv) {
-  return tavro::example::run_launcher_program(
-      {.name = "example-launcher-maintenance",
-       .purpose = "The helper that removes a client or its shortcuts while the client is closed.",
-       .refusal = "This launcher's helper has no maintenance jobs yet"},
-      argc, argv);
+#include "app/console_report.h"
+#include "app/launcher_helper.h"
+#include "domain/crypto.h"
+#include "domain/error.h"
+
+int main() {
+  return tavro::run_reported([] {
+    tavro::initialize_client_runtime();
+    const auto runtime = tavro::LauncherHelperRuntime::attach(EXAMPLE_BUILD, "maintenance");
+    tavro::fail("unsupported",
+                "This example's helper removes nothing yet; use tavro-install uninstall");
+    return 0;
+  });
 }

@@ -16,6 +16,7 @@
 #include "app/launcher_startup.h"
 #include "app/launcher_store.h"
 #include "app/runtime_image.h"
+#include "app/start_marker.h"
 #include "domain/input.h"
 #include "support/fail_nth_call.h"
 #include "support/failure.h"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "app/bootstrap_update.h"
 #include "domain/input.h"
 #include "support/fail_nth_call.h"
 #include "support/failure.h"

@@ -157,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(
     }),
     [](const auto& row) { return row.param.name; });
 
-TEST(Programs, AnswerQuestionsButNeverRunFromAnUnfinishedFolder) {
+TEST(Programs, NeverRunFromAnUnfinishedFolder) {
   TempFolder folder;
   put(folder.path() / ".tavro-native-bundle-incomplete.json", "");
   for (const std::string name : {"tavro-install", "tavro-bootstrap", "example-launcher",
@@ -165,9 +165,9 @@ TEST(Programs, AnswerQuestionsButNeverRunFromAnUnfinishedFolder) {
     const fs::path image = folder.path() / "bin" / name;
     fs::create_directories(image.parent_path());
     fs::copy_file(program(name), image);
-    EXPECT_THAT(Started(folder.path(), image, {"--help"}, {}).wait().output,
-                testing::StartsWith("Usage: " + name));
-    const Ending refused = Started(folder.path(), image, {"status"}, {}).wait();
+    auto words = std::vector<std::string>{"status"};
+    if (name.starts_with("example")) words = {"--data-dir", folder.path(), "self", "status"};
+    const Ending refused = Started(folder.path(), image, words, {}).wait();
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(text_of(refused), "This image belongs to an unfinished package; it cannot start\n");
   }

@@ -1,0 +1,52 @@
+#include "app/bootstrap_update.h"
+
+#include "app/data_folder.h"
+#include "domain/error.h"
+#include "platform/native_platform.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The application in which a launch document's helper lies; empty for every other image.
+fs::path shortcut_application(const fs::path& image) {
+  const fs::path programs = image.parent_path();
+  const fs::path contents = programs.parent_path();
+  const bool helper = image.filename() == "tavro-shortcut" && programs.filename() == "MacOS" &&
+                      contents.filename() == "Contents" &&
+                      contents.parent_path().filename() == "TavroShortcut.app";
+  return helper ? contents.parent_path() : fs::path();
+}
+
+}  // namespace
+
+std::optional<fs::path> installed_data_root(const fs::path& image) {
+  require(image.has_root_directory() && image == image.lexically_normal(), "unsafe_path",
+          "Bootstrap image path must be absolute and normalized");
+  const fs::path application = shortcut_application(image);
+  const fs::path bin = (application.empty() ? image : application).parent_path();
+  const fs::path native = bin.parent_path().parent_path();
+  if (bin.filename() != "bin" || bin.parent_path().filename() != "bootstrap" ||
+      native.filename() != "native")
+    return std::nullopt;
+  require(!application.empty() || image.filename() == "tavro-bootstrap", "native_install_trust",
+          "Unknown installed bootstrap entry");
+  return native.parent_path();
+}
+
+std::unique_ptr<NativeFileLock> bootstrap_lifetime(const fs::path& image) {
+  const auto root = installed_data_root(image);
+  if (!root) return nullptr;
+  require_complete_native_install(*root);
+  return std::make_unique<NativeFileLock>(DataPaths(*root).bootstrap_lock, true,
+                                          NativeLockSharing::none, LockMode::shared);
+}
+
+bool bootstrap_update_pending(const fs::path& root) {
+  return stands(root / "native" / "bootstrap-update.json");
+}
+
+void apply_pending_bootstrap_update(const fs::path&) {}
+
+}  // namespace tavro
