@@ -58,5 +58,18 @@ TEST(ConsoleInterrupt, HearsItsParentOnAPipeAndNothingElse) {
   EXPECT_FALSE(interrupt.requested() || ConsoleInterrupt::parent_reader_attached());
 }
 
+TEST(InterruptPipe, CausesNoSignalAndTakesNoneOfOthers) {
+  sigset_t signal, pending;
+  sigemptyset(&signal), sigaddset(&signal, SIGPIPE);
+  for (const bool others : {false, true}) {
+    if (others) ::pthread_sigmask(SIG_BLOCK, &signal, nullptr), ::raise(SIGPIPE);
+    InterruptPipe pipe;
+    pipe.close_reader();
+    EXPECT_FALSE(pipe.request());
+    EXPECT_TRUE(::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == others);
+  }
+  ::sigwaitinfo(&signal, nullptr), ::pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+}
+
 }  // namespace
 }  // namespace tavro
