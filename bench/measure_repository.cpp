@@ -14,8 +14,8 @@
 #include "domain/crypto.h"
 #include "domain/deleter.h"
 #include "domain/error.h"
-#include "publisher/client_limits.h"
 #include "support/signed_repository.h"
+#include "tuf/client_limits.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf.h"
 

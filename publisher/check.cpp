@@ -10,9 +10,9 @@
 #include "platform/files.h"
 #include "platform/native_lock.h"
 #include "platform/tree.h"
-#include "publisher/client_limits.h"
 #include "publisher/publication.h"
 #include "transport/https.h"
+#include "tuf/client_limits.h"
 #include "tuf/tuf.h"
 
 namespace tavro {

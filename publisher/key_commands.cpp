@@ -1,10 +1,10 @@
 #include "domain/error.h"
 #include "domain/input.h"
-#include "publisher/client_limits.h"
 #include "publisher/commands.h"
 #include "publisher/keys.h"
 #include "publisher/output.h"
 #include "publisher/root_metadata.h"
+#include "tuf/client_limits.h"
 
 namespace tavro {
 namespace {

@@ -9,8 +9,8 @@
 #include "platform/files.h"
 #include "platform/system_calls.h"
 #include "publisher/assembly.h"
-#include "publisher/client_limits.h"
 #include "publisher/output.h"
+#include "tuf/client_limits.h"
 #include "tuf/threshold.h"
 
 namespace tavro {

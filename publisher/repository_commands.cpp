@@ -3,10 +3,10 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "publisher/client_limits.h"
 #include "publisher/commands.h"
 #include "publisher/release.h"
 #include "publisher/repository.h"
+#include "tuf/client_limits.h"
 #include "tuf/metadata.h"
 
 namespace tavro {

@@ -7,8 +7,8 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "publisher/client_limits.h"
 #include "publisher/publication.h"
+#include "tuf/client_limits.h"
 #include "tuf/threshold.h"
 
 namespace tavro {

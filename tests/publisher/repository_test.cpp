@@ -9,11 +9,11 @@
 #include "domain/input.h"
 #include "platform/files.h"
 #include "publisher/check.h"
-#include "publisher/client_limits.h"
 #include "support/fail_nth_call.h"
 #include "support/failure.h"
 #include "support/snapshot_archive.h"
 #include "support/temp_folder.h"
+#include "tuf/client_limits.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf.h"
 

@@ -7,8 +7,8 @@
 
 #include "domain/error.h"
 #include "domain/input.h"
-#include "publisher/client_limits.h"
 #include "transport/https.h"
+#include "tuf/client_limits.h"
 #include "tuf/tuf.h"
 
 namespace {

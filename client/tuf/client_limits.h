@@ -4,9 +4,9 @@
 
 namespace tavro {
 
-/// What a repository of this tool may grow to. A client that takes its limits from here accepts
-/// every document within these numbers, whatever the kind of its keys, and the tool signs nothing
-/// that would be larger.
+/// What a repository may grow to. A client that takes its limits from here accepts every document
+/// within these numbers, whatever the kind of its keys, and a publisher signs nothing that would be
+/// larger.
 inline constexpr unsigned long long max_role_keys = 8;
 inline constexpr unsigned long long max_delegated_roles = 256;
 inline constexpr unsigned long long max_delegation_keys = 2;   // on the average, of each role
