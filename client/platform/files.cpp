@@ -179,6 +179,11 @@ fs::path resolve_system_links(const fs::path& path) {
   return resolved;
 }
 
+bool bears_name(const fs::path& path) {
+  std::error_code error;
+  return fs::symlink_status(path, error).type() != fs::file_type::not_found;
+}
+
 void private_directory(const fs::path& path) { posix_files::private_directory(path); }
 
 void sync_file(const fs::path& path) {

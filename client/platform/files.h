@@ -23,6 +23,10 @@ void require_path_room(const std::filesystem::path& root, const std::filesystem:
 /// the checks that refuse them. Throws `unsafe_path` for a 17th link or an unreadable one.
 std::filesystem::path resolve_system_links(const std::filesystem::path& path);
 
+/// Anything that bears the name counts, a dangling link as well, and so does a name that cannot be
+/// looked at.
+bool bears_name(const std::filesystem::path& path);
+
 /// See `posix_files::private_directory`.
 void private_directory(const std::filesystem::path& path);
 

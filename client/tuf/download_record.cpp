@@ -24,10 +24,6 @@ constexpr std::size_t digest_size = 64;
 constexpr std::string_view partial_suffix = ".partial";
 constexpr std::string_view record_suffix = ".resume.json";
 
-bool is_digest(const json& value) {
-  return value.is_string() && is_lower_hex(value.get_ref<const std::string&>(), digest_size);
-}
-
 bool is_unsigned_pair(const json& value) {
   return value.is_array() && value.size() == 2 && value[0].is_number_unsigned() &&
          value[1].is_number_unsigned();
@@ -36,9 +32,10 @@ bool is_unsigned_pair(const json& value) {
 bool has_known_form(const json& state, std::string_view temporary) {
   return state.is_object() && state.size() == 9 && state.at("schema_version") == 1 &&
          state.at("kind") == "tavro-target-resume" && state.at("target").is_string() &&
-         state.at("temporary") == temporary && is_digest(state.at("scope_sha256")) &&
-         is_digest(state.at("prefix_sha256")) && state.at("received").is_number_unsigned() &&
-         is_unsigned_pair(state.at("identity"));
+         state.at("temporary") == temporary &&
+         is_lower_hex_text(state.at("scope_sha256"), digest_size) &&
+         is_lower_hex_text(state.at("prefix_sha256"), digest_size) &&
+         state.at("received").is_number_unsigned() && is_unsigned_pair(state.at("identity"));
 }
 
 bool has_bounds(const json& authorization, const json& received) {
@@ -46,16 +43,6 @@ bool has_bounds(const json& authorization, const json& received) {
          authorization.at("length").is_number_unsigned() &&
          authorization.at("hashes").is_object() && !authorization.at("hashes").empty() &&
          received.get<unsigned long long>() <= authorization.at("length").get<unsigned long long>();
-}
-
-/// Between `prefix` and a dot, and `suffix`, stands a nonce and nothing else; empty if not.
-std::string_view nonce_between(std::string_view name, std::string_view prefix,
-                               std::string_view suffix) {
-  if (name.size() != prefix.size() + 1 + nonce_size + suffix.size()) return {};
-  const std::string_view nonce = name.substr(prefix.size() + 1, nonce_size);
-  const bool framed =
-      name.starts_with(prefix) && name[prefix.size()] == '.' && name.ends_with(suffix);
-  return framed && is_lower_hex(nonce, nonce_size) ? nonce : std::string_view();
 }
 
 /// The search of one folder.
@@ -127,6 +114,15 @@ void validate_target_resume_state(const json& state, std::string_view temporary)
     require(!nonce_between(temporary, target, partial_suffix).empty(), malformed,
             "Partial-download nonce differs from its path");
   });
+}
+
+std::string_view nonce_between(std::string_view name, std::string_view prefix,
+                               std::string_view suffix) {
+  if (name.size() != prefix.size() + 1 + nonce_size + suffix.size()) return {};
+  const std::string_view nonce = name.substr(prefix.size() + 1, nonce_size);
+  const bool framed =
+      name.starts_with(prefix) && name[prefix.size()] == '.' && name.ends_with(suffix);
+  return framed && is_lower_hex(nonce, nonce_size) ? nonce : std::string_view();
 }
 
 std::string partial_name(std::string_view target, std::string_view nonce) {

@@ -1,6 +1,5 @@
 #include "tuf/tuf.h"
 
-#include <system_error>
 #include <utility>
 
 #include "domain/crypto.h"
@@ -27,12 +26,6 @@ std::filesystem::path role_cache(const std::filesystem::path& directory, std::st
 
 std::filesystem::path rotation_marker(const std::filesystem::path& directory) {
   return safe_join(directory, "root-invalidation.json", false);
-}
-
-bool bears_name(const std::filesystem::path& path) {
-  std::error_code error;
-  return std::filesystem::symlink_status(path, error).type() !=
-         std::filesystem::file_type::not_found;
 }
 
 json self_signed_root(std::string_view bytes, unsigned long long max_bytes) {

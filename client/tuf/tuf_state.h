@@ -22,9 +22,6 @@ std::filesystem::path role_cache(const std::filesystem::path& directory, std::st
 /// Stands in the folder from a rotation of the online keys until what they signed is gone.
 std::filesystem::path rotation_marker(const std::filesystem::path& directory);
 
-/// Anything that bears the name counts, a dangling link as well.
-bool bears_name(const std::filesystem::path& path);
-
 /// A root document that is signed by its own keys at its own threshold; anything else throws.
 json self_signed_root(std::string_view bytes, unsigned long long max_bytes);
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "domain/json.h"
+
+/// What a crash can leave of the atomic write of a compact JSON document: under the temporary name,
+/// any prefix of its text. These functions tell such a prefix from bytes that nobody can explain;
+/// they look at the text alone.
+namespace tavro::torn_write {
+
+/// Whether `name` is a temporary name of an atomic write to `destination` (see `files.h`).
+bool is_temporary_name(std::string_view name, std::string_view destination);
+
+/// The value of a document, or nothing when the bytes are no JSON at all and may thus be a prefix.
+/// Throws as `parse_json` for everything else that it refuses.
+std::optional<json> parse_unless_torn(std::string_view bytes, std::size_t max_bytes);
+
+/// Whether the bytes ended before their document did, with nothing wrong in them until there.
+bool is_cut_short(std::string_view bytes);
+
+/// Whether a document that starts with `start` can begin with these bytes.
+bool agrees_with_start(std::string_view bytes, std::string_view start);
+
+/// Whether a document that has this member can begin with these bytes: the member is not reached
+/// yet, or cut off inside its value, or it is whole and followed by another one.
+bool agrees_with_member(std::string_view bytes, std::string_view key, const json& value);
+
+}  // namespace tavro::torn_write
