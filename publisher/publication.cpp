@@ -68,10 +68,6 @@ void rename_file(const fs::path& from, const fs::path& to) {
   if (system_calls().rename(from.c_str(), to.c_str()) != 0) write_failure(to);
 }
 
-bool bears_name(const fs::path& path) {
-  return fs::symlink_status(path).type() != fs::file_type::not_found;
-}
-
 std::string in_the_way(std::string_view name) {
   return "What was served as " + std::string(name) +
          " is in the way of a new target; prune the repository first";

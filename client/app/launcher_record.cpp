@@ -1,5 +1,8 @@
 #include "app/launcher_record.h"
 
+#include <nlohmann/json.hpp>
+
+#include <exception>
 #include <string>
 
 #include "domain/crypto.h"
@@ -59,6 +62,24 @@ void hash_identity(std::string_view name) {
 
 void nonce_identity(std::string_view nonce) {
   require(is_lower_hex(nonce, 32), "launcher_state", "Launcher startup identity is invalid");
+}
+
+json staging_intent(std::string_view nonce, const json& reference) {
+  return {{"schema_version", 1},
+          {"kind", "tavro-launcher-staging"},
+          {"nonce", nonce},
+          {"reference", reference}};
+}
+
+bool is_staging_intent(std::string_view bytes, std::string_view nonce) {
+  try {
+    const json document = parse_json(bytes, staging_intent_bytes);
+    const json& reference = document.at("reference");
+    reference_shape(reference);
+    return !reference.is_null() && document == staging_intent(nonce, reference);
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 }  // namespace tavro

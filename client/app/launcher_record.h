@@ -11,6 +11,8 @@ namespace tavro {
 inline constexpr std::size_t launcher_record_bytes = 32768;
 /// Bound on a stored descriptor.
 inline constexpr std::size_t launcher_descriptor_bytes = 524288;
+/// Bound on a staging intent.
+inline constexpr std::size_t staging_intent_bytes = 4096;
 
 /// The record of a store that never saved one.
 json default_launcher_record();
@@ -28,5 +30,11 @@ void hash_identity(std::string_view name);
 
 /// 32 lower-case hexadecimal characters; throws `launcher_state`.
 void nonce_identity(std::string_view nonce);
+
+/// The document that explains the folder `staging/<nonce>`: what it is to become, or was.
+json staging_intent(std::string_view nonce, const json& reference);
+
+/// Whether the bytes are the intent of this folder; nothing else may be removed in its name.
+bool is_staging_intent(std::string_view bytes, std::string_view nonce);
 
 }  // namespace tavro

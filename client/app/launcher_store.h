@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,6 +18,11 @@ namespace tavro {
 /// A data folder as the disk knows it: absolute, links resolved. Throws `unsafe_path` when a
 /// component is a link again by the time it is looked at.
 std::filesystem::path ordinary_root(const std::filesystem::path& path);
+
+class TufClient;
+
+/// Told the name of each phase of a staging, and whether its progress counts bytes.
+using StagingPhase = std::function<void(std::string_view name, bool counts_bytes)>;
 
 /// Marks the constructor that creates nothing.
 struct ExistingStore {};
@@ -85,6 +91,27 @@ class LauncherStore {
   /// caller discards the unfinished folder.
   json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
                     const Progress& progress = {});
+
+  /// Brings the published release in and records it as the candidate, under the owner lock to the
+  /// end, network time included. What is active and the rollback stay, and nothing of the release
+  /// runs until a bootstrap tries it; after any failure the record is as it was, and what was
+  /// downloaded is gone on with by the next run.
+  ///
+  /// With `optional` false every obstacle is an error, and a release that failed before is tried
+  /// again. With true an ordinary reason not to update is an answer: an object of `staged` false
+  /// and `skipped`, one of "not_installed", "cleanup_pending", "startup_pending", "not_published",
+  /// "candidate_pending", "failed_before". Other answers: `staged` false, `already_current` true
+  /// and `build_id`; or `staged` true, `activated` false, `build_id` and `manifest_sha256`.
+  ///
+  /// `progress` as in `TufClient::download`, and for each proof of a tree. `phase` (may be empty)
+  /// is told "verifying", "downloading", "staging" (each with true) and "activating" (with false)
+  /// as far as they come.
+  ///
+  /// Throws `launcher_cleanup_pending`, `busy`, `launcher_download_uncertain` (a record of a
+  /// download that cannot be explained), `launcher_storage_full`, `insufficient_space`,
+  /// `size_limit`, `launcher_incompatible`, `content_mismatch`, `launcher_build_conflict`,
+  /// `launcher_pending`, `cancelled`, and what the client and the extraction throw.
+  json stage(TufClient& tuf, const Progress& progress, const StagingPhase& phase, bool optional);
 
   // The probation of a candidate. An attempt is the record's object of `nonce` and `reference`; a
   // malformed nonce is `launcher_state`. What changes the record needs the caller to hold
