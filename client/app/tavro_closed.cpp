@@ -34,9 +34,9 @@ auto when_free(Clock::time_point deadline, const Cancellation& cancellation, con
 
 }  // namespace
 
-bool Cancellation::requested() const { return callbacks_->cancelled && callbacks_->cancelled(); }
-
-void Cancellation::check() const { require(!requested(), "cancelled", "Setup was cancelled"); }
+void Cancellation::check() const {
+  require(!callbacks_->cancelled || !callbacks_->cancelled(), "cancelled", "Setup was cancelled");
+}
 
 void Cancellation::report(std::string_view phase, unsigned long long done,
                           unsigned long long total) const {
@@ -47,7 +47,9 @@ Progress Cancellation::progress(std::string_view phase) const {
   return
       [run = *this, phase = std::string(phase)](unsigned long long done, unsigned long long total) {
         run.report(phase, done, total);
-        return !run.requested();
+        // A run that is stopped says the same wherever it stops.
+        run.check();
+        return true;
       };
 }
 

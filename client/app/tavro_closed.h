@@ -16,12 +16,11 @@ class Cancellation {
  public:
   explicit Cancellation(const NativeSetupCallbacks& callbacks) : callbacks_(&callbacks) {}
 
-  bool requested() const;
   /// Throws `cancelled` when the front end asks to stop.
   void check() const;
   /// Tells the front end, if it listens.
   void report(std::string_view phase, unsigned long long done, unsigned long long total) const;
-  /// For the loops of lower layers: reports under this phase, and answers false to stop them.
+  /// For the loops of lower layers: reports under this phase, and throws `cancelled` to stop them.
   Progress progress(std::string_view phase) const;
 
  private:

@@ -95,7 +95,7 @@ TEST_F(Install, TakesAStoppedRunBack) {
   at.install();
   put_file(paths.bootstrap / "stray", "");
   EXPECT_EQ(run(true), "cancelled");
-  EXPECT_EQ(at.status().last_operation->message, "Operation cancelled at a safe boundary");
+  EXPECT_EQ(at.status().last_operation->message, "Setup was cancelled");
   EXPECT_FALSE(stands(paths.staging));
 }
 
