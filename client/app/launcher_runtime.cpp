@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <system_error>
 #include <utility>
 
 #include "app/launcher_record.h"
@@ -27,12 +26,6 @@ namespace fs = std::filesystem;
 std::string startup_variable(const char* name) {
   constexpr std::size_t variable_bytes = 8192;
   return process_environment(name, variable_bytes);
-}
-
-/// Whether both names lead to the same existing file or folder.
-bool same_place(const fs::path& left, const fs::path& right) {
-  std::error_code error;
-  return fs::equivalent(left, right, error) && !error;
 }
 
 unsigned long long own_pid() { return static_cast<unsigned long long>(getpid()); }

@@ -2,20 +2,32 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
+#include <system_error>
+#include <thread>
 
+#include "app/data_folder.h"
 #include "app/launcher_startup.h"
+#include "app/runtime_image.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
+#include "platform/child_process.h"
 #include "platform/files.h"
+#include "platform/native_files.h"
+#include "platform/native_platform.h"
 #include "platform/process.h"
+#include "platform/tree.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+constexpr std::size_t variable_bytes = 8192;
+constexpr milliseconds ready_interval{10};
+constexpr milliseconds termination_grace{250};
 
 /// The first helper of the role, in the order of the paths.
 const std::string& helper_path(const LauncherManifest& manifest, std::string_view role) {
@@ -25,9 +37,14 @@ const std::string& helper_path(const LauncherManifest& manifest, std::string_vie
                                       branded(" helper; use the Tavro installer to uninstall"));
 }
 
-}  // namespace
+/// A name that nobody can guess, so that nobody else can speak for the helper.
+fs::path new_ready_file(const fs::path& copy) {
+  // Other users write there too, so that a link in the way is followed once, and here.
+  const auto folder = copy.empty() ? fs::canonical(fs::temp_directory_path()) : copy;
+  return folder / ("tavro-maintenance-ready-" + random_id());
+}
 
-MaintenanceRuntime::MaintenanceRuntime(fs::path image) : image_(std::move(image)) {}
+}  // namespace
 
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& store,
                                                                 const json& reference,
@@ -43,18 +60,86 @@ std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& s
       "content_mismatch", [] {
         return branded("The maintenance helper is damaged; run the Tavro installer to repair it");
       });
-  return std::unique_ptr<MaintenanceRuntime>(new MaintenanceRuntime(std::move(image)));
+  std::unique_ptr<MaintenanceRuntime> runtime(new MaintenanceRuntime);
+  runtime->image_ = std::move(image);
+  return runtime;
+}
+
+std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::attach(std::string_view, std::string_view) {
+  const auto copy = process_environment(maintenance_copy_environment, variable_bytes);
+  const auto ready = process_environment(maintenance_ready_environment, variable_bytes);
+  if (copy.empty() && ready.empty()) return nullptr;
+  std::unique_ptr<MaintenanceRuntime> runtime(new MaintenanceRuntime);
+  runtime->attached_ = true;
+  runtime->image_ = current_executable_path();
+  runtime->ready_ = path_from_utf8(ready);
+  if (copy.empty()) return runtime;
+  auto folder = path_from_utf8(copy);
+  require(is_maintenance_copy(folder) && runtime->image_.parent_path() == folder,
+          "maintenance_copy", "Maintenance helper copy path is invalid");
+  // Only now is it ours to remove.
+  runtime->copy_ = std::move(folder);
+  return runtime;
+}
+
+MaintenanceRuntime::~MaintenanceRuntime() {
+  if (copy_.empty()) return;
+  if (attached_)
+    native_files::remove_after_exit(copy_);
+  else if (!launched_)
+    remove_path_quietly(copy_);
 }
 
 std::map<std::string, std::string> MaintenanceRuntime::environment() const {
   auto environment = cleared_startup_environment();
-  environment.emplace(maintenance_copy_environment, "");
-  environment.emplace(maintenance_ready_environment, "");
+  environment.emplace(maintenance_copy_environment, path_utf8(copy_));
+  environment.emplace(maintenance_ready_environment, path_utf8(ready_));
   return environment;
 }
 
 void MaintenanceRuntime::replace(const std::vector<std::string>& arguments) {
+  launched_ = true;
   replace_process(image_, arguments, image_.parent_path(), environment());
+}
+
+std::unique_ptr<ChildProcess> MaintenanceRuntime::launch_console(
+    const std::vector<std::string>& arguments) {
+  launched_ = true;
+  return std::make_unique<ChildProcess>(image_, arguments, image_.parent_path(), environment(),
+                                        ChildStreams::output_inherited, ChildEnvironment::whole,
+                                        nullptr, ChildGroup::own, ChildControl::interrupt);
+}
+
+std::unique_ptr<ChildProcess> MaintenanceRuntime::launch_gui(
+    const std::vector<std::string>& arguments, milliseconds limit) {
+  ready_ = new_ready_file(copy_);
+  launched_ = true;
+  auto helper = std::make_unique<ChildProcess>(
+      image_, arguments, image_.parent_path(), environment(), ChildStreams::output_to_errors,
+      ChildEnvironment::whole, nullptr, ChildGroup::inherited, ChildControl::none);
+  const bool shown = shows_itself(*helper, limit);
+  std::error_code ignored;
+  fs::remove(ready_, ignored);
+  if (shown) return helper;
+  (void)helper->terminate(termination_grace);
+  fail("maintenance_startup", "The uninstall window did not open");
+}
+
+bool MaintenanceRuntime::shows_itself(ChildProcess& helper, milliseconds limit) const {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + limit;
+  for (;; std::this_thread::sleep_for(ready_interval)) {
+    // Asked before the look, so that what the helper wrote before its end counts.
+    const bool ended = helper.poll().has_value();
+    if (stands(ready_)) return true;
+    if (ended || Clock::now() >= deadline) return false;
+  }
+}
+
+void MaintenanceRuntime::report_ready() {
+  // Not `atomic_write`: that would make the system's temporary folder, which others share, private.
+  if (!ready_.empty()) atomic_create(ready_, "ready");
+  ready_.clear();
 }
 
 std::vector<std::string> maintenance_arguments(const std::vector<std::string>& arguments,

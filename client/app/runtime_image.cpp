@@ -1,5 +1,8 @@
 #include "app/runtime_image.h"
 
+#include <system_error>
+#include <utility>
+
 #include "app/launcher_record.h"
 #include "app/launcher_store.h"
 #include "domain/error.h"
@@ -27,10 +30,6 @@ fs::path ancestor(const fs::path& image, Wanted&& wanted) {
   }
 }
 
-bool is_maintenance_copy(const fs::path& folder) {
-  return path_utf8(folder.filename()).starts_with("tavro-maintenance-");
-}
-
 bool is_staging(const fs::path& folder) {
   return folder.filename() == "staging" && folder.parent_path().filename() == "launcher";
 }
@@ -42,6 +41,10 @@ bool is_version(const fs::path& folder) {
 }
 
 }  // namespace
+
+bool is_maintenance_copy(const fs::path& folder) {
+  return path_utf8(folder.filename()).starts_with("tavro-maintenance-");
+}
 
 void require_maintenance_runtime_image(const fs::path& image) {
   // No bound here: the guards that come after it have theirs.
@@ -71,6 +74,11 @@ std::optional<ManagedVersion> managed_version(const fs::path& image) {
   hash_identity(name);
   const auto launcher = version.parent_path().parent_path();
   return ManagedVersion{ordinary_root(launcher.parent_path()), std::move(name)};
+}
+
+bool same_place(const fs::path& left, const fs::path& right) {
+  std::error_code error;
+  return fs::equivalent(left, right, error) && !error;
 }
 
 }  // namespace tavro

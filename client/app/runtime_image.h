@@ -13,6 +13,9 @@ struct ManagedVersion {
   std::string manifest_sha256;
 };
 
+/// Whether the folder bears the name of a temporary copy of a maintenance helper.
+bool is_maintenance_copy(const std::filesystem::path& folder);
+
 /// Refuses an image inside a temporary maintenance copy: `maintenance_copy`.
 void require_maintenance_runtime_image(const std::filesystem::path& image);
 
@@ -25,5 +28,8 @@ void reject_staged_image(const std::filesystem::path& image);
 /// "launcher/versions/NAME" with a name of 64 bytes; nothing for an image outside a store. Throws
 /// `launcher_state` when that name is no digest, `launcher_identity` beyond 256 levels.
 std::optional<ManagedVersion> managed_version(const std::filesystem::path& image);
+
+/// Whether both names lead to the same existing file or folder.
+bool same_place(const std::filesystem::path& left, const std::filesystem::path& right);
 
 }  // namespace tavro
