@@ -2,17 +2,59 @@
 
 #include <nlohmann/json.hpp>
 
+#include "app/cli_entry.h"
 #include "app/data_folder.h"
+#include "app/launcher_runtime.h"
 #include "app/native_install.h"
+#include "app/runtime_image.h"
 #include "app/shortcut_ledger.h"
 #include "domain/error.h"
 #include "domain/identifier.h"
 #include "domain/input.h"
+#include "domain/product_name.h"
+#include "platform/files.h"
+#include "platform/native_platform.h"
 
 namespace tavro {
+namespace {
 
-json native_maintenance_control(const std::filesystem::path& root,
-                                const std::vector<std::string>& arguments,
+namespace fs = std::filesystem;
+
+/// What an entry point says when it may not hand over.
+struct Refusals {
+  std::string unmanaged;
+  std::string other_image;
+};
+
+/// What the running image proved itself to be, and the locks that keep it so.
+struct OwnVersion {
+  LauncherStore store;
+  std::unique_ptr<FileLock> owner;
+  json reference;
+  std::unique_ptr<FileLock> lease;
+};
+
+/// The version whose entry point of `interface` is the running image.
+OwnVersion own_version(std::string_view interface, std::string_view build_id,
+                       const Refusals& refusals) {
+  const auto image = current_executable_path();
+  reject_staged_image(image);
+  const auto version = managed_version(image);
+  require(version.has_value(), "maintenance_unavailable", refusals.unmanaged);
+  LauncherStore store(version->root);
+  auto owner = store.owner();
+  json reference = {{"manifest_sha256", version->manifest_sha256}, {"build_id", build_id}};
+  auto lease = store.version_guard(reference, LockMode::shared);
+  const auto manifest = store.manifest(reference);
+  const auto payload = store.payload(reference);
+  require(same_place(safe_join(payload, manifest.entry_point(interface), true), image),
+          "launcher_identity", refusals.other_image);
+  return {std::move(store), std::move(owner), std::move(reference), std::move(lease)};
+}
+
+}  // namespace
+
+json native_maintenance_control(const fs::path& root, const std::vector<std::string>& arguments,
                                 const std::function<bool()>&) {
   auto words = arguments;
   std::erase(words, "--json");
@@ -33,10 +75,37 @@ json native_maintenance_control(const std::filesystem::path& root,
 }
 
 std::unique_ptr<MaintenanceRuntime> prepare_console_maintenance(
-    LauncherStore& store, const json& reference, const std::filesystem::path& root,
+    LauncherStore& store, const json& reference, const fs::path& root,
     const std::function<bool()>& cancelled, bool) {
   require(!cancelled || !cancelled(), "cancelled", "Uninstall cancelled");
   return MaintenanceRuntime::prepare(store, reference, "maintenance", root, {});
+}
+
+std::unique_ptr<MaintenanceRuntime> prepare_gui_maintenance(const fs::path& root,
+                                                            std::string_view build_id,
+                                                            MaintenanceProgress progress) {
+  auto version = own_version(
+      "gui", build_id,
+      {branded("Start the installed Tavro GUI or use the external installer to review removal"),
+       "Maintenance handoff requires this build's verified GUI image"});
+  return MaintenanceRuntime::prepare(version.store, version.reference, "maintenance-gui", root,
+                                     progress);
+}
+
+void run_cli_maintenance(const fs::path& root, const std::vector<std::string>& arguments,
+                         std::string_view build_id, const std::function<bool()>& cancelled) {
+  const auto maintenance = maintenance_arguments(arguments, root);
+  require(!maintenance.empty(), "usage", "Expected a native maintenance command");
+  require(!launcher_startup_pending(), "maintenance_unavailable",
+          "Start native maintenance through the installed bootstrap to release startup ownership");
+  auto version = own_version(
+      "cli", build_id,
+      {"Installed maintenance needs a managed launcher image; use the external installer",
+       "Native maintenance requires this build's verified CLI image"});
+  const auto entry = parse_cli_entry(arguments, root, nullptr);
+  prepare_console_maintenance(version.store, version.reference, root, cancelled, entry.json)
+      ->replace(maintenance);
+  fail("maintenance_failed", "Maintenance process replacement returned unexpectedly");
 }
 
 }  // namespace tavro
