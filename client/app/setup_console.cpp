@@ -20,19 +20,6 @@ namespace {
 
 constexpr std::size_t environment_bytes = 8192;
 
-/// From here on sentences carry the brand, and an install goes to the brand's folder.
-void select_brand_and_folder(SetupCommand& command, std::string_view seal) {
-  if (installs(command.kind) && command.package.empty())
-    command.package = adjacent_initial_package(current_executable_path());
-  if (!installs(command.kind) || command.package.empty()) {
-    use_installed_brand(command.data_root);
-    return;
-  }
-  const std::optional<Brand> brand = package_brand(command.package, seal);
-  if (brand) set_product_name(brand->name);
-  if (!command.data_root_chosen) command.data_root = default_install_folder(brand);
-}
-
 void run_command(SetupCommand& command, bool installer, std::string_view seal,
                  const std::function<bool()>& cancelled) {
   require_complete_native_install_image(current_executable_path());
@@ -73,6 +60,18 @@ int run_setup_console(const std::vector<std::string>& arguments, std::string_vie
   } catch (const std::exception& failure) {
     return report_failure(failure, form);
   }
+}
+
+void select_brand_and_folder(SetupCommand& command, std::string_view seal) {
+  if (installs(command.kind) && command.package.empty())
+    command.package = adjacent_initial_package(current_executable_path());
+  if (!installs(command.kind) || command.package.empty()) {
+    use_installed_brand(command.data_root);
+    return;
+  }
+  const std::optional<Brand> brand = package_brand(command.package, seal);
+  if (brand) set_product_name(brand->name);
+  if (!command.data_root_chosen) command.data_root = default_install_folder(brand);
 }
 
 NativeSetupCallbacks console_callbacks(bool as_json, std::function<bool()> cancelled) {

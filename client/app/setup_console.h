@@ -12,6 +12,7 @@
 namespace tavro {
 
 struct Brand;
+struct SetupCommand;
 
 /// Runs one setup command from the console. `arguments` come without the program's own name, `seal`
 /// is the digest of the initial package that this program was built for. Writes the result to
@@ -19,6 +20,11 @@ struct Brand;
 /// exception escapes.
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program,
                       std::string_view seal, const std::function<bool()>& cancelled);
+
+/// What a front end does before it runs a command: finds the package beside it, takes the brand into
+/// every sentence of this process, and sends a new install to the brand's folder unless the user
+/// chose one. Throws what `package_brand` throws, and `user_path`.
+void select_brand_and_folder(SetupCommand& command, std::string_view seal);
 
 /// The console's view of a run: one line on standard error for each new phase, none with `as_json`.
 NativeSetupCallbacks console_callbacks(bool as_json, std::function<bool()> cancelled);

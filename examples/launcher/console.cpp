@@ -56,6 +56,11 @@ int run(int argc, char** argv, bool* json_wanted) {
   initialize_client_runtime();
   const auto line = parse_cli_entry(process_arguments(argc, argv), ".", json_wanted);
   require(line.data_dir_set, "usage", "The bootstrap starts a launcher, with --data-dir");
+  // Before the launcher attaches: whoever removes a client is no longer one of its programs.
+  auto words = line.args;
+  if (line.json) words.emplace_back("--json");
+  if (!line.help && !maintenance_arguments(words, line.data_dir).empty())
+    run_cli_maintenance(line.data_dir, words, EXAMPLE_BUILD, {});
   // Before anything else is done: from here on the running version is protected and proved.
   const auto runtime = LauncherRuntime::attach(EXAMPLE_BUILD, "cli", line.data_dir);
   // A bootstrap believes no console that cannot be asked to stop.

@@ -1,11 +1,15 @@
 // The window of a launcher, less the window: the bootstrap starts it as `--data-dir DIR
 // ARGUMENT...` and passes the arguments on unread, such as `--launch GAME` of a shortcut.
 
+#include <nlohmann/json.hpp>
+
 #include <iostream>
+#include <thread>
 
 #include "app/cli_entry.h"
 #include "app/console_report.h"
 #include "app/launcher_runtime.h"
+#include "app/maintenance_handoff.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
@@ -14,6 +18,20 @@ namespace {
 
 using namespace tavro;
 
+/// What a menu's "Uninstall" does: the helper's window comes up, and this one closes.
+int hand_over(const std::filesystem::path& root) {
+  MaintenanceHandoff handoff;
+  handoff.start(root, EXAMPLE_BUILD);
+  auto view = handoff.view();
+  // Here a window goes on painting.
+  for (; view.at("phase") == "starting"; view = handoff.view())
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const auto& problem = view.at("problem");
+  if (!problem.is_null()) throw Error(problem.at("code"), problem.at("message"));
+  std::cerr << "The uninstall is " << view.at("phase").get<std::string>() << "." << std::endl;
+  return 0;
+}
+
 int run(std::vector<std::string> arguments) {
   const auto root = path_from_utf8(cli_option(arguments, "--data-dir", ""));
   require(!root.empty(), "usage", "The bootstrap starts a launcher, with --data-dir");
@@ -21,6 +39,7 @@ int run(std::vector<std::string> arguments) {
   // Here a real launcher opens its window, and goes on once it is on the screen.
   report_launcher_health(runtime.get());
   confirm_launcher_start(root);
+  if (arguments == std::vector<std::string>{"--uninstall"}) return hand_over(root);
   const auto game = cli_option(arguments, "--launch", "");
   std::cerr << "The window of launcher " EXAMPLE_BUILD " would be up now"
             << (game.empty() ? "." : ", and would start " + game + ".") << std::endl;

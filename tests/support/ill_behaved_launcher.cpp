@@ -20,6 +20,7 @@
 #include "app/launcher_runtime.h"
 #include "app/launcher_startup.h"
 #include "app/launcher_store.h"
+#include "app/maintenance_runtime.h"
 #include "app/runtime_image.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
@@ -125,6 +126,12 @@ class Launcher {
          helper_ = LauncherHelperRuntime::attach(build_, role);
          say(helper_ ? "attached" : "unmanaged");
        }},
+      {"ready",
+       [](const std::string&) {
+         const auto helper = MaintenanceRuntime::attach("", "");
+         if (helper) helper->report_ready(), helper->report_ready();
+         say(helper ? "told" : "nobody waits");
+       }},
       {"interrupt",
        [this](const std::string&) { interrupt_ = std::make_unique<ConsoleInterrupt>(true); }},
       {"health", [this](const std::string&) { report_launcher_health(runtime_.get()); }},
@@ -144,6 +151,7 @@ class Launcher {
        }},
       // What it tells on standard output.
       {"say", [](const std::string& text) { say(text); }},
+      {"who", [this](const std::string&) { say(build_); }},
       {"arguments", [this](const std::string&) { say(json(arguments_).dump()); }},
       {"environment",
        [](const std::string&) {

@@ -9,6 +9,7 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <utility>
 
 #include "domain/crypto.h"
 #include "domain/input.h"
@@ -20,18 +21,23 @@
 namespace tavro {
 
 Launched::Launched(const std::filesystem::path& image, const std::string& steps,
-                   const Environment& environment, const std::vector<std::string>& arguments) {
-  std::vector<char*> words = {const_cast<char*>(image.c_str())};
-  for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
-  words.push_back(nullptr);
+                   const Environment& environment, const std::vector<std::string>& arguments)
+    : Launched([&] {
+        std::vector<char*> words = {const_cast<char*>(image.c_str())};
+        for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
+        words.push_back(nullptr);
+        for (const auto& [key, value] : environment) setenv(key.c_str(), value.c_str(), 1);
+        setenv("TAVRO_TEST_LAUNCHER", steps.c_str(), 1);
+        return execv(image.c_str(), words.data());
+      }) {}
+
+Launched::Launched(const std::function<int()>& body) {
   std::array<int, 2> ends{};
   EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
   id_ = fork();
   if (id_ == 0) {
     for (const int stream : {1, 2}) dup2(ends[1], stream);
-    for (const auto& [key, value] : environment) setenv(key.c_str(), value.c_str(), 1);
-    setenv("TAVRO_TEST_LAUNCHER", steps.c_str(), 1);
-    _exit(execv(image.c_str(), words.data()));
+    _exit(body());
   }
   close(ends[1]);
   output_ = fdopen(ends[0], "r");
@@ -46,6 +52,18 @@ std::string Launched::line() {
   std::array<char, 4096> text{};
   const std::string line = std::fgets(text.data(), text.size(), output_) ? text.data() : "";
   return line.substr(0, line.find('\n'));
+}
+
+std::string Launched::rest() {
+  std::string all;
+  for (int next = 0; (next = std::fgetc(output_)) != EOF;) all += static_cast<char>(next);
+  return all;
+}
+
+int Launched::status() {
+  int status = 0;
+  waitpid(std::exchange(id_, 0), &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 void Launched::end() {

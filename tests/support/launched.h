@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,11 +21,17 @@ class Launched {
   /// `steps` is what an ill-behaved launcher is told; `environment` comes on top of this process's.
   Launched(const std::filesystem::path& image, const std::string& steps,
            const Environment& environment, const std::vector<std::string>& arguments = {});
+  /// A copy of this process that ends with what `body` returns.
+  explicit Launched(const std::function<int()>& body);
   ~Launched();
   Launched(const Launched&) = delete;
 
   /// Waits for the next line; empty once nobody writes any more.
   std::string line();
+  /// Everything up to the end of all who write.
+  std::string rest();
+  /// Waits for the end: the exit status, or 128 and the number of the signal.
+  int status();
   /// Kills it, if it still lives, and waits for its end.
   void end();
   pid_t id() const { return id_; }

@@ -106,8 +106,11 @@ SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& 
   const fs::path releases = where / "releases";
   release(bootstrap_tree, releases / "bootstrap",
           {options.bootstrap_build, platform, "bin/tavro-bootstrap", {}}, "bootstrap", nullptr);
-  const LauncherContract contract{"bin/launcher-gui",
-                                  {{"bin/launcher-maintenance", "maintenance"}}};
+  LauncherContract contract{"bin/launcher-gui", {{"bin/launcher-maintenance", "maintenance"}}};
+  if (!options.maintenance_window_image.empty()) {
+    put_image(launcher_tree, "bin/launcher-maintenance-gui", options.maintenance_window_image);
+    contract.helpers["bin/launcher-maintenance-gui"] = "maintenance-gui";
+  }
   release(launcher_tree, releases / "launcher",
           {options.launcher_build, platform, "bin/launcher", {}}, "launcher", &contract);
 

@@ -30,6 +30,8 @@ struct SealedPackageOptions {
   std::filesystem::path launcher_image;
   std::filesystem::path launcher_gui_image;
   std::filesystem::path maintenance_image;
+  /// Without it there is no windowed helper.
+  std::filesystem::path maintenance_window_image;
   /// Its `icon` is not looked at.
   std::optional<Brand> brand;
   /// Bytes of the icon (only with a brand) and of the certificate bundle; empty means none.
@@ -43,7 +45,7 @@ std::string sample_icon();
 
 /// A real sealed package on disk, put together by the publisher's own code. The bootstrap is
 /// "bin/tavro-bootstrap"; the launcher has "bin/launcher", "bin/launcher-gui" and the maintenance
-/// helper "bin/launcher-maintenance"; bulk files lie in "share/part-N".
+/// helpers "bin/launcher-maintenance" and "bin/launcher-maintenance-gui"; bulk files lie in "share/part-N".
 class SealedPackage {
  public:
   /// Builds below `where`, an existing folder (for instance a TempFolder's path): the package in
