@@ -231,9 +231,10 @@ json parse_target_download_receipt_group(std::string_view nonce, const Files& fi
 
 std::map<std::string, json> target_download_receipts(const fs::path& root) {
   std::map<std::string, json> groups;
+  ResumeScan resumes(root);
   for (const auto& [nonce, files] : read_receipt_files(root)) {
     json group = parse_target_download_receipt_group(nonce, files);
-    group["resume_files"] = target_download_resume_files(root, group.at("receipt"));
+    group["resume_files"] = resumes.files(group.at("receipt"));
     groups.emplace(nonce, std::move(group));
   }
   require_separate_targets(groups);

@@ -93,7 +93,6 @@ class ResumeEvidence {
 };
 
 ResumeEvidence read_evidence(const json& receipt, const Files& files) {
-  validate_target_download_receipt(receipt);
   ResumeEvidence evidence(receipt);
   require(files.size() <= max_files, "size_limit", "Frozen resume evidence exceeds its bound");
   for (const auto& [name, bytes] : files) evidence.take(name, bytes);
@@ -105,30 +104,6 @@ template <typename Reader>
 json read_resume_metadata(Reader&& reader) {
   return read_fields(uncertain, "Unknown resume metadata was preserved",
                      std::forward<Reader>(reader));
-}
-
-/// The files of the store that bear the resume name, by their paths below `downloads`.
-Files read_resume_files(const fs::path& root, const std::string& resume_name) {
-  const std::string parent = path_utf8(fs::path(resume_name).parent_path());
-  const std::string prefix = parent.empty() ? "" : parent + '/';
-  const fs::path folder =
-      safe_join(root, parent.empty() ? "downloads" : "downloads/" + parent, true);
-  const fs::file_status status = fs::status(folder);
-  if (!fs::exists(status)) return {};
-  require(fs::is_directory(status), "unsafe_path",
-          "Download resume parent is not an ordinary directory");
-  Files found;
-  std::size_t entries = 0;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    require(++entries <= max_entries, "size_limit",
-            "Target resume metadata scan exceeds its bound");
-    const std::string name = prefix + path_utf8(entry.path().filename());
-    if (name != resume_name && !name.starts_with(resume_name + '.')) continue;
-    require(target_download_resume_file_name(name, resume_name), uncertain,
-            "Unknown resume metadata names were preserved");
-    found.emplace(name, read_file(entry.path(), kResumeRecordBytes));
-  }
-  return found;
 }
 
 void require_recorded_file(const fs::path& partial, const json& record) {
@@ -158,25 +133,69 @@ bool target_download_resume_file_name(std::string_view name, std::string_view re
 
 json parse_target_download_resume_files(const json& receipt, const Files& files) {
   return read_resume_metadata([&] {
-    if (!receipt.is_null()) return read_evidence(receipt, files).files;
-    require(files.empty(), uncertain, "Unowned resume evidence was preserved");
-    return json::array();
+    require(!receipt.is_null() || files.empty(), uncertain,
+            "Unowned resume evidence was preserved");
+    if (receipt.is_null()) return json::array();
+    validate_target_download_receipt(receipt);
+    return read_evidence(receipt, files).files;
   });
 }
 
 json target_download_resume_files(const fs::path& root, const json& receipt) {
+  if (!receipt.is_null()) validate_target_download_receipt(receipt);
+  return ResumeScan(root).files(receipt);
+}
+
+ResumeScan::ResumeScan(fs::path root) : root_(std::move(root)) {}
+
+json ResumeScan::files(const json& receipt) {
   if (receipt.is_null()) return json::array();
   return read_resume_metadata([&] {
     const std::string& temporary = text_member(receipt, "temporary");
-    ResumeEvidence evidence =
-        read_evidence(receipt, read_resume_files(root, resume_record_name(temporary)));
+    ResumeEvidence evidence = read_evidence(receipt, read_named(resume_record_name(temporary)));
     if (!evidence.record.is_null()) {
-      const fs::path partial = safe_join(root, "downloads/" + temporary, true);
+      const fs::path partial = safe_join(root_, "downloads/" + temporary, true);
       // Between publishing the final file and removing its record a crash leaves the record alone.
       if (bears_name(partial)) require_recorded_file(partial, evidence.record);
     }
     return std::move(evidence.files);
   });
+}
+
+Files ResumeScan::read_named(const std::string& resume_name) {
+  Files found;
+  const std::string start = resume_name + '.';
+  for (const std::string& name : names_beside(resume_name)) {
+    if (name != resume_name && !name.starts_with(start)) continue;
+    require(target_download_resume_file_name(name, resume_name), uncertain,
+            "Unknown resume metadata names were preserved");
+    found.emplace(name, read_file(root_ / "downloads" / name, kResumeRecordBytes));
+  }
+  return found;
+}
+
+const std::vector<std::string>& ResumeScan::names_beside(const std::string& resume_name) {
+  const std::string folder = "downloads/" + resume_name.substr(0, resume_name.rfind('/') + 1);
+  const auto listed = names_.find(folder);
+  if (listed != names_.end()) return listed->second;
+  return names_[folder] = list(folder.substr(0, folder.size() - 1));
+}
+
+/// Paths below `downloads`; a folder that is not there holds nothing.
+std::vector<std::string> ResumeScan::list(const std::string& folder) const {
+  const fs::path path = safe_join(root_, folder, true);
+  const fs::file_status status = fs::status(path);
+  if (!fs::exists(status)) return {};
+  require(fs::is_directory(status), "unsafe_path",
+          "Download resume parent is not an ordinary directory");
+  const std::string below = (folder + '/').substr(std::string_view("downloads/").size());
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(path)) {
+    require(names.size() < max_entries, "size_limit",
+            "Target resume metadata scan exceeds its bound");
+    names.push_back(below + path_utf8(entry.path().filename()));
+  }
+  return names;
 }
 
 }  // namespace tavro

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/json.h"
 
@@ -35,5 +36,22 @@ json parse_target_download_resume_files(const json& receipt,
 /// `unsafe_path`, `size_limit` (96 entries in the folder of the target), and as
 /// `AllocatedFile::verify_identity` and `read_file`.
 json target_download_resume_files(const std::filesystem::path& root, const json& receipt);
+
+/// The same for several receipts of one store, each null or proved already: a folder is listed
+/// once. What comes into it meanwhile is not seen.
+class ResumeScan {
+ public:
+  explicit ResumeScan(std::filesystem::path root);
+  json files(const json& receipt);
+
+ private:
+  std::map<std::string, std::string> read_named(const std::string& resume_name);
+  const std::vector<std::string>& names_beside(const std::string& resume_name);
+  std::vector<std::string> list(const std::string& folder) const;
+
+  std::filesystem::path root_;
+  /// By folder.
+  std::map<std::string, std::vector<std::string>> names_;
+};
 
 }  // namespace tavro

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -101,7 +102,8 @@ int strike_each_call(Fault fault, int error, const std::function<void()>& prepar
   for (int nth = 1; nth <= most_rounds; ++nth) {
     prepare();
     Stop stop{.nth = nth, .call = {}, .code = {}};
-    {
+    const pid_t child = fault == Fault::kill ? fork() : 0;
+    if (child == 0) {
       const FailNthCall striking(nth, error, fault);
       try {
         work();
@@ -111,6 +113,11 @@ int strike_each_call(Fault fault, int error, const std::function<void()>& prepar
         stop.code = failure.what();
       }
       stop.call = striking.struck_call();
+      if (fault == Fault::kill) _exit(stop.code.empty() ? 0 : 1);
+    } else {
+      int status = 0;
+      waitpid(child, &status, 0);
+      (WIFSIGNALED(status) ? stop.call : stop.code) = status == 0 ? "" : "in a child";
     }
     SCOPED_TRACE("call " + std::to_string(nth) + " " + stop.call + ": " + stop.code);
     check(stop);

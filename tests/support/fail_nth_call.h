@@ -56,7 +56,7 @@ struct Stop {
 
 /// Runs `prepare`, then `work` with call 1 struck, then `check`; the same for call 2, 3, ... until
 /// a round ends with nothing struck, which must succeed. Answers the number of rounds struck, so
-/// that a test can demand that there were some.
+/// that a test can demand that there were some. For `Fault::kill` each `work` is a child process.
 int strike_each_call(Fault fault, int error, const std::function<void()>& prepare,
                      const std::function<void()>& work,
                      const std::function<void(const Stop&)>& check);

@@ -5,9 +5,11 @@
 #include <string>
 
 #include "domain/input.h"
+#include "platform/allocated_file.h"
 #include "support/failure.h"
 #include "support/signed_repository.h"
 #include "support/temp_folder.h"
+#include "transport/download_response.h"
 #include "tuf/tuf.h"
 
 namespace tavro {
@@ -42,6 +44,58 @@ struct TrustedClient {
       files[entry.path().filename()] = read_file(entry.path(), 1048576);
     files.erase(".lock");
     return files;
+  }
+};
+
+/// A server of targets that answers as it is told to.
+struct TargetServer : Transport {
+  std::string content;
+  /// The answer to a range; "whole" ignores it.
+  std::string range = "right";
+  std::size_t sends = -1;  ///< bytes of the body before it ends
+  std::function<void(std::size_t sent)> meanwhile = [](std::size_t) {};
+  std::vector<unsigned long long> offsets;  ///< one a request
+  std::string asked;
+
+  TransportResponse get(std::string_view, unsigned long long) override { return {404, ""}; }
+  bool supports_resumption() const override { return true; }
+  void download(std::string_view, const std::filesystem::path& to, unsigned long long size,
+                const Progress&) override {
+    AllocatedFile file(to, size, {});
+    file.write(content);
+    meanwhile(content.size());
+    file.finish(false);
+  }
+  void download_into(std::string_view path, AllocatedFile& file, unsigned long long offset,
+                     const Progress& progress,
+                     const std::function<void(std::string_view)>& on_bytes,
+                     const std::function<void()>& on_restart) override {
+    asked = path;
+    offsets.push_back(offset);
+    const auto size = file.reservation().size;
+    DownloadResponseHeaders headers(size, offset, true);
+    const std::string full = std::to_string(offset) + '-' + std::to_string(size - 1) + '/';
+    const bool partial = offset != 0 && range != "whole";
+    headers.line(range == "416" ? "HTTP/1.1 416\n" : partial ? "HTTP/1.1 206\n" : "HTTP/1.1 200\n");
+    if (partial)
+      headers.line("content-range: bytes " +
+                   (range == "right" ? full + std::to_string(size) : range) + '\n');
+    headers.line("\n");
+    if (!partial && offset != 0) {
+      file.restart();
+      on_restart();
+    }
+    const std::size_t end = std::min(content.size(), sends);
+    for (std::size_t at = headers.start(); at < end; at += kStreamBlock) {
+      const std::string_view block(content.data() + at, std::min(kStreamBlock, end - at));
+      headers.body(block.size());
+      file.write(block);
+      on_bytes(block);
+      require(!progress || progress(at, size), "cancelled", "");
+      meanwhile(at + block.size());
+    }
+    if (end < content.size()) fail("network", "cut");
+    headers.finish();
   }
 };
 
