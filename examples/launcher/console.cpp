@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "app/bootstrap_update.h"
 #include "app/cli_entry.h"
 #include "app/console_report.h"
 #include "app/launcher_runtime.h"
@@ -14,13 +15,14 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "platform/interrupt.h"
+#include "updates.h"
 
 namespace {
 
 using namespace tavro;
 
-/// What is running, what is tried next, and what did not start, in words.
-std::string status_sentence(const json& record) {
+/// What is running, what waits, what did not start and what to do about it, in words.
+std::string status_sentence(const json& record, const std::filesystem::path& root) {
   std::string text = "This is launcher " EXAMPLE_BUILD ".";
   const auto build = [](const json& reference) {
     return reference.at("build_id").get<std::string>();
@@ -30,7 +32,12 @@ std::string status_sentence(const json& record) {
   const auto& failed = record.at("failed_candidate");
   if (!failed.is_null())
     text += " Build " + build(failed.at("reference")) + " did not start (" +
-            failed.at("problem").get<std::string>() + "); an update can bring a newer one.";
+            failed.at("problem").get<std::string>() +
+            "); self update tries it again, or brings a newer one.";
+  if (bootstrap_update_pending(root))
+    text += " A new bootstrap is put into place at the next start.";
+  if (std::filesystem::exists(root / "launcher" / "cleanup.json"))
+    text += " A cleanup was cut off; run self cleanup before the next update.";
   return text;
 }
 
@@ -45,11 +52,27 @@ int answer(const CliEntry& line, const ConsoleInterrupt& interrupt) {
     std::cout << compact_line(control) << std::endl;
     return 0;
   }
-  require(line.args == std::vector<std::string>{"self", "status"}, "unsupported",
-          "This example has no games; it answers self status and self shortcut");
-  const auto record = LauncherStore::for_launch(line.data_dir)->status();
-  std::cout << (line.json ? compact_line(record) : status_sentence(record)) << std::endl;
-  return 0;
+  const auto tell = [&](const json& result, const std::string& sentence) {
+    std::cout << (line.json ? compact_line(result) : sentence) << std::endl;
+    return 0;
+  };
+  const auto is = [&](const char* verb) {
+    return line.args == std::vector<std::string>{"self", verb};
+  };
+  const auto stop = [&] { return interrupt.requested(); };
+  if (is("status")) {
+    const auto record = LauncherStore::for_launch(line.data_dir)->status();
+    return tell(record, status_sentence(record, line.data_dir));
+  }
+  if (is("update")) {
+    const auto result = example::update(line.data_dir, stop);
+    return tell(result, example::update_sentence(result));
+  }
+  if (is("cleanup")) {
+    const auto report = example::clean_up(line.data_dir, stop);
+    return tell(report, example::cleanup_sentence(report));
+  }
+  fail("unsupported", "This example has no games; it answers the self commands");
 }
 
 int run(int argc, char** argv, bool* json_wanted) {
@@ -60,7 +83,7 @@ int run(int argc, char** argv, bool* json_wanted) {
   auto words = line.args;
   if (line.json) words.emplace_back("--json");
   if (!line.help && !maintenance_arguments(words, line.data_dir).empty())
-    run_cli_maintenance(line.data_dir, words, EXAMPLE_BUILD, {});
+    run_cli_maintenance(std::filesystem::absolute(line.data_dir), words, EXAMPLE_BUILD, {});
   // Before anything else is done: from here on the running version is protected and proved.
   const auto runtime = LauncherRuntime::attach(EXAMPLE_BUILD, "cli", line.data_dir);
   // A bootstrap believes no console that cannot be asked to stop.

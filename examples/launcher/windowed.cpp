@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <iostream>
 #include <thread>
 
@@ -13,6 +14,7 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "updates.h"
 
 namespace {
 
@@ -39,10 +41,14 @@ int run(std::vector<std::string> arguments) {
   // Here a real launcher opens its window, and goes on once it is on the screen.
   report_launcher_health(runtime.get());
   confirm_launcher_start(root);
-  if (arguments == std::vector<std::string>{"--uninstall"}) return hand_over(root);
+  if (arguments == std::vector<std::string>{"--uninstall"})
+    return hand_over(std::filesystem::absolute(root));
   const auto game = cli_option(arguments, "--launch", "");
   std::cerr << "The window of launcher " EXAMPLE_BUILD " would be up now"
             << (game.empty() ? "." : ", and would start " + game + ".") << std::endl;
+  const bool asked = std::find(arguments.begin(), arguments.end(), "--check") != arguments.end();
+  const auto news = asked ? example::check_for_update(root) : std::string();
+  if (!news.empty()) std::cerr << news << std::endl;
   return 0;
 }
 
