@@ -51,6 +51,13 @@ std::vector<PublishCommand> check_commands();
 /// one of them is given.
 std::string root_expiry(const Arguments& arguments);
 
+/// The options of every command that publishes, and the command's own.
+std::vector<OptionRule> signing_options(std::vector<OptionRule> own);
+
+/// Publishes a release folder as "repository add" does with `--release`; reads `signing_options`.
+CommandResult publish_release(const Arguments& arguments, const CommandContext& context,
+                              const std::filesystem::path& folder);
+
 /// The largest threshold on a command line, and the furthest expiry.
 inline constexpr unsigned long long most_threshold = 1024;
 inline constexpr unsigned long long most_days = 36500;

@@ -72,6 +72,13 @@ CommandResult make_bootstrap(const Arguments& arguments, const CommandContext& c
   return make(request_of(arguments, ReleaseKind::bootstrap), "bootstrap", context);
 }
 
+/// Packs a release with `Make`, and publishes it at once.
+template <CommandResult (*Make)(const Arguments&, const CommandContext&)>
+CommandResult make_and_publish(const Arguments& arguments, const CommandContext& context) {
+  Make(arguments, context);
+  return publish_release(arguments, context, path_option(arguments, "--out"));
+}
+
 /// Options that only make sense together.
 void require_together(const Arguments& arguments, std::initializer_list<std::string_view> options) {
   for (const std::string_view one : options)
@@ -130,6 +137,15 @@ std::vector<OptionRule> packing_options(std::vector<OptionRule> own) {
   return own;
 }
 
+std::vector<OptionRule> launcher_options() {
+  return packing_options(
+      {{"--cli", "PATH", "The console entry point, below the folder", OptionUse::required},
+       {"--gui", "PATH", "The windowed entry point", OptionUse::required},
+       {"--helper", "ROLE=PATH",
+        "Every other executable; ROLE is crash-handler, maintenance or maintenance-gui",
+        OptionUse::repeated}});
+}
+
 }  // namespace
 
 std::vector<PublishCommand> release_commands() {
@@ -138,15 +154,12 @@ std::vector<PublishCommand> release_commands() {
        packing_options({{"--executable", "PATH", "The build's executable, below the folder",
                          OptionUse::required}}),
        make_archive},
-      {"launcher", "Pack a launcher release",
-       packing_options(
-           {{"--cli", "PATH", "The console entry point, below the folder", OptionUse::required},
-            {"--gui", "PATH", "The windowed entry point", OptionUse::required},
-            {"--helper", "ROLE=PATH",
-             "Every other executable; ROLE is crash-handler, maintenance or maintenance-gui",
-             OptionUse::repeated}}),
-       make_launcher},
+      {"launcher", "Pack a launcher release", launcher_options(), make_launcher},
       {"bootstrap", "Pack a bootstrap release", packing_options({}), make_bootstrap},
+      {"release launcher", "Pack a launcher release and publish it",
+       signing_options(launcher_options()), make_and_publish<make_launcher>},
+      {"release bootstrap", "Pack a bootstrap release and publish it",
+       signing_options(packing_options({})), make_and_publish<make_bootstrap>},
   };
 }
 

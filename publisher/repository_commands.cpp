@@ -86,7 +86,15 @@ struct ChosenTarget {
   std::string sha256;  ///< empty for any content
 };
 
-/// "PATH=FILE", or the two files of a release under their own target paths.
+/// The two files of a release, under their own target paths.
+void choose_release(std::vector<ChosenTarget>& chosen, const std::filesystem::path& folder) {
+  const Release release = read_client_release(folder);
+  chosen.push_back({path_utf8(release.manifest.filename()), release.manifest,
+                    digest(release.manifest_bytes, "sha256")});
+  chosen.push_back({release.archive_target, release.archive, release.archive_sha256});
+}
+
+/// "PATH=FILE", or releases.
 std::vector<ChosenTarget> chosen_targets(const Arguments& arguments) {
   std::vector<ChosenTarget> chosen;
   for (const std::string& text : arguments.values("--target")) {
@@ -95,12 +103,8 @@ std::vector<ChosenTarget> chosen_targets(const Arguments& arguments) {
             [&] { return "A target is given as PATH=FILE: " + text; });
     chosen.push_back({text.substr(0, equals), path_from_utf8(text.substr(equals + 1)), {}});
   }
-  for (const std::string& folder : arguments.values("--release")) {
-    const Release release = read_client_release(path_from_utf8(folder));
-    chosen.push_back({path_utf8(release.manifest.filename()), release.manifest,
-                      digest(release.manifest_bytes, "sha256")});
-    chosen.push_back({release.archive_target, release.archive, release.archive_sha256});
-  }
+  for (const std::string& folder : arguments.values("--release"))
+    choose_release(chosen, path_from_utf8(folder));
   require(!chosen.empty(), "usage", "Choose what to add with --target PATH=FILE or --release DIR");
   std::set<std::string> paths;
   for (const ChosenTarget& target : chosen)
@@ -109,8 +113,8 @@ std::vector<ChosenTarget> chosen_targets(const Arguments& arguments) {
   return chosen;
 }
 
-CommandResult add_targets(const Arguments& arguments, const CommandContext& context) {
-  const std::vector<ChosenTarget> chosen = chosen_targets(arguments);
+CommandResult publish_targets(const Arguments& arguments, const CommandContext& context,
+                              const std::vector<ChosenTarget>& chosen) {
   return published(arguments, [&](Repository& repository) {
     const Progress progress = context.phase("Copying…");
     for (const ChosenTarget& target : chosen) {
@@ -122,6 +126,10 @@ CommandResult add_targets(const Arguments& arguments, const CommandContext& cont
       });
     }
   });
+}
+
+CommandResult add_targets(const Arguments& arguments, const CommandContext& context) {
+  return publish_targets(arguments, context, chosen_targets(arguments));
 }
 
 CommandResult remove_targets(const Arguments& arguments, const CommandContext&) {
@@ -203,15 +211,6 @@ const OptionRule timestamp_days_rule{"--timestamp-days", "N",
                                      "Days until the timestamp expires; 7"};
 const OptionRule delegator_rule{"--role", "NAME", "The role that lists it; targets unless given"};
 
-std::vector<OptionRule> signing_options(std::vector<OptionRule> own) {
-  own.insert(own.begin(), repository_rule);
-  own.push_back(key_rule);
-  own.push_back({"--targets-days", "N", "Days until what targets roles sign now expires; 365"});
-  own.push_back({"--snapshot-days", "N", "The same for the snapshot; 30"});
-  own.push_back(timestamp_days_rule);
-  return own;
-}
-
 std::vector<OptionRule> rotation_options() {
   return signing_options(
       {{"--expires", "TIME", "When the root expires, in UTC: 2030-01-01T00:00:00Z"},
@@ -239,6 +238,22 @@ std::vector<OptionRule> delegation_options() {
 }
 
 }  // namespace
+
+std::vector<OptionRule> signing_options(std::vector<OptionRule> own) {
+  own.insert(own.begin(), repository_rule);
+  own.push_back(key_rule);
+  own.push_back({"--targets-days", "N", "Days until what targets roles sign now expires; 365"});
+  own.push_back({"--snapshot-days", "N", "The same for the snapshot; 30"});
+  own.push_back(timestamp_days_rule);
+  return own;
+}
+
+CommandResult publish_release(const Arguments& arguments, const CommandContext& context,
+                              const std::filesystem::path& folder) {
+  std::vector<ChosenTarget> chosen;
+  choose_release(chosen, folder);
+  return publish_targets(arguments, context, chosen);
+}
 
 std::vector<PublishCommand> repository_commands() {
   return {
