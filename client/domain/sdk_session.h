@@ -1,11 +1,16 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "domain/json.h"
 
 namespace tavro {
+
+/// A bound for the text of a record, in bytes: every record of known members alone fits, however
+/// its texts are escaped.
+inline constexpr std::size_t kMaxSdkRecordText = 524288;
 
 /// What the launcher knows of the session that it set up and of the process that it started.
 struct SessionBinding {
