@@ -15,6 +15,9 @@ constexpr std::size_t kMaxReleaseNotes = 16384;
 constexpr std::size_t kMaxPatches = 8;
 constexpr std::size_t kMaxDecoderName = 80;
 
+static_assert(chunked_archive_length(65536) == 65648 && chunked_archive_length(65537) == 65665);
+static_assert(chunked_archive_length(kMaxSnapshotBytes) == 4399120253024);
+
 using Keys = std::initializer_list<std::string_view>;
 
 std::string identifier(const json& value) {

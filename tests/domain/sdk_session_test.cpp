@@ -24,16 +24,14 @@ does not match|/pid "77"|/pid -1|/nonce 1
 session_replay|/sequence 4|/sequence 0|/sequence -6|/sequence "6"|/sequence 6.0
 missing or malformed|[]|/pid|/sequence|/state|/ready_seen|/breadcrumbs|/exit_code|/breadcrumbs/0 {}
 missing or malformed|/attachments/0 1|/attachments/0/kind 1|/native_capture_id 1
-session state|/ready_seen 1|/state "crashed"|/state 1
-too many breadcrumbs|/breadcrumbs {}|/breadcrumbs/64 {}
-breadcrumb exceeds|/breadcrumbs/0/category "<65>"|/breadcrumbs/0/message "<513>"
-breadcrumb exceeds|/breadcrumbs/0/category 1
-lacks readiness|/state "ready"
-too many attachments|/attachments null|/attachments/4 {}
-attachment is invalid|/attachments/0/more 1|/attachments/0/kind "crash"
+state|/ready_seen 1|/state "crashed"|/state 1
+evidence|/state "ready"
+breadcrumb|/breadcrumbs {}|/breadcrumbs/64 {}|/breadcrumbs/0/category 1
+breadcrumb|/breadcrumbs/0/category "<65>"|/breadcrumbs/0/message "<513>"
+attachment|/attachments null|/attachments/4 {}|/attachments/0/more 1|/attachments/0/kind "crash"
 unsafe_path|/attachments/1/path "../x"
-capture identity|/native_capture_id "0123456789ABCDEF0123456789abcdef"|/native_capture_id "0"
-problem exceeds its bound|/native_capture_problem 1|/native_capture_problem "<129>"
+capture|/native_capture_id "0123456789ABCDEF0123456789abcdef"|/native_capture_id "0"
+capture|/native_capture_problem 1|/native_capture_problem "<129>"
 exit status|/exit_code "0"|/exit_code null)",
       check);
   minimum = 0;
