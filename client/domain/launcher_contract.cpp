@@ -52,9 +52,8 @@ void read_gui_executable(LauncherManifest& manifest) {
 void read_helper(LauncherManifest& manifest, const json& entry) {
   constexpr std::array<std::string_view, 3> kRoles = {"crash-handler", "maintenance",
                                                       "maintenance-gui"};
-  require(entry.is_object() && entry.size() == 3 && entry.contains("path") &&
-              entry.contains("role") && entry.contains("lease_abi"),
-          "launcher_incompatible", "Native helper ownership fields are invalid");
+  require(has_exactly(entry, {"path", "role", "lease_abi"}), "launcher_incompatible",
+          "Native helper ownership fields are invalid");
   const auto path = entry.at("path").get<std::string>();
   const auto role = entry.at("role").get<std::string>();
   require(std::find(kRoles.begin(), kRoles.end(), role) != kRoles.end() &&
@@ -94,8 +93,8 @@ LauncherManifest read_launcher(const json& document) {
 }
 
 bool is_integer_member(const json& document, const char* key) {
-  const auto member = document.find(key);
-  return member != document.end() && member->is_number_integer();
+  const json* member = find_member(document, key);
+  return member != nullptr && member->is_number_integer();
 }
 
 }  // namespace
