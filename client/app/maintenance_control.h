@@ -39,7 +39,8 @@ std::unique_ptr<MaintenanceRuntime> prepare_gui_maintenance(const std::filesyste
 /// the removal waits for the bootstrap) and outside every store, `launcher_identity`, `cancelled`,
 /// `maintenance_failed`, and what the store, `prepare` and `replace_process` throw.
 ///
-/// A launcher asks it before it attaches, since that forgets that this is a candidate start.
+/// A launcher asks it before it attaches, since that forgets that this is a candidate start. `root`
+/// is absolute here and above: the helper starts in its own folder.
 [[noreturn]] void run_cli_maintenance(const std::filesystem::path& root,
                                       const std::vector<std::string>& arguments,
                                       std::string_view build_id,

@@ -36,6 +36,7 @@ class MaintenanceHandoff {
   void join();
 
   // Each joins the work before it, so that a window calls it once the view shows that one's end.
+  // `root` is absolute.
 
   /// Starts the windowed uninstall helper of the running build, which has 5 seconds to show itself;
   /// the view is "ready" then, and the caller's part is to end. Fails as `prepare_gui_maintenance`

@@ -21,9 +21,9 @@ struct SetupCommand;
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program,
                       std::string_view seal, const std::function<bool()>& cancelled);
 
-/// What a front end does before it runs a command: finds the package beside it, takes the brand into
-/// every sentence of this process, and sends a new install to the brand's folder unless the user
-/// chose one. Throws what `package_brand` throws, and `user_path`.
+/// What a front end does before it runs a command: finds the package beside it, takes the brand
+/// into every sentence of this process, and sends a new install to the brand's folder unless the
+/// user chose one. Throws what `package_brand` throws, and `user_path`.
 void select_brand_and_folder(SetupCommand& command, std::string_view seal);
 
 /// The console's view of a run: one line on standard error for each new phase, none with `as_json`.

@@ -1,8 +1,6 @@
 // The helper that removes a client while none of its other programs runs. The bootstrap becomes it,
 // or starts it, as `uninstall --data-dir DIR [--remove-data] [--json]`.
 
-#include <iostream>
-
 #include "app/console_report.h"
 #include "app/maintenance_runtime.h"
 #include "app/setup_command.h"

@@ -45,7 +45,8 @@ std::string sample_icon();
 
 /// A real sealed package on disk, put together by the publisher's own code. The bootstrap is
 /// "bin/tavro-bootstrap"; the launcher has "bin/launcher", "bin/launcher-gui" and the maintenance
-/// helpers "bin/launcher-maintenance" and "bin/launcher-maintenance-gui"; bulk files lie in "share/part-N".
+/// helpers "bin/launcher-maintenance" and "bin/launcher-maintenance-gui"; bulk files lie in
+/// "share/part-N".
 class SealedPackage {
  public:
   /// Builds below `where`, an existing folder (for instance a TempFolder's path): the package in
