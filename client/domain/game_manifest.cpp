@@ -36,8 +36,9 @@ void read_presentation(GameManifest& manifest) {
   const json* presentation = find_member(manifest.document, "presentation");
   require(presentation == nullptr || presentation->is_object(), "invalid_presentation",
           "Game presentation must be an object");
+  const json none;
   manifest.presentation = GamePresentation::parse(manifest.display_name,
-                                                  presentation == nullptr ? json() : *presentation);
+                                                  presentation == nullptr ? none : *presentation);
 }
 
 void read_release_notes(GameManifest& manifest) {

@@ -76,10 +76,10 @@ void check_record(const json& record, const SessionBinding& binding, unsigned lo
   require(is_bound(record, binding), "invalid_session",
           "Readiness record does not match the expected game/process/session");
   require_current(record.at("sequence"), minimum);
-  const json& state = record.at("state");
   const json& ready_seen = record.at("ready_seen");
-  require(ready_seen.is_boolean() && is_one_of(state, kStates), "invalid_session",
+  require(ready_seen.is_boolean() && is_one_of(record.at("state"), kStates), "invalid_session",
           "Unknown SDK session state");
+  const json& state = record.at("state");
   check_breadcrumbs(record.at("breadcrumbs"));
   require(state != "ready" || ready_seen == true, "invalid_session",
           "Ready state lacks readiness evidence");
