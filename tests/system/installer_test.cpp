@@ -160,13 +160,17 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Programs, NeverRunFromAnUnfinishedFolder) {
   TempFolder folder;
   put(folder.path() / ".tavro-native-bundle-incomplete.json", "");
-  for (const std::string name : {"tavro-install", "tavro-bootstrap", "example-launcher",
-                                 "example-launcher-gui", "example-launcher-maintenance"}) {
+  const std::string data = folder.path();
+  const std::vector<std::pair<std::string, std::vector<std::string>>> programs = {
+      {"tavro-install", {"status"}},
+      {"tavro-bootstrap", {"self", "status"}},
+      {"example-launcher", {"--data-dir", data, "self", "status"}},
+      {"example-launcher-gui", {"--data-dir", data}},
+      {"example-launcher-maintenance", {"uninstall", "--data-dir", data}}};
+  for (const auto& [name, words] : programs) {
     const fs::path image = folder.path() / "bin" / name;
     fs::create_directories(image.parent_path());
     fs::copy_file(program(name), image);
-    auto words = std::vector<std::string>{"status"};
-    if (name.starts_with("example")) words = {"--data-dir", folder.path(), "self", "status"};
     const Ending refused = Started(folder.path(), image, words, {}).wait();
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(text_of(refused), "This image belongs to an unfinished package; it cannot start\n");
