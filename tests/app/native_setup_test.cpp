@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <random>
@@ -17,16 +17,12 @@ namespace {
 
 using Kind = SetupCommandKind;
 
-/// A front end that is woken and looks.
 struct FrontEnd {
-  explicit FrontEnd(
-      Installation& at, const std::function<void()>& on_wakeup = [] {})
+  explicit FrontEnd(Installation& at, std::function<void()> on_wakeup = nullptr)
       : installation(at), setup(at.package.seal) {
-    setup.set_wakeup([this, on_wakeup] {
-      on_wakeup();
-      const std::lock_guard lock(mutex);
-      ++woken_times;
-      woken.notify_all();
+    setup.set_wakeup([this, act = std::move(on_wakeup)] {
+      if (act) act();
+      ++woken, woken.notify_all();
     });
   }
   void start(Kind kind) {
@@ -38,16 +34,13 @@ struct FrontEnd {
   }
   /// The view once enough wakeups have come, or the run is over.
   NativeSetup::View end(int wakeups = INT_MAX) {
-    std::unique_lock lock(mutex);
-    woken.wait(lock, [&] { return woken_times >= wakeups || !setup.view().running; });
+    for (int seen = woken; seen < wakeups && setup.view().running; seen = woken) woken.wait(seen);
     return setup.view();
   }
   NativeSetup::View run(Kind kind) { return start(kind), end(); }
 
   Installation& installation;
-  std::mutex mutex;
-  std::condition_variable woken;
-  int woken_times = 0;
+  std::atomic<int> woken{0};
   NativeSetup setup;  // last, since it wakes until its end
 };
 
