@@ -132,6 +132,20 @@ def measured(*arguments, program="tavro-measure"):
                                      capture_output=True).stdout)
 
 
+def measure_games(rounds):
+    """A release's chunks, and its manifest of 100000 files beside the snapshot in that alone."""
+    files = [dict(path=f"data/{n // 100}/{n}.bin", length=n, mode=493, sha256="a" * 64)
+             for n in range(100_000)]
+    game = dict(schema_version=1, minimum_launcher=1, game_id="bench", display_name="Bench",
+                build_id="1", platform="linux-x86_64", executable=files[0]["path"], files=files,
+                expanded_length=sum(file["length"] for file in files),
+                archive=dict(format="tar.zst-v1", target="a", length=1, sha256="a" * 64))
+    manifest = os.path.join(WORK, "game.json")
+    with open(manifest, "w") as out:
+        json.dump(game, out)
+    return measured(str(rounds), manifest, program="tavro-measure-games")
+
+
 class Served:
     """A repository with one target of that many bytes, behind a real web server."""
 
@@ -248,6 +262,7 @@ def install_rows(results, rounds):
     results.update(install=measure_install(large, rounds),
                    small_install=measure_install(small, 1),
                    verification=measure_verification(large, rounds),
+                   games=measure_games(rounds),
                    document=measured("atomic-document", os.path.join(WORK, "documents"), "200"),
                    status=measured("commands", "200", large("install"), "status", "--data-dir",
                                    large("data-1"), "--", "/bin/true"),
@@ -258,6 +273,10 @@ def install_rows(results, rounds):
             ("verification of the tree: wall time", results["verification"]["wall"]["ratio"], 0.5),
             ("atomic document against bare calls", results["document"]["ratio"], 1.15),
             ("status against an empty program", results["status"]["ratio"], 3.0),
+            ("encrypted chunks against the loop of openssl speed",
+             results["games"]["decryption"]["ratio"], 1 / 0.9),
+            ("game manifest of 100000 files against its snapshot",
+             results["games"]["manifest"]["ratio"], 1.3),
             ("peak memory of install, 200 MB (MiB)", results["install"]["peak_kib"] / 1024, 40),
             ("the same for 20 MB (MiB)", results["small_install"]["peak_kib"] / 1024, 40)]
     per_file = [row["ms"] / row["files"] for row in results["manifests"]]
