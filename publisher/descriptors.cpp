@@ -61,7 +61,10 @@ json launcher_document(json snapshot, const LauncherContract& contract) {
 }
 
 json bootstrap_document(json snapshot) {
-  snapshot.update({{"kind", "tavro-bootstrap-release"}, {"bootstrap_abi", 1}});
+  snapshot.update({{"kind", "tavro-bootstrap-release"},
+                   {"bootstrap_abi", 1},
+                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                   {"runtime_lease_abi", 1}});
   const json& platform = snapshot.at("platform");
   if (platform == "windows-x86_64" && holds_file(snapshot, kBootstrapWindowsGui))
     snapshot["gui_executable"] = kBootstrapWindowsGui;

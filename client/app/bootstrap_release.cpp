@@ -44,9 +44,10 @@ SnapshotManifest parse_bootstrap_update(std::string_view text) {
   return read_fields("invalid_manifest", "Bootstrap update manifest is malformed", [&] {
     auto manifest = SnapshotManifest::parse(parse_json(text, bootstrap_descriptor_bytes));
     validate_bootstrap_update(manifest);
-    for (const auto& [path, file] : manifest.files)
-      require(std::filesystem::path(path).extension() != replaced_extension, "invalid_manifest",
-              [&] { return "Bootstrap update holds a name of replaced files: " + path; });
+    for (const auto& file : manifest.files)
+      require(std::filesystem::path(file.first).extension() != replaced_extension,
+              "invalid_manifest",
+              [&] { return "Bootstrap update holds a name of replaced files: " + file.first; });
     return manifest;
   });
 }

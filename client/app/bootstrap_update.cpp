@@ -1,13 +1,23 @@
 #include "app/bootstrap_update.h"
 
+#include <chrono>
+#include <cstdlib>
+#include <exception>
+
+#include "app/bootstrap_apply.h"
+#include "app/bootstrap_paths.h"
 #include "app/data_folder.h"
 #include "domain/error.h"
+#include "domain/input.h"
 #include "platform/native_platform.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::size_t environment_bytes = 8192;
+constexpr std::chrono::seconds check_limit{10};
 
 /// The application in which a launch document's helper lies; empty for every other image.
 fs::path shortcut_application(const fs::path& image) {
@@ -43,10 +53,19 @@ std::unique_ptr<NativeFileLock> bootstrap_lifetime(const fs::path& image) {
                                           NativeLockSharing::none, LockMode::shared);
 }
 
-bool bootstrap_update_pending(const fs::path& root) {
-  return stands(root / "native" / "bootstrap-update.json");
-}
+bool bootstrap_update_pending(const fs::path& root) { return stands(BootstrapPaths(root).pending); }
 
-void apply_pending_bootstrap_update(const fs::path&) {}
+void apply_pending_bootstrap_update(const fs::path& image) {
+  try {
+    const auto check = process_environment(bootstrap_start_check_environment, environment_bytes);
+    if (!check.empty()) std::exit(0);
+    const auto root = installed_data_root(image);
+    if (!root || stands(DataPaths(*root).incomplete_marker)) return;
+    apply_staged_bootstrap(BootstrapPaths(*root), image, check_limit);
+  } catch (const std::exception&) {
+    // A failing update stops no start. What it left is for the next one.
+    return;
+  }
+}
 
 }  // namespace tavro

@@ -21,9 +21,16 @@ std::unique_ptr<NativeFileLock> bootstrap_lifetime(const std::filesystem::path& 
 /// Whether a staged bootstrap update waits for the next start.
 bool bootstrap_update_pending(const std::filesystem::path& root);
 
-/// Puts a waiting update of the bootstrap into place. The first call of a bootstrap, before it
+/// Puts a waiting update of the bootstrap into place, tests the new image once, for at most 10
+/// seconds, and commits the update or puts everything back; see `apply_staged_bootstrap`. This
+/// process goes on as the image that it was started from. The first call of a bootstrap, before it
 /// holds its lifetime lock, which this needs for itself. Never throws a `std::exception`: a failing
-/// update stops no start. A waiting update is left alone for now; nothing stages one yet.
+/// update stops no start. In the test start of a new image the process ends here, with 0.
+///
+/// Whatever cuts this off, a bootstrap stands at the image's path, and its next start goes on. A
+/// tree that holds files of both releases is completed and tested; when the test fails, or a staged
+/// file is not what it was, all of it goes back, also what an earlier run has moved (the rules
+/// stand at `BootstrapMoves`), and only then the update is given up.
 void apply_pending_bootstrap_update(const std::filesystem::path& image);
 
 }  // namespace tavro

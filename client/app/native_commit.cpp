@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "app/bootstrap_paths.h"
 #include "app/brand.h"
 #include "app/installation_record.h"
 #include "domain/input.h"
@@ -45,20 +46,19 @@ void swap_part(const Part& part) {
 }
 
 /// What the replaced bootstrap had staged for itself must not be applied to the new one.
-void discard_bootstrap_update(const fs::path& native) {
-  for (const auto* folder : {"bootstrap-update", "bootstrap-update.partial", "bootstrap-downloads"})
-    remove_path_quietly(native / folder);
+void discard_bootstrap_update(const BootstrapPaths& update) {
+  for (const auto& folder : {update.update, update.partial, update.downloads})
+    remove_path_quietly(folder);
   std::error_code ignored;
-  for (const auto* file :
-       {"bootstrap-update.json", "bootstrap-update.rejected", "bootstrap-old-files"})
-    fs::remove(native / file, ignored);
+  for (const auto& file : {update.pending, update.rejected, update.old_files})
+    fs::remove(file, ignored);
 }
 
 void commit_bootstrap(const DataPaths& paths, const NativePackage& package) {
   swap_part({paths.bootstrap, paths.staging / "bootstrap", paths.staging / "old-bootstrap"});
   // Before the manifest: once that proves the new tree, a run that finishes a cut-off commit keeps
   // the bootstrap, and would keep the old one's update with it.
-  discard_bootstrap_update(paths.native);
+  discard_bootstrap_update(BootstrapPaths(paths.root));
   atomic_write(paths.bootstrap_manifest, package.bootstrap_descriptor);
 }
 

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "app/bootstrap_paths.h"
 #include "app/install_plan.h"
 #include "app/launcher_store.h"
 #include "app/native_commit.h"
@@ -37,7 +38,7 @@ void require_apart(const fs::path& root, const fs::path& package) {
 void require_room(const DataPaths& paths, const NativePackage& package) {
   const fs::path version = fs::path("launcher-root/launcher/versions") / std::string(64, '0');
   require_path_room(paths.root, paths.staging / version, package.launcher.longest_native_path());
-  require_path_room(paths.root, paths.native / "bootstrap-update.partial",
+  require_path_room(paths.root, BootstrapPaths(paths.root).partial,
                     package.bootstrap.longest_native_path());
 }
 
