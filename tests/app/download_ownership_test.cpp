@@ -132,6 +132,8 @@ TEST_F(Ownership, RefusesWhatItCannotExplain) {
   const auto say = [&](const char* state, const std::string& id) {
     run->observer(packed, reference)(state, receipt["authorization"], partial_name(packed, id));
   };
+  const auto phase = [&] { return json::parse(read_file(held, 16384))["phase"]; };
+  const auto keep = [](bool kept) { require(kept, "a receipt", "is gone"); };
   const auto retire = [&](const fs::path& path, const std::string& bytes) {
     fetch(*run, packed);
     put_file(manifest, content[target]);
@@ -153,9 +155,10 @@ TEST_F(Ownership, RefusesWhatItCannotExplain) {
       {"ownership changed before verification", [&] { say("prepared", nonce); }},
       {"unchanged prepared receipt", [&] { fs::remove(record), say("resumed", nonce); }},
       {"already belongs", [&] { run.emplace(root), say("prepared", nonce); }},
-      {"", [&] { add("download-intents", ".json" + torn, 30), say("prepared", random_id()); }},
       {"launcher_storage_full",
        [&] { add("download-intents", ".json" + torn, 31), say("prepared", random_id()); }},
+      {"", [&] { run.emplace(root), say("complete", random_id()), keep(phase() == "prepared"); }},
+      {"", [&] { retire(held.string() + torn, ""), keep(fs::exists(held)); }},
       {"matching native manifest", [&] { retire(manifest, content[target] + ' '); }},
       {"reappeared", [&] { retire(partial, ""); }},
       {"hash_mismatch", [&] { retire(downloads / packed, std::string(100000, 'b')); }},
