@@ -74,14 +74,9 @@ std::size_t count_entries(const fs::path& folder, std::size_t most, bool without
   return count;
 }
 
-/// As signed, in lower case; empty when only the longer digest is signed.
+/// As signed; empty when only the longer digest is signed.
 std::string signed_sha256(const json& description) {
-  const json& hashes = description.at("hashes");
-  if (!hashes.contains("sha256")) return {};
-  std::string text = hashes.at("sha256").get<std::string>();
-  for (char& character : text)
-    if (character >= 'A' && character <= 'F') character = static_cast<char>(character - 'A' + 'a');
-  return text;
+  return description.at("hashes").value("sha256", std::string());
 }
 
 json skipped(std::string_view reason) { return {{"staged", false}, {"skipped", reason}}; }
@@ -163,7 +158,8 @@ class Staging {
     if (*published == active.at("manifest_sha256")) return already_current(active.at("build_id"));
     if (!record_.at("candidate").is_null()) return skipped("candidate_pending");
     const json& failed = record_.at("failed_candidate");
-    if (!failed.is_null() && *published == failed.at("reference").at("manifest_sha256"))
+    const json release = failed.is_null() ? failed : failed.at("reference");
+    if (!release.is_null() && *published == release.at("manifest_sha256"))
       return skipped("failed_before");
     return nullptr;
   }
