@@ -14,8 +14,8 @@ enum class CleanupMode { plan, perform };
 
 /// Something that a cleanup takes away.
 struct CleanupItem {
-  /// "version", "descriptor", "staging", "download", "download_record", "startup_record" or
-  /// "unfinished_write".
+  /// "version", "descriptor", "staging", "download", "download_record", "download_folder",
+  /// "startup_record" or "unfinished_write".
   std::string kind;
   std::filesystem::path path;
   /// What its files hold.
@@ -41,7 +41,8 @@ struct CleanupReport {
 /// Takes from the launcher store of a data folder what its updates left behind: versions that
 /// neither run nor are selected, descriptors of none, unfinished stagings, downloads that are
 /// unfinished or already unpacked, and the records of past starts. What is active, the rollback,
-/// the candidate and an open attempt are never touched.
+/// the candidate and an open attempt are never touched, nor, when neither the active version nor
+/// the rollback can start, what a bootstrap falls back to.
 ///
 /// Only what the store can explain goes: by a record that names it, a proved descriptor, or a
 /// random temporary name of its own. All else stays, and the report says why. "cleanup.json" stands
@@ -49,9 +50,10 @@ struct CleanupReport {
 /// after a crash, a failure or `cancelled` (asked between two items; may be empty) the next call
 /// goes on. A plan changes nothing, and tells what a call right after it would do.
 ///
-/// Throws `busy` while another process changes the store, `cancelled`, `unsupported_schema` for a
-/// cleanup that another version began, `file_remove`, `file_sync`, and as the constructor of
-/// `LauncherStore`.
+/// Throws `busy` while another process changes the store, `unsupported_schema` for a cleanup that
+/// another version began, and as the constructor of `LauncherStore` and its `fallback_active`, all
+/// before anything is changed; then `cancelled`, `file_remove`, `file_sync`, `file_write`,
+/// `insufficient_space`, and `std::filesystem::filesystem_error`.
 CleanupReport clean_launcher_store(const std::filesystem::path& root, CleanupMode mode,
                                    const std::function<bool()>& cancelled = {});
 

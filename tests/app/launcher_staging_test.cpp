@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "app/launcher_cleanup.h"
+#include "app/launcher_record.h"
 #include "app/launcher_store.h"
 #include "domain/crypto.h"
 #include "platform/native_platform.h"
@@ -159,10 +160,13 @@ TEST_F(LauncherStaging, RefusesWhatTheStoreCannotTake) {
   EXPECT_EQ(code_of([&] { stage(); }), "launcher_storage_full");
   for (int version = 0; version < 8; ++version)
     fs::remove(child("versions") / std::to_string(version));
-  put_file(child("download-intents/abc"), "");
-  EXPECT_EQ(code_of([&] { stage(); }), "launcher_download_uncertain");
-  EXPECT_EQ(clean().at("kept").size(), 1u);
-  fs::remove(child("download-intents/abc"));
+  for (const auto& [file, code] : {std::pair(std::string("abc"), "launcher_download_uncertain"),
+                                   std::pair(std::string(32, 'a') + ".json", "duplicate_key")}) {
+    put_file(child("download-intents/" + file), R"({"a":1,"a":1})");
+    EXPECT_EQ(code_of([&] { stage(); }), code);
+    EXPECT_EQ(clean().at("kept").size(), 1u);
+    fs::remove(child("download-intents/" + file));
+  }
   // Another archive than the descriptor names.
   add("launcher-2.tar.zst", "x");
   const std::string name = launcher_manifest_target(native_platform());
@@ -229,6 +233,52 @@ TEST_F(LauncherStaging, CleansOnlyWhatItCanExplain) {
                   fault, EIO, [&] { copy_tree(before, root); }, [&] { clean(); }, check),
               8);
   EXPECT_EQ(read_file(child("downloads/mine.txt"), 10), "mine");
+}
+
+TEST_F(LauncherStaging, EndsACleanupWhateverItMeets) {
+  std::vector<std::string> names;
+  for (const char* build : {"1.0.0", "2.0.0", "3.0.0"}) {
+    names.push_back(publish(build).at("manifest_sha256"));
+    stage();
+    activate();
+  }
+  select("rollback", nullptr);
+  const fs::path away = trusted.folder.path() / "away";
+  const std::string nonce(32, 'a'), unknown(64, 'b'), cached = "downloads/launcher.tar.zst";
+  fs::rename(child("versions/" + names[0]), away);
+  fs::remove_all(child("versions/" + names[1]));
+  fs::remove(child(cached));
+  for (const auto& link : {"versions/" + names[0], "manifests/" + unknown + ".json",
+                           "staging/" + nonce, std::string(cached)})
+    fs::create_symlink(away, child(link));
+  put_file(child("intents/" + nonce + ".json"),
+           staging_intent(nonce, store().load().at("active")).dump());
+  for (const auto& file : {"versions/" + names[1], "versions/" + unknown,
+                           "intents/." + nonce + ".tmp", "leases/attempts/" + nonce + ".lock"})
+    put_file(child(file), "mine");
+  EXPECT_GE(clean().at("kept").size(), 9u);
+  EXPECT_FALSE(fs::exists(child("cleanup.json")));
+  EXPECT_EQ(entries("versions"), 4u);
+  EXPECT_EQ(entries("staging") + entries("leases/attempts"), 2u);
+  EXPECT_EQ(entries("intents"), 2u);
+  expect_whole(store().load().at("active"));
+}
+
+TEST_F(LauncherStaging, PlansWhatACleanupDoes) {
+  publish("1.0.0");
+  stage();
+  select("candidate", nullptr);
+  publish("2.0.0");
+  shelf.sends = 100;
+  EXPECT_EQ(code_of([&] { stage(); }), "network");
+  for (int folder = 0; folder < 48; ++folder)
+    fs::create_directory(child("downloads") / std::to_string(folder));
+  EXPECT_EQ(code_of([&] { stage(); }), "launcher_storage_full");
+  const auto plan = clean_launcher_store(root, CleanupMode::plan).to_json();
+  EXPECT_EQ(clean(), plan);
+  expect_no_leftovers();
+  // With nothing selected, it is what a bootstrap starts.
+  EXPECT_EQ(store().fallback_active().at("build_id"), "1.0.0");
 }
 
 }  // namespace
