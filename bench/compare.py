@@ -60,15 +60,15 @@ def publish(*arguments):
     subprocess.run([f"{BIN}/tavro-publish", *arguments], check=True, stdout=subprocess.DEVNULL)
 
 
-def make_package(name, files, size):
+def make_package(name, files, size, program="example-launcher"):
     """A sealed package with a small bootstrap and a launcher of that many files; an installer for
     it; and the launcher's tree for the standard tools."""
     at = lambda part: os.path.join(WORK, name, part)
     for part in ("bootstrap/bin", "launcher/bin"):
         os.makedirs(at(part))
     shutil.copy(f"{BIN}/tavro-bootstrap", at("bootstrap/bin/tavro-bootstrap"))
-    for program in ("run", "run-gui", "help"):
-        shutil.copy(f"{BIN}/example-launcher", at(f"launcher/bin/{program}"))
+    for entry in ("run", "run-gui", "help"):
+        shutil.copy(f"{BIN}/{program}", at(f"launcher/bin/{entry}"))
     make_tree(at("launcher"), files, size)
     roles = ("root", "targets", "snapshot", "timestamp")
     for role in roles:
@@ -144,6 +144,44 @@ def measure_games(rounds):
     with open(manifest, "w") as out:
         json.dump(game, out)
     return measured(str(rounds), manifest, program="tavro-measure-games")
+
+
+def change_record(data, change):
+    path = os.path.join(data, "launcher/installation.json")
+    with open(path) as stored:
+        record = json.load(stored)
+    change(record)
+    with open(path, "w") as out:
+        json.dump(record, out)
+    return record
+
+
+def measure_chain():
+    """A start by the bootstrap, to the launcher's first line, beside two programs of the same size
+    that only start each other."""
+    at = make_package("start", 20, 1000, program="tavro-bare-start")
+    data = at("data")
+    subprocess.run([at("install"), "--package", at("package"), "--data-dir", data], check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    # It cannot prove itself, so its proof is written down.
+    record = change_record(data, lambda r: r.update(active=r["candidate"], candidate=None))
+    launcher = os.path.join(data, "launcher/versions", record["active"]["manifest_sha256"])
+    return measured("chain", "200", data + "/native/bootstrap/bin/tavro-bootstrap",
+                    f"{BIN}/tavro-bare-start", launcher + "/bin/run", program="tavro-measure-start")
+
+
+def measure_first_start(at, rounds):
+    """The supervised start of a version on disk beside one reading of its tree."""
+    data = at("data-1")
+    reference = change_record(data, lambda r: None)["candidate"]
+
+    def first_start(_):
+        change_record(data, lambda r: r.update(active=None, rollback=None, candidate=reference))
+        return timed([data + "/native/bootstrap/bin/tavro-bootstrap", "self", "status"])
+
+    return in_turn(rounds, first_start,
+                   lambda _: timed(shell('cd "$1"; sha256sum --quiet -c "$2"', at("launcher"),
+                                         at("sums"))))
 
 
 class Served:
@@ -263,6 +301,8 @@ def install_rows(results, rounds):
                    small_install=measure_install(small, 1),
                    verification=measure_verification(large, rounds),
                    games=measure_games(rounds),
+                   chain=measure_chain(), first_start=measure_first_start(large, rounds),
+                   child=measured("child", "500", "/usr/bin/true", program="tavro-measure-start"),
                    document=measured("atomic-document", os.path.join(WORK, "documents"), "200"),
                    status=measured("commands", "200", large("install"), "status", "--data-dir",
                                    large("data-1"), "--", "/bin/true"),
@@ -272,6 +312,10 @@ def install_rows(results, rounds):
             ("install 200 MB, 2000 files: wall time", results["install"]["wall"]["ratio"], 0.9),
             ("verification of the tree: wall time", results["verification"]["wall"]["ratio"], 0.5),
             ("atomic document against bare calls", results["document"]["ratio"], 1.15),
+            ("start by the bootstrap against two bare programs", results["chain"]["ratio"], 1.5),
+            ("first start of 200 MB against reading it once", results["first_start"]["wall"]["ratio"],
+             1.0),
+            ("start of a child against posix_spawn", results["child"]["ratio"], 2.0),
             ("status against an empty program", results["status"]["ratio"], 3.0),
             ("encrypted chunks against the loop of openssl speed",
              results["games"]["decryption"]["ratio"], 1 / 0.9),

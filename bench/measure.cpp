@@ -9,54 +9,24 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "domain/crypto.h"
-#include "domain/error.h"
 #include "domain/input.h"
 #include "domain/json.h"
 #include "domain/manifest.h"
 #include "domain/unique_fd.h"
+#include "in_turn.h"
 #include "platform/files.h"
 #include "platform/snapshot.h"
 
 namespace {
 
 using namespace tavro;
-
-double timed(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-      .count();
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-/// Runs both in turn; the first round only warms the machine.
-json in_turn(int rounds, const std::function<void()>& ours, const std::function<void()>& bare) {
-  std::vector<double> ours_ms, bare_ms, ratios;
-  for (int round = 0; round <= rounds; ++round) {
-    const double mine = timed(ours);
-    const double theirs = timed(bare);
-    if (round == 0) continue;
-    ours_ms.push_back(mine);
-    bare_ms.push_back(theirs);
-    ratios.push_back(mine / theirs);
-  }
-  return {{"ours_ms", median(ours_ms)}, {"bare_ms", median(bare_ms)}, {"ratio", median(ratios)}};
-}
-
-void must(bool condition, const char* what) { require(condition, "measure", what); }
 
 /// What a careful program writes by hand for a document that a crash must not tear.
 void bare_document(const std::string& folder, const std::string& name, const std::string& bytes) {
@@ -76,8 +46,8 @@ json atomic_document(const std::string& folder, int rounds) {
   must(mkdir(folder.c_str(), 0700) == 0, "new folder");
   const std::string bytes(700, 'x');
   return in_turn(
-      rounds, [&] { atomic_write(folder + "/ours.json", bytes); },
-      [&] { bare_document(folder, "bare.json", bytes); });
+      rounds, [&] { return timed([&] { atomic_write(folder + "/ours.json", bytes); }); },
+      [&] { return timed([&] { bare_document(folder, "bare.json", bytes); }); });
 }
 
 void run(const std::vector<std::string>& command) {
@@ -155,7 +125,7 @@ json manifest(std::size_t files) {
 json commands(int rounds, const std::vector<std::string>& ours,
               const std::vector<std::string>& bare) {
   return in_turn(
-      rounds, [&] { run(ours); }, [&] { run(bare); });
+      rounds, [&] { return timed([&] { run(ours); }); }, [&] { return timed([&] { run(bare); }); });
 }
 
 void verify(const std::string& manifest_file, const std::string& tree) {
