@@ -29,15 +29,23 @@ TEST(InstallShortcuts, ComeWithAnInstallComeBackWithARepairAndGoWithIt) {
   EXPECT_EQ(NativeInstaller::create_shortcut(at.paths.root, "fox", {}, {}), game);
   const fs::path own = at.folder.path() / "Own.desktop";
   NativeInstaller::create_shortcut(at.paths.root, "", own, "My own");
-  EXPECT_THAT(at.status().shortcuts, ElementsAre(launcher, game, own));
+  const fs::path linked = at.folder.path() / "Linked.desktop";
+  NativeInstaller::create_shortcut(at.paths.root, "", linked, {});
+  EXPECT_THAT(at.status().shortcuts, ElementsAre(launcher, game, own, linked));
 
   fs::remove(launcher);
   put_file(game, "the user's");
+  EXPECT_EQ(code_of([&] { NativeInstaller::create_shortcut(at.paths.root, "fox", {}, {}); }),
+            "already_exists");
+  fs::remove(linked);
+  fs::create_symlink(own, linked);
   EXPECT_THAT(at.repair().shortcuts, ElementsAre(launcher));
   EXPECT_EQ(read_file(launcher, 65536), text);
+  fs::remove(launcher);
   const auto removed = at.uninstall();
-  EXPECT_THAT(removed.changed_shortcuts, ElementsAre(game));
+  EXPECT_THAT(removed.changed_shortcuts, ElementsAre(game, linked));
   EXPECT_FALSE(stands(launcher) || stands(own));
+  EXPECT_TRUE(fs::is_symlink(linked));
   EXPECT_EQ(read_file(game, 65536), "the user's");
   EXPECT_EQ(code_of([&] { NativeInstaller::create_shortcut(at.paths.root, "", {}, {}); }),
             "not_installed");

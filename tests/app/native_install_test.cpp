@@ -50,6 +50,11 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
     EXPECT_EQ(failure_of([&] { at.install(repair); }), failure);
     EXPECT_EQ(tree_content(at.folder.path()), before) << failure;
   }
+  fs::remove_all(paths.root);
+  fs::create_directories(paths.native);
+  fs::create_symlink("nowhere", paths.incomplete_marker);
+  EXPECT_TRUE(at.status().incomplete) << "a marker is one whatever it is";
+  EXPECT_EQ(failure_of([&] { at.install(); }), "unsafe_path: Refusing to replace a symbolic link");
   for (const auto& root : {at.package.folder, at.package.folder / "data", at.folder.path()}) {
     at.paths = DataPaths(root);
     EXPECT_EQ(failure_of([&] { at.install(); }),
@@ -74,29 +79,6 @@ TEST_F(Install, TakesAnEarlierFolderAndKeepsWhatIsNotItsOwn) {
     for (const auto* kept : {"userdata/game/save.bin", "settings.json", "notes.txt"})
       EXPECT_EQ(after.count(kept), before.count(kept)) << kept;
   }
-}
-
-TEST_F(Install, TakesAStoppedRunBack) {
-  NativeSetupCallbacks callbacks;
-  bool stopped = false;
-  callbacks.progress = [&](auto phase, auto...) { stopped = phase == "installing"; };
-  callbacks.cancelled = [&] { return stopped; };
-  const auto run = [&](bool repair) {
-    const NativeInstallRequest request{at.package.folder, paths.root, repair, true};
-    return code_of([&] { NativeInstaller::install(request, at.package.seal, callbacks); });
-  };
-  EXPECT_EQ(run(false), "cancelled");
-  EXPECT_FALSE(stands(paths.root));
-  at.add_player_data();
-  put_file(paths.root / "notes.txt", "mine");
-  const auto before = tree_content(paths.root);
-  EXPECT_EQ(run(false), "cancelled");
-  EXPECT_EQ(tree_content(paths.root), before);
-  at.install();
-  put_file(paths.bootstrap / "stray", "");
-  EXPECT_EQ(run(true), "cancelled");
-  EXPECT_EQ(at.status().last_operation->message, "Setup was cancelled");
-  EXPECT_FALSE(stands(paths.staging));
 }
 
 TEST_F(Install, RepairsOnlyWhatDoesNotProveIntact) {

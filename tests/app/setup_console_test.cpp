@@ -11,6 +11,7 @@
 #include "app/setup_command.h"
 #include "app/setup_dispatch.h"
 #include "domain/product_name.h"
+#include "support/answers.h"
 #include "support/temp_folder.h"
 
 namespace tavro {
@@ -51,28 +52,23 @@ Arguments words(const std::string& line) {
 }
 
 TEST_F(SetupConsole, RefusesALineOnStandardErrorAlone) {
-  const std::vector<std::pair<std::string, std::string>> rows = {
-      {"--help --what", "Unknown option: --what"},
-      {"repair --remove-data --help", "--remove-data only applies to uninstall"},
-      {"--json -x", "Unknown option: -x"},
-      {"-", "Unknown option: -"},
-      {"install nonsense", "Choose one command"},
-      {"status ''", "Choose one command"},
-      {"update", "Unknown command: update"},
-      {"''", "Unknown command: "},
-      {"shortcut", "Use shortcut create or shortcut remove"},
-      {"shortcut --json", "Use shortcut create or shortcut remove"},
-      {"status --data-dir", "Option --data-dir needs a value"},
-      {"--package ''", "Option --package needs a value"},
-      {"status --game x --remove-data --package x", "--package only applies to install and repair"},
-      {"shortcut remove --game x", "--game only applies to shortcut create"},
-      {"", "Choose the initial package with --package DIR"},
-  };
-  for (const auto& [line, message] : rows) {
+  const auto refuse = [](const std::string& message, const std::string& line) {
     const Outcome outcome = run(words(line));
     EXPECT_EQ(outcome.status, 2) << line;
     EXPECT_EQ(outcome.errors + outcome.output, message + "\n");
-  }
+  };
+  each_cell(
+      "Unknown option: --what|--help --what\nUnknown option: -|-\n"
+      "--remove-data only applies to uninstall|repair --remove-data --help\n"
+      "Choose one command|install nonsense|status ''\n"
+      "Unknown command: update|update\n"
+      "Use shortcut create or shortcut remove|shortcut|shortcut --json\n"
+      "Option --data-dir needs a value|status --data-dir\n"
+      "Option --package needs a value|--package ''\n"
+      "--package only applies to install and repair|status --game x --remove-data --package x\n"
+      "--game only applies to shortcut create|shortcut remove --game x\n"
+      "Choose the initial package with --package DIR|install",
+      refuse);
   EXPECT_EQ(run(words("shortcut create --game A_b")).status, 1);
 }
 
@@ -84,16 +80,9 @@ TEST(SetupCommandLine, TakesOptionsAnywhereAndTheLastOneWins) {
 }
 
 TEST_F(SetupConsole, TellsOnlyTheInstallerHowToInstall) {
-  EXPECT_EQ(run({"-h"}).output,
-            "Usage: tavro-install [COMMAND] [--data-dir DIR] [--json]\n\nCommands:\n"
-            "  install [--package DIR]   Install Tavro (the default command)\n"
-            "  repair [--package DIR]    Replace damaged Tavro files; keeps games, saves and "
-            "settings\n"
-            "  status                    Show what is installed\n"
-            "  uninstall [--remove-data] Remove Tavro and its games; saves and settings stay\n"
-            "                            unless --remove-data is given\n"
-            "  shortcut create [--game ID] | shortcut remove\n");
-  EXPECT_THAT(run({"--help"}, "tavro").output, testing::Not(testing::HasSubstr("--package")));
+  const auto says = testing::HasSubstr("install [--package DIR]");
+  EXPECT_THAT(run({"-h"}).output, says);
+  EXPECT_THAT(run({"--help"}, "tavro").output, testing::Not(says));
   EXPECT_EQ(run({}, "tavro").errors, "Use the Tavro installer to install or repair Tavro\n");
 }
 
@@ -115,15 +104,6 @@ TEST_F(SetupConsole, AnswersInTheFormThatWasAskedFor) {
   const Outcome replaced = run({"status", "--json", "--data-dir", folder.path() / "\xff"});
   EXPECT_EQ(replaced.status, 0);
   EXPECT_THAT(replaced.output, testing::HasSubstr("\xEF\xBF\xBD"));
-}
-
-TEST_F(SetupConsole, ShowsEachPhaseOnce) {
-  testing::internal::CaptureStderr();
-  const auto progress = console_callbacks(false, {}).progress;
-  for (const char* phase : {"verifying", "installing", "installing", "removing"})
-    progress(phase, 1, 2);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Verifying…\nInstalling…\nRemoving…\n");
-  EXPECT_FALSE(console_callbacks(true, {}).progress);
 }
 
 TEST_F(SetupConsole, FindsTheUserFolderInTheEnvironment) {
@@ -149,26 +129,20 @@ TEST_F(SetupConsole, LooksForAPackageOnlyInsideItsApplication) {
   EXPECT_EQ(adjacent_initial_package(program), contents / "Resources/initial-package");
 }
 
+// What the real installer says of these is told where it runs.
 TEST_F(SetupConsole, SumsUpInOneSentenceUnderABrand) {
   using Kind = SetupCommandKind;
-  const std::string intact = R"({"repaired":true,"replaced":[],"data_root":"/T",)";
-  const std::string status = R"({"incomplete":false,"installed":true,"data_root":"/T",)"
-                             R"("bootstrap_build":"b1",)";
-  const std::vector<std::tuple<Kind, std::string, std::string>> rows = {
+  const std::tuple<Kind, std::string, std::string> rows[] = {
       {Kind::install,
        R"({"repaired":false,"replaced":[],"data_root":"/T","shortcut_problem":"No disk"})",
        "Installed Fox in /T. The shortcut could not be created: No disk"},
-      {Kind::repair, intact + R"("shortcut_problem":null})",
-       "Repaired Fox in /T. Everything was already intact."},
-      {Kind::repair, intact + R"("replaced":["trust"],"shortcut_problem":null})",
-       "Repaired Fox in /T."},
       {Kind::status, R"({"incomplete":true,"installed":true,"data_root":"/T"})",
        "Fox setup did not finish in /T; run repair."},
-      {Kind::status, status + R"("launcher_build":"","bootstrap_update_pending":false})",
-       "Fox is installed in /T (bootstrap b1, launcher not started yet)."},
-      {Kind::status, status + R"("launcher_build":"l2","bootstrap_update_pending":true})",
-       "Fox is installed in /T (bootstrap b1, launcher l2). A Fox update is applied on the next "
-       "start."},
+      {Kind::status,
+       R"({"incomplete":false,"installed":true,"data_root":"/T","launcher_build":"",)"
+       R"("bootstrap_build":"b1","bootstrap_update_pending":true})",
+       "Fox is installed in /T (bootstrap b1, launcher not started yet). A Fox update is applied "
+       "on the next start."},
       {Kind::uninstall, R"({"data_root":"/T","kept":["a"],"changed_shortcuts":["b"]})",
        "Removed Fox from /T. Saves and settings were kept. Changed shortcuts were left in place."},
       {Kind::shortcut_remove, R"({"removed":["a","b"]})", "Removed 2 shortcut(s)."},

@@ -57,36 +57,10 @@ struct ShortcutLedger : testing::Test {
   const DesktopShortcut shortcut{root / "native/bootstrap/bin/tavro-bootstrap", root, "", "Tavro"};
 };
 
-TEST_F(ShortcutLedger, KnowsItsOwnShortcutsByTheirBytes) {
-  for (int number = 1; number <= 4; ++number) EXPECT_TRUE(create(entry(number)));
-  const auto recorded = tree_content(at);
-  EXPECT_FALSE(create(entry(1)));
-  EXPECT_EQ(tree_content(at), recorded);
-  put_file(entry(2), "the user's");
-  fs::remove(entry(3));
-  fs::remove(entry(4));
-  fs::create_symlink(entry(1), entry(4));
-  EXPECT_THAT(refusal(entry(2)), testing::StartsWith("already_exists: "));
-  EXPECT_EQ(owned_native_shortcuts(root).size(), 4U);
-
-  EXPECT_EQ(restore_owned_native_shortcuts(root, shortcut.executable), Paths{entry(3)});
-  EXPECT_EQ(read_file(entry(3), 65536), linux_desktop_entry(shortcut));
-  EXPECT_EQ(read_file(entry(2), 65536), "the user's");
-  fs::remove(entry(3));
-  const auto removal = remove_owned_native_shortcuts(root);
-  EXPECT_EQ(removal.removed, Paths{entry(1)});
-  EXPECT_EQ(removal.changed, (Paths{entry(2), entry(4)}));
-  EXPECT_TRUE(fs::exists(entry(2)) && fs::is_symlink(entry(4)));
-  EXPECT_TRUE(remove_owned_native_shortcuts(root).changed.empty());
-  remove_owned_native_shortcuts(at / "none");
-  EXPECT_FALSE(fs::exists(at / "none"));
-}
-
 TEST_F(ShortcutLedger, HoldsNoMoreThan128) {
   write(document(128).dump());
   EXPECT_EQ(refusal(at / "menu/new.desktop"), "size_limit: Too many recorded shortcuts");
   EXPECT_TRUE(create(entry(127)));
-  EXPECT_EQ(owned_native_shortcuts(root).at(127).name, "Tavro");
   write(document(129).dump());
   EXPECT_EQ(refusal(entry(0)), "shortcut_ledger: Unsupported shortcut list " + ledger.string());
 }

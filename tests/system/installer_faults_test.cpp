@@ -106,7 +106,7 @@ TEST_P(Strike, ByAKillLeavesAFolderThatTheNextRunCompletes) {
 }
 
 TEST_P(Strike, ByCtrlCUndoesOrCompletesTheRun) {
-  int stopped = 0;
+  int stopped = 0, recorded = 0;
   for (long call = 1;; call += stride) {
     SCOPED_TRACE(call);
     const Ending ended = strike(SIGINT, call);
@@ -114,9 +114,14 @@ TEST_P(Strike, ByCtrlCUndoesOrCompletesTheRun) {
     EXPECT_FALSE(fs::exists(world.root / ".tavro-setup-incomplete"));
     if (ended.status == 4) {
       ++stopped;
+      recorded += world.status().dump().find("Setup was cancelled") != std::string::npos;
       EXPECT_EQ(ended.code(), "cancelled");
       EXPECT_EQ(world.record_stands(), was_installed);
       EXPECT_EQ(fs::exists(world.root), was_installed || had_save);
+      EXPECT_FALSE(fs::exists(world.root / "native/staging"));
+      if (had_save && !was_installed) {
+        EXPECT_EQ(std::distance(fs::directory_iterator(world.root), {}), 1);
+      }
     } else {
       ASSERT_EQ(ended.status, 0) << ended.errors;
       EXPECT_EQ(world.record_stands(), GetParam().words.front() != "uninstall");
@@ -125,6 +130,7 @@ TEST_P(Strike, ByCtrlCUndoesOrCompletesTheRun) {
     ASSERT_FALSE(HasFailure());
   }
   EXPECT_GT(stopped, 0);
+  EXPECT_TRUE(recorded > 0 || GetParam().name != "repair");
 }
 
 INSTANTIATE_TEST_SUITE_P(At, Strike,
