@@ -368,29 +368,5 @@ TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
   EXPECT_EQ(code_of(check), "target_not_found");
 }
 
-TEST(ClientLimits, AddUpFromTheSizesOfTheLargestKeysAndSignatures) {
-  const std::string id = digest("", "sha256");
-  const json hashes = {{"sha256", id}, {"sha512", id + id}};
-  std::string pem = "-----BEGIN PUBLIC KEY-----\n";
-  for (int left = 3488; left > 0; left -= 64) pem += std::string(std::min(left, 64), 'A') + '\n';
-  pem += "-----END PUBLIC KEY-----\n";
-  // As an entry of a list: with a comma, and an object without its braces.
-  const auto entry = [](const json& value) { return value.dump().size() - 1; };
-  EXPECT_EQ(entry(json::array({{{"keyid", id}, {"sig", std::string(9254, 'a')}}})),
-            signature_entry_bytes);
-  EXPECT_EQ(
-      entry({{id,
-              {{"keytype", "ml-dsa"}, {"scheme", "ml-dsa-87/1"}, {"keyval", {{"public", pem}}}}}}),
-      key_entry_bytes);
-  const json ids(max_role_keys, id);
-  EXPECT_LE(entry({{"timestamp", {{"keyids", ids}, {"threshold", max_role_keys}}}}),
-            authority_bytes);
-  EXPECT_LE(
-      entry({{std::string(128, 'n'), {{"version", ~0ULL}, {"length", ~0ULL}, {"hashes", hashes}}}}),
-      reference_bytes);
-  EXPECT_LE(entry({{std::string(200, 'p'), {{"length", ~0ULL}, {"hashes", hashes}}}}),
-            target_bytes);
-}
-
 }  // namespace
 }  // namespace tavro

@@ -82,13 +82,5 @@ TEST(Lookup, IsBoundedAndNeverAnswersPastABrokenRole) {
   EXPECT_TRUE(repository.requests.empty());
 }
 
-TEST(Lookup, FailsForAMissingRoleOnlyWhenItIsSelected) {
-  Lookup lookup;
-  lookup.role(lookup.repository.targets, "first");
-  lookup.repository.delegated.clear();
-  EXPECT_EQ(lookup.answer("a/x"), "missing_role");
-  EXPECT_EQ(lookup.answer("b"), "target_not_found");
-}
-
 }  // namespace
 }  // namespace tavro
