@@ -153,6 +153,7 @@ void apply_staged_bootstrap(const BootstrapPaths& paths, const fs::path& image,
   // No other bootstrap may run while files move.
   const NativeFileLock lifetime(DataPaths(paths.root).bootstrap_lock, true, NativeLockSharing::none,
                                 LockMode::exclusive);
+  remove_torn_writes(paths, {paths.pending, paths.manifest, paths.rejected, paths.old_files});
   if (!stands(paths.pending)) return remove_old_files(paths);
 
   const std::string text = read_file(paths.pending, bootstrap_descriptor_bytes);

@@ -7,7 +7,9 @@
 
 #include "app/data_folder.h"
 #include "app/installation_record.h"
+#include "app/torn_write.h"
 #include "domain/error.h"
+#include "domain/input.h"
 #include "platform/files.h"
 #include "platform/native_files.h"
 
@@ -80,6 +82,14 @@ void remove_old_files(const BootstrapPaths& paths) {
     removed(paths.old_files);
   else if (!stands(paths.old_files))
     atomic_write(paths.old_files, {});
+}
+
+void remove_torn_writes(const BootstrapPaths& paths, std::initializer_list<fs::path> documents) {
+  for (const auto& entry : children(paths.manifest.parent_path()))
+    for (const auto& document : documents)
+      if (torn_write::is_temporary_name(path_utf8(entry.filename()),
+                                        path_utf8(document.filename())))
+        removed(entry);
 }
 
 }  // namespace tavro

@@ -106,6 +106,7 @@ BootstrapStaging stage_bootstrap_update(const fs::path& root, TufClient& tuf,
   require_complete_native_install(paths.root);
   const NativeFileLock lock(paths.lock, true, NativeLockSharing::read, LockMode::exclusive);
   if (stands(paths.pending)) return {false, "pending", {}};
+  remove_torn_writes(paths, {paths.pending, paths.rejected, paths.old_files});
   BootstrapStaging result;
   {
     const Scratch scratch(paths);
