@@ -18,6 +18,7 @@ TEST(Presentation, HasAMonogramAndASummaryWithoutPixels) {
     EXPECT_EQ(GamePresentation::parse(first + "x", nullptr).monogram, first);
   const json summary = GamePresentation::parse("N", document).summary();
   EXPECT_EQ(summary.size(), 5u);
+  EXPECT_EQ(code_of([] { GamePresentation::parse("", nullptr); }), "invalid_presentation");
   EXPECT_EQ(summary.at("artwork"), damaged(document, "/artwork/bmp_hex").at("artwork"));
 }
 
@@ -25,13 +26,14 @@ TEST(Presentation, RefusesWhatItsClosedRulesDoNotName) {
   expect_answers(
       R"(|null|{}|/tagline "<200>"|/description "<4096>"|/description "\t\n\r\u00a0"
 |/monogram "🎮🎮🎮🎮"
-Unknown|[]|{"a":1,"b":2,"c":3,"d":4,"e":5}|/title "x"
-Unknown|/artwork null|/artwork/more 1|/artwork/width 1.5|/artwork/format "bmp"|/artwork/height
+presentation fields|[]|{"a":1,"b":2,"c":3,"d":4,"e":5}
+Unknown|/artwork null|/artwork/more 1|/artwork/width 3.5|/artwork/height 2.5|/artwork/format "bmp"
+Unknown|/title "x"|/artwork/height
 text|/tagline 1|/tagline "<201>"|/description "<4097>"|/monogram "<17>"|/artwork/alternative_text ""
 control|/tagline "\n"|/monogram "\t"|/description "\u000b"|/description "\u007f"|/tagline "\u0085"
 one to four|/monogram ""|/monogram "<5>"
-128|/artwork/width 0|/artwork/height 129|/artwork/width -1|/artwork/bmp_hex ""
-artwork|/artwork/bmp_hex 7|/artwork/bmp_hex "abc"|/artwork/bmp_hex "AB"|/artwork/width 2)",
+dimensions|/artwork/width 0|/artwork/height 129|/artwork/width -1
+artwork|/artwork/bmp_hex 7|/artwork/bmp_hex ""|/artwork/bmp_hex "abc"|/artwork/bmp_hex "AB"|/artwork/width 2)",
       [](const std::string& damage) { GamePresentation::parse("N", damaged(document, damage)); });
 }
 
