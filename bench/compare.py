@@ -8,6 +8,8 @@ large synced tree slows what comes next.
 import argparse, hashlib, json, os, random, shutil, statistics, subprocess, sys, tempfile
 import time
 
+import compare_update
+
 BIN = "build/release/bin"
 WORK = ""
 
@@ -60,6 +62,18 @@ def publish(*arguments):
     subprocess.run([f"{BIN}/tavro-publish", *arguments], check=True, stdout=subprocess.DEVNULL)
 
 
+def seal_installer(package, out):
+    """An installer for that package alone."""
+    with open(os.path.join(package, "initial-package.json"), "rb") as descriptor:
+        seal = hashlib.sha256(descriptor.read()).hexdigest()
+    subprocess.run(["cmake", "--preset", "release", f"-DTAVRO_INITIAL_PACKAGE_SHA256={seal}"],
+                   check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", "--preset", "release", "--target", "tavro-install"],
+                   check=True, stdout=subprocess.DEVNULL)
+    shutil.copy(f"{BIN}/tavro-install", out)
+    return out
+
+
 def make_package(name, files, size, program="example-launcher"):
     """A sealed package with a small bootstrap and a launcher of that many files; an installer for
     it; and the launcher's tree for the standard tools."""
@@ -81,13 +95,7 @@ def make_package(name, files, size, program="example-launcher"):
             "--helper", "maintenance=bin/help")
     publish("package", "--out", at("package"), "--origin", "https://repository.example",
             "--root", at("root.json"), "--bootstrap", at("b"), "--launcher", at("l"))
-    with open(at("package/initial-package.json"), "rb") as descriptor:
-        seal = hashlib.sha256(descriptor.read()).hexdigest()
-    subprocess.run(["cmake", "--preset", "release", f"-DTAVRO_INITIAL_PACKAGE_SHA256={seal}"],
-                   check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", "--preset", "release", "--target", "tavro-install"],
-                   check=True, stdout=subprocess.DEVNULL)
-    shutil.copy(f"{BIN}/tavro-install", at("install"))
+    seal_installer(at("package"), at("install"))
     subprocess.run(shell('cd "$1" && find . -type f -exec sha256sum {} + >"$2"',
                          at("launcher"), at("sums")), check=True)
     return at
@@ -132,20 +140,6 @@ def measured(*arguments, program="tavro-measure"):
                                      capture_output=True).stdout)
 
 
-def measure_games(rounds):
-    """A release's chunks, and its manifest of 100000 files beside the snapshot in that alone."""
-    files = [dict(path=f"data/{n // 100}/{n}.bin", length=n, mode=493, sha256="a" * 64)
-             for n in range(100_000)]
-    game = dict(schema_version=1, minimum_launcher=1, game_id="bench", display_name="Bench",
-                build_id="1", platform="linux-x86_64", executable=files[0]["path"], files=files,
-                expanded_length=sum(file["length"] for file in files),
-                archive=dict(format="tar.zst-v1", target="a", length=1, sha256="a" * 64))
-    manifest = os.path.join(WORK, "game.json")
-    with open(manifest, "w") as out:
-        json.dump(game, out)
-    return measured(str(rounds), manifest, program="tavro-measure-games")
-
-
 def change_record(data, change):
     path = os.path.join(data, "launcher/installation.json")
     with open(path) as stored:
@@ -182,6 +176,20 @@ def measure_first_start(at, rounds):
     return in_turn(rounds, first_start,
                    lambda _: timed(shell('cd "$1"; sha256sum --quiet -c "$2"', at("launcher"),
                                          at("sums"))))
+
+
+def measure_games(rounds):
+    """A release's chunks, and its manifest of 100000 files beside the snapshot in that alone."""
+    files = [dict(path=f"data/{n // 100}/{n}.bin", length=n, mode=493, sha256="a" * 64)
+             for n in range(100_000)]
+    game = dict(schema_version=1, minimum_launcher=1, game_id="bench", display_name="Bench",
+                build_id="1", platform="linux-x86_64", executable=files[0]["path"], files=files,
+                expanded_length=sum(file["length"] for file in files),
+                archive=dict(format="tar.zst-v1", target="a", length=1, sha256="a" * 64))
+    manifest = os.path.join(WORK, "game.json")
+    with open(manifest, "w") as out:
+        json.dump(game, out)
+    return measured(str(rounds), manifest, program="tavro-measure-games")
 
 
 class Served:
@@ -287,6 +295,10 @@ def main():
     rows = repository_rows(results["repository"])
     if not options.repository:
         rows += install_rows(results, options.rounds)
+        # It works with this module's functions, in the same folder.
+        compare_update.compare.WORK = WORK
+        results["update"] = compare_update.measure(options.rounds)
+        rows += compare_update.rows(results["update"])
     print(f"{'what':55} {'measured':>9} {'goal':>7}")
     for name, value, goal in rows:
         print(f"{name:55} {value:9.2f} {goal:7.2f}{'' if value <= goal else '   missed'}")
@@ -300,9 +312,9 @@ def install_rows(results, rounds):
     results.update(install=measure_install(large, rounds),
                    small_install=measure_install(small, 1),
                    verification=measure_verification(large, rounds),
-                   games=measure_games(rounds),
                    chain=measure_chain(), first_start=measure_first_start(large, rounds),
                    child=measured("child", "500", "/usr/bin/true", program="tavro-measure-start"),
+                   games=measure_games(rounds),
                    document=measured("atomic-document", os.path.join(WORK, "documents"), "200"),
                    status=measured("commands", "200", large("install"), "status", "--data-dir",
                                    large("data-1"), "--", "/bin/true"),
