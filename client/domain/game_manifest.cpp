@@ -79,8 +79,10 @@ void read_encrypted(GameManifest& manifest) {
   for (const json* descriptor : {&artifact, &key})
     require(has_exactly(*descriptor, {"target", "length", "sha256"}), "invalid_manifest",
             "Unknown encrypted artifact/key descriptor field");
-  archive.artifact_target = target(artifact.at("target"));
-  archive.key_target = target(key.at("target"));
+  archive.artifact_target = artifact.at("target").get<std::string>();
+  archive.key_target = key.at("target").get<std::string>();
+  validate_relative_path(archive.artifact_target, true);
+  validate_relative_path(archive.key_target, true);
   require(are_distinct(case_folded(archive.artifact_target), case_folded(archive.key_target),
                        case_folded(manifest.archive_target)),
           "invalid_manifest", "Encrypted artifact/key aliases the full snapshot");

@@ -29,6 +29,7 @@ TEST(GameManifest, RefusesADamagedDocument) {
 |/encrypted/format "<80>"|/patches/0/artifact/target "ONE.tar.zst"
 nothing was rewritten|[]|{"schema_version":2}
 Game manifest has missing|{}|/minimum_launcher|/game_id 1|/release_notes null|/sdk {}
+Game manifest has missing|/encrypted {"format":"f","artifact":{"target":"/","length":1,"sha256":1},"key":{"target":1,"length":1,"sha256":1}}
 Game manifest has missing|/sdk/abi_version|/patches/0/format 1|/encrypted/key/sha256 1
 incompatible|/minimum_launcher 2|/minimum_launcher "1"|/sdk/abi_version 2
 invalid_identity|/game_id "A"|/patches/0/format "A"|/patches/0/source/build_id "A"
