@@ -1,5 +1,5 @@
-#include <fcntl.h>
-#include <sys/stat.h>
+#include "platform/directory_chain.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,18 +17,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int walk_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
 [[noreturn]] void refuse(std::string_view code, std::string_view before, std::string_view after) {
   fail(code, host::naming_system(before, after));
 }
 
+fs::path without_end_separator(const fs::path& path) {
+  return path.has_filename() ? path : path.parent_path();
+}
+
+UniqueFd open_entry(int directory, const char* name, int flags) {
+  return UniqueFd(retried([&] { return system_calls().openat(directory, name, flags, mode_t{}); }));
+}
+
 fs::path resolved_target(const fs::path& path) {
-  const std::string& given = path.native();
-  fs::path target;
-  if (!given.empty() && given.find('\0') == std::string::npos)
-    target = resolve_system_links(fs::absolute(path).lexically_normal());
-  if (!target.has_filename()) target = target.parent_path();
+  fs::path target = storage_target(path);
   if (!bounded_path(target) || target == target.root_path())
     refuse("unsafe_path", "", " private directory needs a bounded path below a root");
   for (const auto& component : path)
@@ -36,8 +38,7 @@ fs::path resolved_target(const fs::path& path) {
   return target;
 }
 
-/// The way from the root to a directory, one descriptor at a time, so that nothing that happens to
-/// the path meanwhile can lead the walk elsewhere.
+/// The way from the root to a private directory.
 class DirectoryWalk {
  public:
   explicit DirectoryWalk(const fs::path& root) : current_(posix_files::open(root, walk_flags)) {
@@ -46,10 +47,7 @@ class DirectoryWalk {
 
   void enter(const char* name, bool last) {
     if (++depth_ > max_ancestry) refuse("size_limit", "", " directory ancestry exceeds its bound");
-    UniqueFd next = open_entry(name, walk_flags);
-    // A folder above that holds everybody's homes is often passable and yet not readable.
-    const bool unreadable = !next && errno == EACCES && !last && host::search_only() != 0;
-    if (unreadable) next = open_entry(name, walk_flags | host::search_only());
+    auto [next, readable] = enter_directory(current_.get(), name, last);
     const bool created = !next && errno == ENOENT;
     if (created) next = create_entry(name);
     if (!next) refuse("unsafe_path", "", " directory ancestry is missing or linked");
@@ -59,7 +57,7 @@ class DirectoryWalk {
     else if (last)
       require_own(next.get(), node);
     current_ = std::move(next);
-    readable_ = !unreadable;
+    readable_ = readable;
   }
 
   void require_at(const fs::path& target) const {
@@ -70,26 +68,19 @@ class DirectoryWalk {
   }
 
  private:
-  UniqueFd open_entry(const char* name, int flags) const {
-    return UniqueFd(
-        retried([&] { return system_calls().openat(current_.get(), name, flags, mode_t{}); }));
-  }
-
   UniqueFd create_entry(const char* name) const {
     // Without a readable parent the new name could not be synced, and the next run would take it
     // for an old one.
     if (!readable_ ||
         retried([&] { return system_calls().mkdirat(current_.get(), name, S_IRWXU); }) != 0)
       refuse("permissions", "Cannot reserve a new ", " private directory");
-    return open_entry(name, walk_flags);
+    return open_entry(current_.get(), name, walk_flags);
   }
 
   struct stat entered(int descriptor, const char* name) const {
     const auto held = node_of(descriptor);
-    struct stat named {};
-    const bool read =
-        retried([&] { return ::fstatat(current_.get(), name, &named, AT_SYMLINK_NOFOLLOW); }) == 0;
-    if (!held || !read || !S_ISDIR(held->st_mode) || !same_node(*held, named))
+    const auto named = node_in(current_.get(), name);
+    if (!held || !named || !S_ISDIR(held->st_mode) || !same_node(*held, *named))
       refuse("unsafe_path", "", " directory ancestry changed");
     return *held;
   }
@@ -117,6 +108,46 @@ class DirectoryWalk {
 };
 
 }  // namespace
+
+fs::path plain_absolute(const fs::path& path) {
+  const std::string& given = path.native();
+  if (given.empty() || given.find('\0') != std::string::npos) return {};
+  return without_end_separator(fs::absolute(path).lexically_normal());
+}
+
+fs::path storage_target(const fs::path& path) {
+  const fs::path absolute = plain_absolute(path);
+  return absolute.empty() ? absolute : without_end_separator(resolve_system_links(absolute));
+}
+
+std::optional<struct stat> node_in(int directory, const char* name) {
+  struct stat node {};
+  if (retried([&] { return ::fstatat(directory, name, &node, AT_SYMLINK_NOFOLLOW); }) != 0)
+    return std::nullopt;
+  return node;
+}
+
+ChainStep enter_directory(int parent, const char* name, bool last) {
+  UniqueFd next = open_entry(parent, name, walk_flags);
+  const bool unreadable = !next && errno == EACCES && !last && host::search_only() != 0;
+  if (unreadable) next = open_entry(parent, name, walk_flags | host::search_only());
+  return {std::move(next), !unreadable};
+}
+
+Ancestry walk_ancestry(const fs::path& directory) {
+  UniqueFd current = posix_files::open(directory.root_path(), walk_flags);
+  if (!current) return {Ancestry::End::root_unopened, {}};
+  const fs::path below = directory.relative_path();
+  int depth = 0;
+  for (auto name = below.begin(); name != below.end();) {
+    if (++depth > max_ancestry) return {Ancestry::End::beyond_bound, {}};
+    const auto next = std::next(name);
+    current = enter_directory(current.get(), name->c_str(), next == below.end()).directory;
+    if (!current) return {Ancestry::End::not_ordinary, {}};
+    name = next;
+  }
+  return {Ancestry::End::reached, std::move(current)};
+}
 
 void private_directory(const fs::path& path) {
   const fs::path target = resolved_target(path);
