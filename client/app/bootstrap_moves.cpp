@@ -6,6 +6,7 @@
 
 #include "app/data_folder.h"
 #include "domain/crypto.h"
+#include "domain/relative_path.h"
 #include "platform/files.h"
 #include "platform/native_files.h"
 #include "platform/posix_files.h"
@@ -42,6 +43,38 @@ bool lists(const BootstrapMoves::Inventory& inventory, const std::string& path,
   const auto entry = inventory.find(path);
   return entry != inventory.end() && holds_file(file, entry->second);
 }
+
+/// The names that an inventory takes, without case, as a volume may compare them.
+class TakenNames {
+ public:
+  explicit TakenNames(const BootstrapMoves::Inventory& inventory) {
+    for (const auto& [path, file] : inventory) {
+      std::string name = case_folded(path);
+      files_.insert(name);
+      while (to_parent(name)) folders_.insert(name);
+    }
+  }
+
+  /// Whether the path must make way: it is a file or folder there, or lies where a file is to be.
+  bool take(const std::string& path) const {
+    std::string name = case_folded(path);
+    if (folders_.contains(name)) return true;
+    do {
+      if (files_.contains(name)) return true;
+    } while (to_parent(name));
+    return false;
+  }
+
+ private:
+  static bool to_parent(std::string& name) {
+    const auto end = name.rfind('/');
+    if (end != name.npos) name.resize(end);
+    return end != name.npos;
+  }
+
+  std::set<std::string> files_;
+  std::set<std::string> folders_;
+};
 
 /// Gives what is about to be replaced its second name. Where it can have only one, as a folder that
 /// makes way for a file, it moves.
@@ -84,11 +117,15 @@ BootstrapMoves::BootstrapMoves(const BootstrapPaths& paths,
       update_(update ? update->files : Inventory()),
       working_(working ? working->files : Inventory()),
       knows_working_(working.has_value()) {
+  const TakenNames taken(update_);
+  std::vector<std::string> unneeded;
   for (const auto& [path, file] : working_)
-    if (!update_.contains(path)) order_.push_back(path);
+    if (!update_.contains(path)) (taken.take(path) ? order_ : unneeded).push_back(path);
   for (const auto& [path, file] : update_)
     if (path != update->executable) order_.push_back(path);
   if (update) order_.push_back(update->executable);
+  // Only now: until the new entry point is in place, the old one may need them.
+  order_.insert(order_.end(), unneeded.begin(), unneeded.end());
   moves_ = earlier_moves();
 }
 

@@ -16,7 +16,9 @@ namespace tavro {
 /// A file that is replaced gets a second name first, its own with ".old"; then the new one takes
 /// its place in one rename. So a name of the installed tree is never without a file while one goes
 /// for another, and nothing of the old tree is gone before the update is committed. The entry point
-/// comes last, after all that it may need, and goes back first.
+/// comes after all that it may need, and only then what the update no longer holds is set aside,
+/// unless it is in the way of a new file: so neither entry point is left without a file that its
+/// release alone has. The way back is the same in reverse.
 ///
 /// A run can be cut off anywhere among the moves, even while it takes them back, and the list of
 /// what it did ends with it. The next run finds out from the disk what had been done, and counts it
