@@ -1,5 +1,6 @@
 #include "app/bootstrap_release.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 
@@ -14,6 +15,12 @@ namespace {
 
 constexpr std::size_t max_files = 4096;
 constexpr std::uint64_t max_bytes = 1073741824;
+
+/// Whether the file, or a folder on the way to it, would be taken for something replaced.
+bool bears_replaced_extension(const std::filesystem::path& file) {
+  return std::any_of(file.begin(), file.end(),
+                     [](const auto& name) { return name.extension() == replaced_extension; });
+}
 
 }  // namespace
 
@@ -45,8 +52,7 @@ SnapshotManifest parse_bootstrap_update(std::string_view text) {
     auto manifest = SnapshotManifest::parse(parse_json(text, bootstrap_descriptor_bytes));
     validate_bootstrap_update(manifest);
     for (const auto& file : manifest.files)
-      require(std::filesystem::path(file.first).extension() != replaced_extension,
-              "invalid_manifest",
+      require(!bears_replaced_extension(file.first), "invalid_manifest",
               [&] { return "Bootstrap update holds a name of replaced files: " + file.first; });
     return manifest;
   });

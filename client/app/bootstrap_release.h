@@ -20,8 +20,8 @@ std::string bootstrap_manifest_target();
 void validate_bootstrap_update(const SnapshotManifest& manifest);
 
 /// Reads the descriptor of an update. Throws as `parse_json`, `SnapshotManifest::parse` and
-/// `validate_bootstrap_update`, and `invalid_manifest`, also for a file with the extension of
-/// replaced files, which could not be told from one.
+/// `validate_bootstrap_update`, and `invalid_manifest`, also for a file or folder with the
+/// extension of replaced files, which could not be told from one.
 SnapshotManifest parse_bootstrap_update(std::string_view text);
 
 }  // namespace tavro
