@@ -6,6 +6,7 @@
 #include <array>
 #include <utility>
 
+#include "domain/bitmap.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 
@@ -13,16 +14,6 @@ namespace tavro {
 namespace {
 
 constexpr std::string_view kBitmapFormat = "bmp-rgb24-v1";
-constexpr std::size_t kHeaderBytes = 54;
-constexpr unsigned kInformationHeaderBytes = 40;
-constexpr unsigned kBytesPerPixel = 3;
-
-constexpr std::size_t row_stride(unsigned width) {
-  return (std::size_t{width} * kBytesPerPixel + 3) / 4 * 4;
-}
-
-constexpr std::size_t kMaxBitmapBytes =
-    kHeaderBytes + row_stride(kMaxArtworkSide) * kMaxArtworkSide;
 
 void check_text(std::string_view text, std::size_t max_bytes, LineBreaks line_breaks) {
   require(text.size() <= max_bytes, "invalid_presentation",
@@ -54,7 +45,7 @@ auto count_characters(std::string_view text) {
 bool is_artwork_side(std::uint64_t pixels) { return pixels >= 1 && pixels <= kMaxArtworkSide; }
 
 bool is_artwork_encoding(std::string_view hexadecimal) {
-  return hexadecimal.size() <= 2 * kMaxBitmapBytes && hexadecimal.size() % 2 == 0 &&
+  return hexadecimal.size() <= 2 * kMaxArtworkBytes && hexadecimal.size() % 2 == 0 &&
          is_lower_hex(hexadecimal, hexadecimal.size());
 }
 
@@ -79,7 +70,7 @@ GameArtwork read_artwork(const json& value) {
   artwork.bmp_hex = value.at("bmp_hex").get<std::string>();
   require(is_artwork_encoding(artwork.bmp_hex), "invalid_presentation",
           "Game artwork encoding exceeds its bound");
-  const auto bitmap = unhex(artwork.bmp_hex, 2 * kMaxBitmapBytes);
+  const auto bitmap = unhex(artwork.bmp_hex, 2 * kMaxArtworkBytes);
   validate_presentation_bitmap({reinterpret_cast<const char*>(bitmap.data()), bitmap.size()},
                                artwork.width, artwork.height);
   return artwork;
@@ -93,12 +84,6 @@ void require_known_members(const json& value) {
   for (const auto& [key, member] : value.items())
     require(std::find(kMembers.begin(), kMembers.end(), key) != kMembers.end(),
             "invalid_presentation", "Unknown game presentation field");
-}
-
-std::uint64_t little_endian(std::string_view bytes, std::size_t offset, std::size_t size) {
-  std::uint64_t number = 0;
-  while (size-- > 0) number = number << 8 | static_cast<unsigned char>(bytes[offset + size]);
-  return number;
 }
 
 }  // namespace
@@ -141,34 +126,25 @@ json GamePresentation::summary() const {
 }
 
 void validate_presentation_bitmap(std::string_view bytes, unsigned width, unsigned height) {
-  require(is_artwork_side(width) && is_artwork_side(height) && bytes.size() >= kHeaderBytes &&
-              bytes.size() <= kMaxBitmapBytes,
+  require(is_artwork_side(width) && is_artwork_side(height) && bytes.size() >= kBitmapHeaderBytes &&
+              bytes.size() <= kMaxArtworkBytes,
           "invalid_presentation", "Game artwork exceeds its 128-pixel bitmap bound");
-  const std::size_t pixel_bytes = row_stride(width) * height;
-  struct Field {
-    std::size_t offset;
-    std::size_t size;
-    std::uint64_t value;
-  };
-  // The image size at 34 may be left open, and the resolution at 38 may be anything.
-  const std::array<Field, 11> fields = {{{2, 4, bytes.size()},
-                                         {6, 4, 0},
-                                         {10, 4, kHeaderBytes},
-                                         {14, 4, kInformationHeaderBytes},
-                                         {18, 4, width},
-                                         {22, 4, height},
-                                         {26, 2, 1},
-                                         {28, 2, 8 * kBytesPerPixel},
-                                         {30, 4, 0},
-                                         {46, 4, 0},
-                                         {50, 4, 0}}};
+  const std::uint64_t pixel_bytes = bitmap_row_bytes(width) * height;
+  // The image size may be left open, and the resolution behind it may be anything.
   const std::uint64_t image_size = little_endian(bytes, 34, 4);
-  require(bytes.starts_with("BM") && bytes.size() == kHeaderBytes + pixel_bytes &&
+  require(bytes.starts_with("BM") && bytes.size() == kBitmapHeaderBytes + pixel_bytes &&
               (image_size == 0 || image_size == pixel_bytes) &&
-              std::all_of(fields.begin(), fields.end(),
-                          [&](const Field& field) {
-                            return little_endian(bytes, field.offset, field.size) == field.value;
-                          }),
+              has_fields(bytes, {{2, 4, bytes.size()},
+                                 {6, 4, 0},
+                                 {10, 4, kBitmapHeaderBytes},
+                                 {14, 4, kBitmapInformationBytes},
+                                 {kBitmapWidthOffset, 4, width},
+                                 {kBitmapHeightOffset, 4, height},
+                                 {26, 2, 1},
+                                 {28, 2, 24},
+                                 {30, 4, 0},
+                                 {46, 4, 0},
+                                 {50, 4, 0}}),
           "invalid_presentation", "Game artwork must be an exact uncompressed RGB24 BMP");
 }
 

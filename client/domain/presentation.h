@@ -5,12 +5,16 @@
 #include <string>
 #include <string_view>
 
+#include "domain/bitmap.h"
 #include "domain/json.h"
 
 namespace tavro {
 
 /// Pixels: the bound of each side of a game's bitmap.
 inline constexpr unsigned kMaxArtworkSide = 128;
+/// Bytes of the largest such file.
+inline constexpr std::size_t kMaxArtworkBytes =
+    kBitmapHeaderBytes + bitmap_row_bytes(kMaxArtworkSide) * kMaxArtworkSide;
 
 /// The one bitmap of a game.
 struct GameArtwork {
