@@ -37,6 +37,17 @@ const std::string& helper_path(const LauncherManifest& manifest, std::string_vie
                                       branded(" helper; use the Tavro installer to uninstall"));
 }
 
+/// Takes the ready file away at the end of the wait, however that ends: after the helper was
+/// stopped, so that one which came too late leaves none.
+struct ReadyFile {
+  const fs::path& path;
+
+  ~ReadyFile() {
+    std::error_code ignored;
+    fs::remove(path, ignored);
+  }
+};
+
 /// A name that nobody can guess, so that nobody else can speak for the helper.
 fs::path new_ready_file(const fs::path& copy) {
   // Other users write there too, so that a link in the way is followed once, and here.
@@ -113,14 +124,12 @@ std::unique_ptr<ChildProcess> MaintenanceRuntime::launch_console(
 std::unique_ptr<ChildProcess> MaintenanceRuntime::launch_gui(
     const std::vector<std::string>& arguments, milliseconds limit) {
   ready_ = new_ready_file(copy_);
+  const ReadyFile ready_file{ready_};
   launched_ = true;
   auto helper = std::make_unique<ChildProcess>(
       image_, arguments, image_.parent_path(), environment(), ChildStreams::output_to_errors,
       ChildEnvironment::whole, nullptr, ChildGroup::inherited, ChildControl::none);
-  const bool shown = shows_itself(*helper, limit);
-  std::error_code ignored;
-  fs::remove(ready_, ignored);
-  if (shown) return helper;
+  if (shows_itself(*helper, limit)) return helper;
   (void)helper->terminate(termination_grace);
   fail("maintenance_startup", "The uninstall window did not open");
 }
