@@ -1,13 +1,7 @@
 #include "app/brand.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
-
 #include "domain/product_name.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

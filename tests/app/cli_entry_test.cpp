@@ -1,9 +1,6 @@
 #include "app/cli_entry.h"
 
-#include <gmock/gmock.h>
-
 #include <iterator>
-#include <sstream>
 
 #include "support/answers.h"
 

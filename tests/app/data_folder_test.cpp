@@ -1,17 +1,10 @@
 #include "app/data_folder.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
 #include "app/installation_record.h"
-#include "domain/input.h"
-#include "support/failure.h"
 #include "support/installation.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(DataFolder, AcceptsOnlyAFolderThatCanBeOne) {
   const TempFolder folder;

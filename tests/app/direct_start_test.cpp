@@ -1,6 +1,5 @@
 #include "app/direct_start.h"
 
-#include "domain/crypto.h"
 #include "domain/documents.h"
 #include "platform/native_platform.h"
 #include "support/installation.h"

@@ -14,8 +14,6 @@
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
-
 const std::string torn = '.' + std::string(32, '0') + ".tmp";
 
 /// A repository with a release, and a store that fetches it as a staging does.

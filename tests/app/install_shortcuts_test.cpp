@@ -1,17 +1,10 @@
 // The shortcuts of a data folder, as the setup commands treat them.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include "domain/input.h"
-#include "support/failure.h"
 #include "support/installation.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "app/launcher_cleanup.h"
 #include "app/launcher_record.h"
 #include "app/launcher_store.h"
-#include "domain/crypto.h"
 #include "platform/native_platform.h"
 #include "platform/snapshot.h"
 #include "platform/tree.h"
@@ -14,8 +11,6 @@
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// Serves each target under its own name.
 struct Shelf : TargetServer {

@@ -2,8 +2,6 @@
 
 #include "app/launcher_startup.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,17 +15,13 @@
 #include "app/launcher_store.h"
 #include "app/runtime_image.h"
 #include "app/start_marker.h"
-#include "domain/input.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/installation.h"
 #include "support/launched.h"
 #include "support/snapshot_archive.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Startup : public testing::Test {
  protected:

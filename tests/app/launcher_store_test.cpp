@@ -1,23 +1,13 @@
 #include "app/launcher_store.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
 #include <future>
 
-#include "domain/crypto.h"
-#include "domain/input.h"
 #include "platform/snapshot.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/sealed_package.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Store : public testing::Test {
  protected:

@@ -1,17 +1,10 @@
 #include "app/native_install.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include "domain/input.h"
-#include "support/failure.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 using Parts = std::vector<std::string>;
 

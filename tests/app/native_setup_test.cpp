@@ -1,7 +1,5 @@
 #include "app/native_setup.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <climits>
 #include <cstdlib>
@@ -9,7 +7,6 @@
 #include <random>
 #include <set>
 
-#include "support/failure.h"
 #include "support/installation.h"
 
 namespace tavro {

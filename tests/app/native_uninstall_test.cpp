@@ -1,18 +1,12 @@
 #include "app/native_uninstall.h"
 
-#include <gtest/gtest.h>
-
 #include "app/launcher_store.h"
-#include "domain/json.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Uninstall : public testing::Test {
  protected:

@@ -1,18 +1,12 @@
 #include "app/setup_console.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
 #include <cstdlib>
-#include <sstream>
 
 #include "app/brand.h"
 #include "app/setup_command.h"
 #include "app/setup_dispatch.h"
 #include "domain/product_name.h"
 #include "support/answers.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {

@@ -1,8 +1,5 @@
 #include "app/shortcut_ledger.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,17 +7,14 @@
 #include <cstdlib>
 
 #include "app/menu_icon.h"
-#include "domain/input.h"
 #include "platform/desktop_entry.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using Paths = std::vector<fs::path>;
 
 struct ShortcutLedger : testing::Test {

@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
-
 #include "domain/crypto.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 

@@ -1,35 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "support/failure.h"
+#include "support/answers.h"
 
 namespace tavro {
-
-/// The failure of `work` must hold the words; without words there must be none.
-template <typename Work>
-void expect_words(const std::string& words, const std::string& input, Work&& work) {
-  const std::string failure = failure_of(work);
-  EXPECT_TRUE(failure.empty() == words.empty() && failure.find(words) != failure.npos)
-      << input << ": \"" << failure << "\", not \"" << words << '"';
-}
-
-/// Each line of the table holds words and inputs, with "|" between them. Every input is handed to
-/// `work`, and its failure must hold the words; an input without words must be accepted.
-template <typename Work>
-void expect_answers(const std::string& table, Work&& work) {
-  std::istringstream lines(table);
-  for (std::string line, words, input; std::getline(lines, line);) {
-    std::istringstream cells(line);
-    for (std::getline(cells, words, '|'); std::getline(cells, input, '|');)
-      expect_words(words, input.substr(0, 99), [&] { work(input); });
-  }
-}
 
 /// "/a/b 7" sets a member to 7, "/a/b" erases it; what names no member replaces the document. The
 /// text "<9>" stands for 9 letters.

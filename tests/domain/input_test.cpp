@@ -3,10 +3,8 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <fstream>
 
 #include "domain/documents.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 

@@ -1,6 +1,5 @@
 #include "domain/presentation.h"
 
-#include "domain/crypto.h"
 #include "domain/documents.h"
 
 namespace tavro {

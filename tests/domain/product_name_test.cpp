@@ -1,6 +1,6 @@
 #include "domain/product_name.h"
 
-#include <gtest/gtest.h>
+#include "support/testing.h"
 
 namespace tavro {
 

@@ -1,18 +1,10 @@
 #include "platform/allocated_file.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/snapshot_archive.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 class AllocatedFiles : public ::testing::Test {
  protected:

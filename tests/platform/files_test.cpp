@@ -1,20 +1,12 @@
 #include "platform/files.h"
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <fstream>
-
-#include "domain/input.h"
 #include "platform/native_files.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 struct Files : testing::Test {
   fs::path put(const fs::path& name) const {

@@ -1,14 +1,11 @@
 #include "platform/interrupt.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <string>
-
-#include "support/failure.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

@@ -1,18 +1,12 @@
 #include "platform/native_lock.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 constexpr auto exclusive = LockMode::exclusive, shared = LockMode::shared;
 
 const std::string busy = "busy: Another Tavro operation is using this state";

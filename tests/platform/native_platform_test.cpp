@@ -1,14 +1,9 @@
 #include "platform/native_platform.h"
 
-#include <gtest/gtest.h>
-
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string refused(const fs::path& image) {
   return failure_of([&] { require_complete_native_install_image(image); });

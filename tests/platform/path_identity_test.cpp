@@ -1,19 +1,15 @@
 #include "platform/path_identity.h"
 
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <fstream>
 
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using host::NameRules;
 
 /// The system's own answers, with those of another volume where a test puts them.

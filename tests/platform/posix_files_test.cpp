@@ -1,23 +1,18 @@
 #include "platform/posix_files.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/posix_acl.h>
 #include <linux/posix_acl_xattr.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <tuple>
 
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using posix_files::private_directory, posix_files::require_private_path;
 
 constexpr char access_list[] = "system.posix_acl_access";

@@ -1,19 +1,15 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 
-#include "domain/input.h"
 #include "platform/child_process.h"
 #include "platform/host.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

@@ -1,25 +1,17 @@
 #include "platform/shortcuts.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 
-#include "domain/input.h"
 #include "platform/desktop_entry.h"
 #include "platform/launch_document.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::StartsWith;
 

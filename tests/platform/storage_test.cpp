@@ -1,12 +1,8 @@
 #include "platform/storage.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
 #include "domain/manifest.h"
 #include "platform/storage_plan.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

@@ -1,19 +1,12 @@
 #include "platform/tree.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <string>
-
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/snapshot_archive.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Tree : public ::testing::Test {
  protected:

@@ -1,22 +1,13 @@
 #include "publisher/archive.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <zstd.h>
 
-#include <functional>
-
-#include "domain/crypto.h"
-#include "domain/input.h"
 #include "publisher/assembly.h"
-#include "support/failure.h"
 #include "support/snapshot_archive.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Archive : public testing::Test {
  protected:

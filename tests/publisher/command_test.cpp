@@ -1,21 +1,12 @@
 #include "publisher/command.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
-#include <sstream>
-
 #include "app/native_package.h"
 #include "publisher/repository_state.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 struct Outcome {
   int status = 0;

@@ -1,19 +1,10 @@
 #include "publisher/keys.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
-
-#include "domain/crypto.h"
 #include "publisher/root_metadata.h"
-#include "support/failure.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(Keys, OfEveryTypeSignForTheClientAndComeBackFromTheirFiles) {
   for (const char* type : {"ed25519", "ecdsa", "rsa"}) {

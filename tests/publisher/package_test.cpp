@@ -1,24 +1,13 @@
 #include "publisher/package.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
-#include <functional>
-
-#include "domain/input.h"
 #include "platform/native_platform.h"
 #include "publisher/assembly.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::vector<std::string> names_in(const fs::path& folder) {
   std::vector<std::string> names;

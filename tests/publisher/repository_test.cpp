@@ -1,26 +1,17 @@
 #include "publisher/repository.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
-#include "domain/crypto.h"
-#include "domain/input.h"
 #include "platform/files.h"
 #include "publisher/check.h"
 #include "support/fail_nth_call.h"
-#include "support/failure.h"
 #include "support/snapshot_archive.h"
-#include "support/temp_folder.h"
 #include "tuf/client_limits.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 const RepositoryExpiry expiry{"2090-01-01T00:00:00Z", "2080-01-01T00:00:00Z",
                               "2070-01-01T00:00:00Z"};

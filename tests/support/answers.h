@@ -1,11 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <sstream>
-#include <string>
-
-#include "support/failure.h"
+#include "support/testing.h"
 
 namespace tavro {
 
@@ -20,14 +15,20 @@ void each_cell(const std::string& table, Visit&& visit) {
   }
 }
 
+/// The failure of `work` must hold the words; without words there must be none.
+template <typename Work>
+void expect_words(const std::string& words, const std::string& input, Work&& work) {
+  const std::string failure = failure_of(work);
+  EXPECT_TRUE(failure.empty() == words.empty() && failure.find(words) != failure.npos)
+      << input.substr(0, 99) << ": \"" << failure << "\", not \"" << words << '"';
+}
+
 /// Hands every input of the table to `work`: its failure must hold the words; an input without
 /// words must be accepted.
 template <typename Work>
 void expect_answers(const std::string& table, Work&& work) {
   each_cell(table, [&](const std::string& words, const std::string& input) {
-    const std::string failure = failure_of([&] { work(input); });
-    EXPECT_TRUE(failure.empty() == words.empty() && failure.find(words) != failure.npos)
-        << input.substr(0, 99) << ": \"" << failure << "\", not \"" << words << '"';
+    expect_words(words, input, [&] { work(input); });
   });
 }
 

@@ -1,12 +1,10 @@
 #pragma once
 
 #include <cerrno>
-#include <functional>
 #include <memory>
-#include <string>
-#include <string_view>
 
 #include "platform/system_calls.h"
+#include "support/testing.h"
 
 namespace tavro {
 

@@ -1,13 +1,10 @@
 #include "support/installation.h"
 
 #include <cstdlib>
-#include <fstream>
 
 #include "support/snapshot_archive.h"
 
 namespace tavro {
-
-namespace fs = std::filesystem;
 
 void put_file(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());

@@ -1,13 +1,9 @@
 #pragma once
 
-#include <filesystem>
-#include <string>
-
 #include "app/data_folder.h"
 #include "app/native_install.h"
 #include "app/native_uninstall.h"
 #include "support/sealed_package.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 

@@ -1,8 +1,6 @@
 #include "support/launched.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,8 +9,6 @@
 #include <cstdlib>
 #include <utility>
 
-#include "domain/crypto.h"
-#include "domain/input.h"
 #include "platform/native_platform.h"
 #include "platform/snapshot.h"
 #include "support/sealed_package.h"
@@ -23,13 +19,18 @@ namespace tavro {
 Launched::Launched(const std::filesystem::path& image, const std::string& steps,
                    const Environment& environment, const std::vector<std::string>& arguments)
     : Launched([&] {
-        std::vector<char*> words = {const_cast<char*>(image.c_str())};
-        for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
-        words.push_back(nullptr);
-        for (const auto& [key, value] : environment) setenv(key.c_str(), value.c_str(), 1);
         setenv("TAVRO_TEST_LAUNCHER", steps.c_str(), 1);
-        return execv(image.c_str(), words.data());
+        return become(image, environment, arguments);
       }) {}
+
+int Launched::become(const std::filesystem::path& image, const Environment& environment,
+                     const std::vector<std::string>& arguments) {
+  std::vector<char*> words = {const_cast<char*>(image.c_str())};
+  for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
+  words.push_back(nullptr);
+  for (const auto& [key, value] : environment) setenv(key.c_str(), value.c_str(), 1);
+  return execv(image.c_str(), words.data());
+}
 
 Launched::Launched(const std::function<int()>& body) {
   std::array<int, 2> ends{};

@@ -3,13 +3,9 @@
 #include <sys/types.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "app/launcher_store.h"
+#include "support/testing.h"
 
 namespace tavro {
 
@@ -21,6 +17,9 @@ class Launched {
   /// `steps` is what an ill-behaved launcher is told; `environment` comes on top of this process's.
   Launched(const std::filesystem::path& image, const std::string& steps,
            const Environment& environment, const std::vector<std::string>& arguments = {});
+  /// Becomes the program, with these variables on top of this process's; -1 when it cannot.
+  static int become(const std::filesystem::path& image, const Environment& environment,
+                    const std::vector<std::string>& arguments);
   /// A copy of this process that ends with what `body` returns.
   explicit Launched(const std::function<int()>& body);
   ~Launched();

@@ -9,16 +9,14 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "domain/deleter.h"
 #include "domain/unique_fd.h"
+#include "support/testing.h"
 
 namespace tavro {
 

@@ -1,12 +1,8 @@
 #include "support/sealed_package.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 
 #include "app/package_descriptor.h"
-#include "domain/crypto.h"
-#include "domain/input.h"
 #include "platform/native_platform.h"
 #include "publisher/archive.h"
 #include "publisher/descriptors.h"
@@ -17,8 +13,6 @@
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string read_plain(const fs::path& path) { return read_file(path, 64ULL << 20); }
 

@@ -1,15 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <filesystem>
-#include <functional>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include "app/native_package.h"
-#include "domain/json.h"
 #include "publisher/keys.h"
+#include "support/testing.h"
 
 namespace tavro {
 

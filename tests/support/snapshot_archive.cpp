@@ -4,11 +4,8 @@
 #include <archive_entry.h>
 #include <zstd.h>
 
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
-
-#include "domain/crypto.h"
 
 namespace tavro {
 namespace {

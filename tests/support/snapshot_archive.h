@@ -3,13 +3,9 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "domain/manifest.h"
+#include "support/testing.h"
 
 struct archive_entry;
 

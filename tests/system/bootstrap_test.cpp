@@ -1,7 +1,5 @@
 // The bootstrap from its command line to a running launcher, with real processes on both sides.
 
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 #include <pty.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -14,17 +12,13 @@
 #include "app/launcher_bootstrap.h"
 #include "app/launcher_startup.h"
 #include "app/start_marker.h"
-#include "domain/input.h"
-#include "support/failure.h"
 #include "support/installation.h"
 #include "support/launched.h"
-#include "support/temp_folder.h"
 #include "system/installer_program.h"
 
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace testing;
 using Words = std::vector<std::string>;
 

@@ -1,10 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
-
-#include "domain/input.h"
 #include "platform/allocated_file.h"
-#include "support/failure.h"
 #include "support/signed_repository.h"
 #include "system/installer_program.h"
 #include "system/nginx.h"
@@ -14,7 +8,6 @@ namespace tavro {
 namespace {
 
 using namespace std::string_literals;
-namespace fs = std::filesystem;
 
 struct Served {
   TempFolder folder;

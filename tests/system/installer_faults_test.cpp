@@ -1,15 +1,10 @@
 // The real installer, struck at every point of its work: by SIGKILL, by Ctrl+C, by a second
 // installer, by a running client and by a full disk.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/mount.h>
 
 #include <csignal>
 #include <cstring>
-#include <fstream>
-#include <functional>
 
 #include "platform/native_lock.h"
 #include "system/installer_program.h"
@@ -17,7 +12,6 @@
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::AnyOf;
 
 SealedPackageOptions package_of(std::size_t files, std::size_t bytes) {

@@ -1,16 +1,11 @@
 #include "system/installer_program.h"
 
 #include <fcntl.h>
-#include <nlohmann/json.hpp>
-#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
-#include <fstream>
-#include <stdexcept>
-
-#include "domain/crypto.h"
-#include "domain/input.h"
+#include <cstdlib>
 
 namespace tavro {
 namespace {
@@ -28,42 +23,34 @@ std::string Ending::code() const {
   return line.is_object() && line.contains("problem") ? line["problem"].value("code", "") : "";
 }
 
-Started::Started(const std::filesystem::path& scratch, const std::filesystem::path& image,
+Started::Started(const fs::path& scratch, const fs::path& image,
                  const std::vector<std::string>& arguments,
-                 const std::map<std::string, std::string>& environment)
-    : output_(scratch / ("out-" + random_id())), errors_(scratch / ("err-" + random_id())) {
-  std::vector<std::string> texts = {"HOME=" + scratch.string(), "PATH=/usr/bin:/bin",
-                                    "XDG_DATA_HOME=" + (scratch / "share").string(),
-                                    "ASAN_OPTIONS=verify_asan_link_order=0"};
-  for (const auto& [key, value] : environment) texts.push_back(key + "=" + value);
-  std::vector<char*> variables, words = {const_cast<char*>(image.c_str())};
-  for (auto& text : texts) variables.push_back(text.data());
-  for (const auto& word : arguments) words.push_back(const_cast<char*>(word.c_str()));
-  variables.push_back(nullptr);
-  words.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, output_.c_str(), O_WRONLY | O_CREAT, 0600);
-  posix_spawn_file_actions_addopen(&files, 2, errors_.c_str(), O_WRONLY | O_CREAT, 0600);
-  const int failed =
-      posix_spawn(&pid_, image.c_str(), &files, nullptr, words.data(), variables.data());
-  posix_spawn_file_actions_destroy(&files);
-  if (failed != 0) throw std::runtime_error("cannot start " + image.string());
-}
+                 const Launched::Environment& environment)
+    : output_(scratch / ("out-" + random_id())),
+      errors_(scratch / ("err-" + random_id())),
+      process_([&] {
+        dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+        dup2(open(output_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), 1);
+        dup2(open(errors_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), 2);
+        clearenv();
+        setenv("HOME", scratch.c_str(), 1);
+        setenv("PATH", "/usr/bin:/bin", 1);
+        setenv("XDG_DATA_HOME", (scratch / "share").c_str(), 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+        return Launched::become(image, environment, arguments);
+      }) {}
 
-void Started::send(int signal) const { kill(pid_, signal); }
+void Started::send(int signal) const { kill(process_.id(), signal); }
 
-bool Started::wait_stopped() {
-  waitpid(pid_, &wait_status_, WUNTRACED);
-  return WIFSTOPPED(wait_status_);
+bool Started::wait_stopped() const {
+  siginfo_t event{};
+  waitid(P_PID, static_cast<id_t>(process_.id()), &event, WEXITED | WSTOPPED | WNOWAIT);
+  return event.si_code == CLD_STOPPED;
 }
 
 Ending Started::wait() {
-  if (wait_status_ == 0 || WIFSTOPPED(wait_status_)) waitpid(pid_, &wait_status_, 0);
-  const bool exited = WIFEXITED(wait_status_);
-  return {exited ? WEXITSTATUS(wait_status_) : 128 + WTERMSIG(wait_status_),
-          read_file(output_, output_bytes), read_file(errors_, output_bytes)};
+  const int status = process_.status();
+  return {status, read_file(output_, output_bytes), read_file(errors_, output_bytes)};
 }
 
 InstallerWorld::InstallerWorld(const SealedPackageOptions& options)

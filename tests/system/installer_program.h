@@ -2,14 +2,8 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
-#include <map>
-#include <string>
-#include <vector>
-
-#include "domain/json.h"
+#include "support/launched.h"
 #include "support/sealed_package.h"
-#include "support/temp_folder.h"
 
 namespace tavro {
 
@@ -29,20 +23,17 @@ struct Ending {
 /// A process with its own user folders, whose output goes to files in `scratch`.
 class Started {
  public:
-  Started(const std::filesystem::path& scratch, const std::filesystem::path& image,
-          const std::vector<std::string>& arguments,
-          const std::map<std::string, std::string>& environment);
+  Started(const fs::path& scratch, const fs::path& image, const std::vector<std::string>& arguments,
+          const Launched::Environment& environment);
 
   void send(int signal) const;
   /// True once the process has stopped at a signal, false when it has ended instead.
-  bool wait_stopped();
+  bool wait_stopped() const;
   Ending wait();
 
  private:
-  std::filesystem::path output_;
-  std::filesystem::path errors_;
-  pid_t pid_ = -1;
-  int wait_status_ = 0;
+  fs::path output_, errors_;
+  Launched process_;
 };
 
 /// One data folder, a sealed package, and the installer that was built for it.

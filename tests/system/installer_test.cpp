@@ -1,18 +1,9 @@
 // What a user meets: the real programs, from the command line to the exit status.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
-#include <functional>
-
 #include "system/installer_program.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 void put(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());

@@ -1,18 +1,12 @@
 // How a client is removed by its own helpers, in this process and by the real programs.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 #include <atomic>
-#include <fstream>
 
 #include "app/maintenance_handoff.h"
 #include "app/maintenance_runtime.h"
-#include "domain/input.h"
 #include "platform/child_process.h"
-#include "support/failure.h"
 #include "support/installation.h"
 #include "support/launched.h"
 #include "system/installer_program.h"
@@ -20,7 +14,6 @@
 namespace tavro {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
+#include <csignal>
+#include <stdexcept>
 
-#include <filesystem>
-#include <string>
-#include <vector>
+#include "support/launched.h"
+#include "system/installer_program.h"
 
 namespace tavro {
 
@@ -12,22 +12,25 @@ namespace tavro {
 /// What a folder shows may change meanwhile.
 class Nginx {
  public:
-  /// `mode` is --http2, --http1 or --plain (no TLS). Keeps certificates and logs in the new folder
-  /// `work`; `directives` go into the server block.
-  Nginx(const std::filesystem::path& work, const std::filesystem::path& served,
-        const std::string& mode = "--http2", const std::vector<std::string>& directives = {});
-  Nginx(const Nginx&) = delete;
-  ~Nginx();
+  /// `mode` is --http2 or --http1. Keeps certificates and logs in the new folder `work`;
+  /// `directives` go into the server block.
+  Nginx(const fs::path& work, const fs::path& served, const std::string& mode = "--http2",
+        const std::string& directive = {})
+      : bundle_(work / "ca.pem"),
+        server_(program("tavro-serve"), {}, {}, {mode, work, served, directive}),
+        origin_(server_.line()) {
+    if (!origin_.starts_with("https://")) throw std::runtime_error("cannot start nginx");
+  }
+  ~Nginx() { ::kill(server_.id(), SIGTERM), server_.status(); }
 
-  /// https:// and "localhost", whatever the mode.
   const std::string& origin() const { return origin_; }
   /// The authority that signed the server's certificate.
-  std::filesystem::path bundle() const { return work_ / "ca.pem"; }
+  const fs::path& bundle() const { return bundle_; }
 
  private:
-  std::filesystem::path work_;
+  fs::path bundle_;
+  Launched server_;
   std::string origin_;
-  pid_t pid_ = -1;
 };
 
 }  // namespace tavro

@@ -1,11 +1,6 @@
 #include "transport/download_response.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "support/failure.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

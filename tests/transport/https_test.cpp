@@ -1,15 +1,8 @@
 #include "transport/https.h"
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <fstream>
-
-#include "domain/input.h"
 #include "platform/allocated_file.h"
-#include "support/failure.h"
 #include "support/scripted_tls_server.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

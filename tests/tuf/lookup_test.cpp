@@ -1,6 +1,3 @@
-#include <gtest/gtest.h>
-
-#include "domain/crypto.h"
 #include "tuf/trusted_client.h"
 
 namespace tavro {

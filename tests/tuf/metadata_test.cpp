@@ -1,9 +1,7 @@
 #include "tuf/metadata.h"
 
-#include <gtest/gtest.h>
-
-#include "support/failure.h"
 #include "support/signed_repository.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

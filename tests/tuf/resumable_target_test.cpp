@@ -1,18 +1,11 @@
 #include "tuf/resumable_target.h"
 
-#include <gtest/gtest.h>
-
-#include <fstream>
-
-#include "domain/crypto.h"
 #include "platform/files.h"
 #include "support/fail_nth_call.h"
 #include "tuf/trusted_client.h"
 
 namespace tavro {
 namespace {
-
-namespace fs = std::filesystem;
 
 struct ResumableTarget : testing::Test {
   TrustedClient trusted;

@@ -1,13 +1,7 @@
 #include "tuf/threshold.h"
 
-#include <gtest/gtest.h>
-
-#include <fstream>
-
-#include "domain/crypto.h"
-#include "support/failure.h"
 #include "support/signed_repository.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 
 namespace tavro {
 namespace {

@@ -1,14 +1,8 @@
 #pragma once
 
-#include <map>
-#include <optional>
-#include <string>
-
-#include "domain/input.h"
 #include "platform/allocated_file.h"
-#include "support/failure.h"
 #include "support/signed_repository.h"
-#include "support/temp_folder.h"
+#include "support/testing.h"
 #include "transport/download_response.h"
 #include "tuf/tuf.h"
 

@@ -1,9 +1,5 @@
 #include "tuf/tuf.h"
 
-#include <gtest/gtest.h>
-
-#include <fstream>
-
 #include "support/fail_nth_call.h"
 #include "tuf/trusted_client.h"
 
