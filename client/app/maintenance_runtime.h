@@ -43,7 +43,7 @@ class MaintenanceRuntime {
   /// In the helper: what the environment says of its start. Null when nobody waits for it and there
   /// is no copy, as after `replace` and `launch_console`. Build and role are not looked at, so this
   /// proves nothing: see `launcher_helper_guard`. Throws `maintenance_copy` when the running image
-  /// does not lie in the copy that is named, and `unsafe_path`.
+  /// does not lie in the copy that is named, and what `process_environment` throws.
   static std::unique_ptr<MaintenanceRuntime> attach(std::string_view build_id,
                                                     std::string_view role);
   ~MaintenanceRuntime();
@@ -63,7 +63,8 @@ class MaintenanceRuntime {
   std::unique_ptr<ChildProcess> launch_console(const std::vector<std::string>& arguments);
 
   /// Starts the helper and returns once it has shown itself. Throws `maintenance_startup` when it
-  /// ended or `limit` passed before that, in which case it is stopped; and as `ChildProcess`.
+  /// ended or `limit` passed before that, in which case it is stopped; as `ChildProcess`; and
+  /// `std::filesystem::filesystem_error` when the system has no temporary folder.
   std::unique_ptr<ChildProcess> launch_gui(const std::vector<std::string>& arguments,
                                            std::chrono::milliseconds limit);
 
