@@ -17,23 +17,15 @@ if(TAVRO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${TAVRO_CCACHE})
 endif()
 
-find_package(Threads REQUIRED)
-find_package(OpenSSL 3 REQUIRED)
-find_package(CURL REQUIRED)
-find_package(LibArchive REQUIRED)
-# Of the archive library only the tar reader is used: its static form brings that and nothing else,
-# where the shared one loads a dozen libraries at every start.
-find_library(TAVRO_STATIC_ARCHIVE libarchive.a)
-find_library(TAVRO_STATIC_UTF8PROC libutf8proc.a)
-find_package(nlohmann_json 3.11.2 REQUIRED)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd)
-pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)
+include(TavroDependencies)
 
 # tavro_prefer_static(NAME ARCHIVE SHARED-TARGET): the static archive where the system has one.
 function(tavro_prefer_static name archive shared)
   add_library(tavro_${name} INTERFACE)
   add_library(tavro::${name} ALIAS tavro_${name})
+  # What nothing calls is left out in every build: the static archive's writer names libraries that
+  # only its other formats need.
+  target_link_options(tavro_${name} INTERFACE -Wl,--gc-sections)
   if(archive)
     target_link_libraries(tavro_${name} INTERFACE ${archive})
   else()
@@ -53,10 +45,7 @@ target_compile_definitions(tavro_settings INTERFACE
   _FILE_OFFSET_BITS=64
   $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>
   $<$<BOOL:${TAVRO_CHECKED_LIBRARY}>:_GLIBCXX_ASSERTIONS>)
-# What nothing calls is left out in every build: the static archive's writer names libraries that only
-# its other formats need.
-target_link_options(tavro_settings INTERFACE
-  -Wl,--gc-sections $<$<CONFIG:Release>:-Wl,-z,relro,-z,now>)
+target_link_options(tavro_settings INTERFACE $<$<CONFIG:Release>:-Wl,-z,relro,-z,now>)
 if(TAVRO_SANITIZE)
   target_compile_options(tavro_settings INTERFACE
     -fsanitize=${TAVRO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
@@ -64,15 +53,17 @@ if(TAVRO_SANITIZE)
 endif()
 
 # tavro_floor(NAME LINKS lib... SOURCES file...): one static library, tavro::NAME, whose includes
-# start at client/.
+# start at client/, and at include/tavro/ once it is installed.
 function(tavro_floor name)
   cmake_parse_arguments(FLOOR "" "" "LINKS;PRIVATE_LINKS;SOURCES" ${ARGN})
   add_library(tavro_${name} STATIC ${FLOOR_SOURCES})
   add_library(tavro::${name} ALIAS tavro_${name})
-  target_include_directories(tavro_${name} PUBLIC ${PROJECT_SOURCE_DIR}/client)
+  target_include_directories(tavro_${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/client> $<INSTALL_INTERFACE:include/tavro>)
+  target_compile_features(tavro_${name} PUBLIC cxx_std_20)
   target_link_libraries(tavro_${name}
     PUBLIC nlohmann_json::nlohmann_json ${FLOOR_LINKS}
-    PRIVATE tavro_settings ${FLOOR_PRIVATE_LINKS})
+    PRIVATE $<BUILD_INTERFACE:tavro_settings> ${FLOOR_PRIVATE_LINKS})
 endfunction()
 
 # tavro_program(NAME LINKS lib... SOURCES file...): one executable in bin/.
