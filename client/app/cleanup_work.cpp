@@ -34,6 +34,11 @@ bool ends_the_cleanup(std::string_view code) {
   return std::find(codes.begin(), codes.end(), code) != codes.end();
 }
 
+/// What the user may not do now, no later cleanup will do either.
+bool is_denied(const std::error_code& error) {
+  return error == std::errc::permission_denied || error == std::errc::operation_not_permitted;
+}
+
 }  // namespace
 
 CleanupWork::CleanupWork(fs::path directory, CleanupMode mode, std::function<bool()> cancelled)
@@ -49,19 +54,26 @@ void CleanupWork::require_wanted() const {
   require(!cancelled_ || !cancelled_(), "cancelled", "Cleanup was cancelled");
 }
 
-void CleanupWork::consider(const fs::path& path, const std::function<void()>& work) {
+bool CleanupWork::consider(const fs::path& path, const std::function<void()>& work) {
   try {
     work();
+    return true;
   } catch (const Error& error) {
     if (ends_the_cleanup(error.code)) throw;
     keep(path, error.code == "busy" ? in_use : error.what());
+  } catch (const fs::filesystem_error& error) {
+    if (!is_denied(error.code())) throw;
+    keep(path, error.what());
   }
+  return false;
 }
 
 void CleanupWork::drop(std::string_view kind, const fs::path& path) {
   require_wanted();
   take(path);
-  tell(kind, path, is_file(path) ? fs::file_size(path) : 0);
+  std::error_code error;
+  const auto bytes = is_file(path) ? fs::file_size(path, error) : 0;
+  tell(kind, path, error ? 0 : bytes);
   if (performs_) remove_durably(path);
 }
 

@@ -29,15 +29,16 @@ class CleanupWork {
   /// Throws `cancelled` once nothing more is wanted; asked between two items.
   void require_wanted() const;
 
-  /// Does what one thing needs. What cannot be explained there stays, with the failure as the
-  /// reason, and ends nothing else: otherwise a single file would keep updates away for ever. Only
-  /// what fails to be written or removed passes on, and `cancelled`.
-  void consider(const std::filesystem::path& path, const std::function<void()>& work);
+  /// Does what one thing needs. What cannot be explained there, or belongs to somebody else, stays
+  /// with the failure as the reason and ends nothing else, since a single file would otherwise keep
+  /// updates away for ever: false. Only what fails to be written or removed passes on, and
+  /// `cancelled`.
+  bool consider(const std::filesystem::path& path, const std::function<void()>& work);
 
   /// Removes one file, or a folder that is empty by then, durably.
   void drop(std::string_view kind, const std::filesystem::path& path);
 
-  /// Tells of something that the caller removes.
+  /// Tells of something that the caller has removed, or would have.
   void tell(std::string_view kind, const std::filesystem::path& path, unsigned long long bytes);
   /// Tells of something that stays.
   void keep(const std::filesystem::path& path, std::string_view reason);

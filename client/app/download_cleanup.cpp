@@ -60,7 +60,9 @@ void clean_group(CleanupWork& work, const json& group) {
       work.drop("download_record", work.child("downloads/" + text_member(file, "name")));
     drop_verified(work, text_member(receipt, "target"), receipt.at("authorization"));
     const fs::path place = work.child("downloads/" + temporary);
-    if (stands(place) && !work.took(place)) return;
+    if (stands(place) && !work.took(place))
+      return work.keep(work.child(download_receipt_path(text_member(group, "nonce"))),
+                       "What stands at its partial file's place is no file");
   }
   for (const json& file : group.at("files"))
     work.drop("download_record", work.child("download-intents/" + text_member(file, "name")));
@@ -71,14 +73,15 @@ void clean_unpacked(CleanupWork& work) {
   const auto described = [](unsigned long long length, const std::string& sha256) {
     return json{{"length", length}, {"hashes", {{"sha256", sha256}}}};
   };
-  for (const auto& entry : children(work.child("manifests"))) {
-    const auto manifest = stored_descriptor(entry);
-    if (!manifest) continue;
-    drop_verified(work, launcher_manifest_target(native_platform()),
-                  described(fs::file_size(entry), leading_id(entry, digest_characters, ".json")));
-    drop_verified(work, manifest->archive_target,
-                  described(manifest->archive_length, manifest->archive_sha256));
-  }
+  for (const auto& entry : children(work.child("manifests")))
+    work.consider(entry, [&] {
+      const auto manifest = stored_descriptor(entry);
+      if (!manifest) return;
+      drop_verified(work, launcher_manifest_target(native_platform()),
+                    described(fs::file_size(entry), leading_id(entry, digest_characters, ".json")));
+      drop_verified(work, manifest->archive_target,
+                    described(manifest->archive_length, manifest->archive_sha256));
+    });
 }
 
 /// What is left has no owner; the folders that only downloads made go once they are empty.
@@ -103,13 +106,11 @@ void clean_other_downloads(CleanupWork& work) {
 
 bool clean_downloads(CleanupWork& work) {
   std::map<std::string, json> groups;
-  try {
+  // A receipt that cannot be explained may own any of the files, and be explained later.
+  const bool explained = work.consider(work.child("download-intents"), [&] {
     groups = launcher_download_receipts(work.directory());
-  } catch (const Error& error) {
-    // One that cannot be explained may own any of the files, and be explained later.
-    work.keep(work.child("download-intents"), error.what());
-    return false;
-  }
+  });
+  if (!explained) return false;
   for (const auto& group : groups)
     work.consider(work.child(download_receipt_path(group.first)),
                   [&] { clean_group(work, group.second); });

@@ -67,10 +67,7 @@ class Cleanup {
     clean_versions();
     clean_descriptors();
     clean_startups();
-    for (const auto& entry : children(store_.directory()))
-      if (is_unfinished_write(entry, "installation.json") ||
-          is_unfinished_write(entry, "cleanup.json"))
-        work_.drop("unfinished_write", entry);
+    clean_documents();
     if (work_.performs()) remove_durably(record);
     return std::move(work_.report());
   }
@@ -139,10 +136,12 @@ class Cleanup {
     work_.take(tree);
     work_.consider(tree, [&] {
       const auto bytes = tree_bytes(tree, cleanup_tree_entries);
-      if (stands(tree)) work_.tell("staging", tree, bytes);
-      if (!work_.performs()) return;
-      remove_plain_tree(tree);
-      remove_durably(intent);
+      const bool stood = stands(tree);
+      if (work_.performs()) {
+        remove_plain_tree(tree);
+        remove_durably(intent);
+      }
+      if (stood) work_.tell("staging", tree, bytes);
     });
   }
 
@@ -162,9 +161,10 @@ class Cleanup {
     if (!holds_only(*manifest, tree))
       return work_.keep(tree, "It holds files that are not of this version");
     work_.require_wanted();
-    work_.tell("version", tree, tree_bytes(tree, cleanup_tree_entries));
+    const auto bytes = tree_bytes(tree, cleanup_tree_entries);
     if (!keeps_downloads_) work_.take(descriptor);
     if (work_.performs()) retire(tree, descriptor, reference);
+    work_.tell("version", tree, bytes);
   }
 
   static bool holds_only(const LauncherManifest& manifest, const fs::path& tree) {
@@ -232,7 +232,7 @@ class Cleanup {
   bool is_startup_file(const fs::path& path, const std::string& nonce) const {
     if (!is_lower_hex(nonce, nonce_characters) || !is_file(path)) return false;
     return path.filename() == nonce + ".json" || is_unfinished_write(path, nonce + ".json") ||
-           path == work_.child("leases/attempts/" + nonce + ".lock");
+           path == store_.directory() / "leases" / "attempts" / (nonce + ".lock");
   }
 
   /// No later start takes this nonce again, so that here, and only here, a lock file may go.
@@ -242,6 +242,14 @@ class Cleanup {
     for (const auto& path : files)
       if (path != lock) work_.drop("startup_record", path);
     if (held) work_.drop("startup_record", lock);
+  }
+
+  /// Of the start marker, which no lock guards, the write may be under way: then that start is not
+  /// counted, and no more.
+  void clean_documents() {
+    for (const auto& entry : children(store_.directory()))
+      for (const auto* name : {"installation.json", "cleanup.json", "start-attempt.json"})
+        if (is_unfinished_write(entry, name)) work_.drop("unfinished_write", entry);
   }
 
   const LauncherStore& store_;

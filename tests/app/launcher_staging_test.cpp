@@ -239,22 +239,25 @@ TEST_F(LauncherStaging, EndsACleanupWhateverItMeets) {
   }
   select("rollback", nullptr);
   const fs::path away = trusted.folder.path() / "away";
-  const std::string nonce(32, 'a'), unknown(64, 'b'), cached = "downloads/launcher.tar.zst";
+  const std::string nonce(32, 'a'), other(32, 'c'), unknown(64, 'b'),
+      cached = "downloads/launcher.tar.zst", torn = "start-attempt.json." + nonce + ".tmp";
   fs::rename(child("versions/" + names[0]), away);
   fs::remove_all(child("versions/" + names[1]));
   fs::remove(child(cached));
   for (const auto& link : {"versions/" + names[0], "manifests/" + unknown + ".json",
-                           "staging/" + nonce, std::string(cached)})
+                           "staging/" + nonce, "leases/attempts/" + other + ".lock", cached})
     fs::create_symlink(away, child(link));
   put_file(child("intents/" + nonce + ".json"),
            staging_intent(nonce, store().load().at("active")).dump());
-  for (const auto& file : {"versions/" + names[1], "versions/" + unknown,
-                           "intents/." + nonce + ".tmp", "leases/attempts/" + nonce + ".lock"})
+  for (const auto& file :
+       {"versions/" + names[1], "versions/" + unknown, "intents/." + nonce + ".tmp",
+        "leases/attempts/" + nonce + ".lock", "health/" + other, torn})
     put_file(child(file), "mine");
   EXPECT_GE(clean().at("kept").size(), 9u);
   EXPECT_FALSE(fs::exists(child("cleanup.json")));
   EXPECT_EQ(entries("versions"), 4u);
-  EXPECT_EQ(entries("staging") + entries("leases/attempts"), 2u);
+  EXPECT_EQ(entries("staging") + entries("leases/attempts"), 3u);
+  EXPECT_FALSE(fs::exists(child(torn)));
   EXPECT_EQ(entries("intents"), 2u);
   expect_whole(store().load().at("active"));
 }
