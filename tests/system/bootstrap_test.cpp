@@ -248,29 +248,33 @@ TEST_F(Bootstrap, SettlesWhatAKilledOneLeft) {
   EXPECT_EQ(state("failed_candidate").at("problem"), "startup_interrupted");
 
   std::set<std::string> found;
-  for (int call = 1, status = 0; status != 3 && !HasFailure(); ++call) {
-    SCOPED_TRACE(call);
+  const auto die_at = [&](int call, const std::string& steps) {
+    SCOPED_TRACE(steps + std::to_string(call));
     select(first, second);
     auto struck = start({}, usual,
-                        {{candidate, healthy},
+                        {{candidate, steps},
                          {"LD_PRELOAD", program("libsignal_at_call.so")},
                          {"ASAN_OPTIONS", "verify_asan_link_order=0"},
                          {"TAVRO_TEST_SIGNAL", std::to_string(SIGKILL)},
                          {"TAVRO_TEST_CALL", std::to_string(call)}});
     struck.rest();
-    status = struck.status();
+    const int status = struck.status();
     while (waitpid(-1, nullptr, 0) > 0) continue;  // the launcher, if it was started
     const bool proved = state("active") == second;
     // The next start proves what still waits, and runs what works.
     const int next = start({}, usual, {{candidate, healthy}}).status();
-    const bool lost = !state("failed_candidate").is_null();
-    EXPECT_EQ(state("active"), lost ? first : second);
-    EXPECT_EQ(next, lost ? 7 : 3);
+    const json lost = state("failed_candidate");
+    EXPECT_EQ(state("active"), lost.is_null() ? second : first);
+    EXPECT_EQ(next, lost.is_null() ? 3 : 7);
     EXPECT_TRUE(state("attempt").is_null() && state("candidate").is_null());
-    found.insert(lost ? "lost" : proved ? "proved" : "waiting");
-  }
+    found.insert(!lost.is_null() ? lost.at("problem") : proved ? "proved" : "waiting");
+    return status == 128 + SIGKILL && !HasFailure();
+  };
+  for (const auto& steps : {healthy, std::string("exit:0")})
+    for (int call = 1; die_at(call, steps); ++call) continue;
   prctl(PR_SET_CHILD_SUBREAPER, 0);
-  EXPECT_EQ(found, (std::set<std::string>{"waiting", "lost", "proved"}));
+  EXPECT_EQ(found,
+            (std::set<std::string>{"waiting", "startup_interrupted", "startup_failed", "proved"}));
 }
 
 }  // namespace
