@@ -13,6 +13,7 @@
 #include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "domain/theme.h"
 #include "domain/unique_fd.h"
 #include "platform/files.h"
 #include "platform/native_platform.h"
@@ -81,6 +82,25 @@ json optional_file(Planner& planner, const std::string& name, const std::filesys
   return planner.document(name, read_file(path, package_attachment_bytes));
 }
 
+json theme_entry(Planner& planner, const std::filesystem::path& folder) {
+  std::string definition = read_file(folder / kThemeDefinition, kThemeDefinitionBytes);
+  json files = json::object();
+  for (const std::string& name : theme_files(parse_json(definition, kThemeDefinitionBytes)))
+    files[name] = planner.document(std::string(package_theme_prefix) + name,
+                                   read_file(folder / name, kThemeFontBytes));
+  return {{"definition", planner.document(std::string(kThemeDefinition), std::move(definition))},
+          {"files", std::move(files)}};
+}
+
+json brand_entry(Planner& planner, const PackageRequest& request) {
+  json brand = {{"name", request.brand->name},
+                {"id", request.brand->id},
+                {"publisher", request.brand->publisher},
+                {"icon", optional_file(planner, "brand.ico", request.icon)}};
+  if (!request.theme.empty()) brand["theme"] = theme_entry(planner, request.theme);
+  return brand;
+}
+
 void copy_archive(const std::filesystem::path& from, const std::filesystem::path& to,
                   const std::function<void(std::size_t)>& copied) {
   const UniqueFd source(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -128,11 +148,7 @@ PackagePlan plan_package(const PackageRequest& request) {
   if (request.featured_game)
     descriptor["featured_game"] = {{"id", request.featured_game->id},
                                    {"name", request.featured_game->name}};
-  if (request.brand)
-    descriptor["brand"] = {{"name", request.brand->name},
-                           {"id", request.brand->id},
-                           {"publisher", request.brand->publisher},
-                           {"icon", optional_file(planner, "brand.ico", request.icon)}};
+  if (request.brand) descriptor["brand"] = brand_entry(planner, request);
   return planner.seal(descriptor);
 }
 
@@ -145,6 +161,7 @@ std::string assemble_package(const PackageRequest& request, const Progress& prog
   for (const auto& [name, bytes] : plan.documents) create_document(assembly.folder() / name, bytes);
   assembly.publish([&](const std::filesystem::path& folder) {
     read_native_package(folder, plan.seal, progress);
+    package_theme(folder, plan.seal);
   });
   return plan.seal;
 }

@@ -19,6 +19,7 @@ struct PackageRequest {
   std::filesystem::path launcher;
   std::optional<Brand> brand;       ///< its `icon` is not looked at
   std::filesystem::path icon;       ///< only with a brand; empty means none
+  std::filesystem::path theme;      ///< its folder, likewise
   std::filesystem::path ca_bundle;  ///< empty means none
   std::optional<FeaturedGame> featured_game;
 };
@@ -37,9 +38,9 @@ struct PackagePlan {
 PackagePlan plan_package(const PackageRequest& request);
 
 /// Makes the package folder and returns its seal. It is read back as the installer reads it before
-/// it appears; errors of that reading pass unchanged. A CA bundle without a certificate, or with a
-/// private key, is `invalid_package`. The archives are copied, not linked: a
-/// package shares no bytes on disk with anything that may change.
+/// it appears, and a theme is proved as a front end proves it; errors of that pass unchanged. A CA
+/// bundle without a certificate, or with a private key, is `invalid_package`. The archives are
+/// copied, not linked: a package shares no bytes on disk with anything that may change.
 std::string assemble_package(const PackageRequest& request, const Progress& progress);
 
 }  // namespace tavro

@@ -91,8 +91,9 @@ void require_together(const Arguments& arguments, std::initializer_list<std::str
 
 std::optional<Brand> brand_of(const Arguments& arguments) {
   require_together(arguments, {"--brand-name", "--brand-id", "--brand-publisher"});
-  require(!arguments.has("--brand-icon") || arguments.has("--brand-name"), "usage",
-          "Option --brand-icon needs --brand-name");
+  for (const std::string option : {"--brand-icon", "--brand-theme"})
+    require(!arguments.has(option) || arguments.has("--brand-name"), "usage",
+            [&] { return "Option " + option + " needs --brand-name"; });
   if (!arguments.has("--brand-name")) return std::nullopt;
   return Brand{arguments.value("--brand-name"), arguments.value("--brand-id"),
                arguments.value("--brand-publisher"), arguments.has("--brand-icon")};
@@ -114,6 +115,7 @@ CommandResult make_package(const Arguments& arguments, const CommandContext& con
   request.launcher = path_option(arguments, "--launcher");
   request.brand = brand_of(arguments);
   request.icon = path_option(arguments, "--brand-icon");
+  request.theme = path_option(arguments, "--brand-theme");
   request.ca_bundle = path_option(arguments, "--ca-bundle");
   request.featured_game = featured_game_of(arguments);
   const std::string seal = assemble_package(request, context.phase("Assembling…"));
@@ -176,6 +178,7 @@ std::vector<PublishCommand> package_commands() {
         {"--brand-id", "ID", "The brand's identifier"},
         {"--brand-publisher", "NAME", "The brand's publisher"},
         {"--brand-icon", "FILE", "The brand's icon (.ico)"},
+        {"--brand-theme", "DIR", "The brand's colours, fonts and pictures: see theme"},
         {"--ca-bundle", "FILE", "Certificates of a repository with a private CA (PEM)"},
         {"--featured-id", "ID", "The game that is offered first"},
         {"--featured-name", "NAME", "Its display name"}},

@@ -7,11 +7,13 @@
 #include <system_error>
 #include <utility>
 
+#include "app/data_folder.h"
 #include "domain/error.h"
 #include "domain/identifier.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
 #include "domain/relative_path.h"
+#include "domain/theme.h"
 
 namespace tavro {
 namespace {
@@ -93,9 +95,14 @@ void use_installed_brand(const std::filesystem::path& root) {
   const auto brand = installed_brand(root);
   if (!brand) return;
   set_product_name(brand->name);
+  use_installed_theme(root);
   std::error_code ignored;
   const auto icon = brand_icon_path(root);
   if (brand->icon && std::filesystem::is_regular_file(icon, ignored)) set_product_icon(icon);
+}
+
+void use_installed_theme(const std::filesystem::path& root) {
+  if (auto installed = load_theme(theme_directory(root))) set_theme(*std::move(installed));
 }
 
 std::filesystem::path brand_icon_path(const std::filesystem::path& root) {

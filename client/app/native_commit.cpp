@@ -71,10 +71,19 @@ void commit_icon(const DataPaths& paths, const NativePackage& package) {
     atomic_write(icon, package.brand_icon);
 }
 
-/// A theme that the package does not have does not outlive the commit. Packages carry none yet.
-void commit_theme(const DataPaths& paths) {
-  remove_plain_tree(paths.staging / "theme");
-  remove_plain_tree(theme_directory(paths.root));
+/// A theme that the package does not have does not outlive the commit.
+void commit_theme(const DataPaths& paths, const NativePackage& package) {
+  const fs::path staged = paths.staging / "theme";
+  const fs::path live = theme_directory(paths.root);
+  remove_plain_tree(staged);
+  if (!package.theme) {
+    remove_plain_tree(live);
+    return;
+  }
+  atomic_write(staged / kThemeDefinition, package.theme->definition);
+  for (const auto& [name, bytes] : package.theme->files)
+    atomic_write(staged / path_from_utf8(name), bytes);
+  swap_part({live, staged, paths.staging / "old-theme"});
 }
 
 /// What a part was before is dropped whole: a link in it, which the proof of the staging folder
@@ -99,7 +108,7 @@ void commit(const DataPaths& paths, const NativePackage& package, const InstallP
   if (!package.ca_bundle.empty()) atomic_write(paths.repository_ca, package.ca_bundle);
   atomic_write(paths.repository, repository);
   commit_icon(paths, package);
-  commit_theme(paths);
+  commit_theme(paths, package);
 
   // The record follows all that it describes, and the marker goes last: what a crash leaves before
   // that is unfinished, whatever it looks like.

@@ -38,6 +38,7 @@ struct PackageResources {
   Resource launcher_manifest;
   std::optional<Resource> ca_bundle;
   std::optional<Resource> icon;
+  std::optional<ThemeResources> theme;
 };
 
 /// Without its last separator, so that a link with one behind it is still seen as a link. Empty for
@@ -55,7 +56,7 @@ void check_origin(const std::string& origin) {
           "The package origin must be a plain HTTPS origin");
 }
 
-PackageResources parse_resources(const json& document, std::optional<Resource> icon) {
+PackageResources parse_resources(const json& document, std::optional<DescriptorBrand> brand) {
   PackageResources resources;
   resources.root = parse_resource(document.at("root"), package_document_bytes);
   resources.bootstrap_manifest =
@@ -64,7 +65,10 @@ PackageResources parse_resources(const json& document, std::optional<Resource> i
       parse_resource(document.at("launcher_manifest"), package_document_bytes);
   const auto& bundle = document.at("ca_bundle");
   if (!bundle.is_null()) resources.ca_bundle = parse_resource(bundle, package_attachment_bytes);
-  resources.icon = std::move(icon);
+  if (brand) {
+    resources.icon = std::move(brand->icon);
+    resources.theme = std::move(brand->theme);
+  }
   return resources;
 }
 
@@ -83,9 +87,11 @@ void read_small_files(NativePackage& package, const PackageResources& resources)
       read_resource(package.root, resources.launcher_manifest, package_document_bytes);
   if (resources.ca_bundle)
     package.ca_bundle = read_resource(package.root, *resources.ca_bundle, package_attachment_bytes);
-  if (!resources.icon) return;
-  package.brand_icon = read_resource(package.root, *resources.icon, package_attachment_bytes);
-  check_icon(package.brand_icon);
+  if (resources.icon) {
+    package.brand_icon = read_resource(package.root, *resources.icon, package_attachment_bytes);
+    check_icon(package.brand_icon);
+  }
+  if (resources.theme) package.theme = read_sealed_theme(package.root, *resources.theme);
 }
 
 void check_root_metadata(std::string_view text) {
@@ -123,6 +129,10 @@ std::vector<Resource> proof_list(const PackageResources& resources, const Native
                                 resources.launcher_manifest};
   if (resources.ca_bundle) list.push_back(*resources.ca_bundle);
   if (resources.icon) list.push_back(*resources.icon);
+  if (resources.theme) {
+    list.push_back(resources.theme->definition);
+    for (const auto& [name, file] : resources.theme->files) list.push_back(file);
+  }
   list.push_back(archive_resource(package.bootstrap));
   list.push_back(archive_resource(package.launcher));
   return list;
@@ -185,7 +195,7 @@ PackageResources read_descriptor(NativePackage& package) {
           "This package is for another platform");
   package.origin = document.at("origin").get<std::string>();
   check_origin(package.origin);
-  return parse_resources(document, brand ? std::move(brand->icon) : std::nullopt);
+  return parse_resources(document, std::move(brand));
 }
 
 NativePackage read_package(const fs::path& path, std::string_view seal, const Progress& progress) {
@@ -236,6 +246,18 @@ std::optional<Brand> package_brand(const fs::path& path, std::string_view seal) 
 std::optional<FeaturedGame> package_featured_game(const fs::path& path, std::string_view seal) {
   require_seal(seal);
   return reading_package([&] { return parse_featured_game(sealed_descriptor(path, seal)); });
+}
+
+std::optional<Theme> package_theme(const fs::path& path, std::string_view seal) {
+  require(is_lower_hex(seal, 64), "native_install_trust", "This installer has no package seal");
+  return reading_package([&]() -> std::optional<Theme> {
+    const auto brand = parse_descriptor_brand(sealed_descriptor(path, seal));
+    if (!brand || !brand->theme) return std::nullopt;
+    const SealedTheme sealed = read_sealed_theme(path, *brand->theme);
+    return parse_theme(
+        parse_json(sealed.definition, kThemeDefinitionBytes),
+        [&](const std::string& name) { return path / (std::string(package_theme_prefix) + name); });
+  });
 }
 
 fs::path package_brand_icon(const fs::path& path, std::string_view seal) {

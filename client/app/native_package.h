@@ -4,11 +4,14 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "app/brand.h"
 #include "domain/launcher_contract.h"
 #include "domain/manifest.h"
 #include "domain/progress.h"
+#include "domain/theme.h"
 
 namespace tavro {
 
@@ -17,6 +20,13 @@ struct FeaturedGame {
   std::string id;
   /// Display name, 1 to 80 bytes.
   std::string name;
+};
+
+/// The theme of a brand: its definition and its assets with the names that the definition uses. The
+/// package holds these bytes; whether they keep the rules of a theme is for `parse_theme`.
+struct SealedTheme {
+  std::string definition;
+  std::vector<std::pair<std::string, std::string>> files;
 };
 
 /// A sealed package folder, proved as a whole: every file in it was hashed. The small files are in
@@ -40,6 +50,7 @@ struct NativePackage {
   std::optional<Brand> brand;
   /// Content of the brand's icon file; empty when there is none.
   std::string brand_icon;
+  std::optional<SealedTheme> theme;
 
   std::filesystem::path bootstrap_archive() const;
   std::filesystem::path launcher_archive() const;
@@ -59,6 +70,10 @@ NativePackage read_native_package(const std::filesystem::path& path, std::string
 std::optional<Brand> package_brand(const std::filesystem::path& path, std::string_view seal);
 std::optional<FeaturedGame> package_featured_game(const std::filesystem::path& path,
                                                   std::string_view seal);
+
+/// The theme of the package's brand, its files proved against the descriptor and by `parse_theme`;
+/// nothing without one. The paths in it lie in the package folder.
+std::optional<Theme> package_theme(const std::filesystem::path& path, std::string_view seal);
 
 /// The verified icon file of the package's brand, or an empty path without one.
 std::filesystem::path package_brand_icon(const std::filesystem::path& path, std::string_view seal);

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <utility>
 
 #include "domain/crypto.h"
@@ -9,8 +10,29 @@
 #include "domain/identifier.h"
 #include "domain/input.h"
 #include "domain/relative_path.h"
+#include "domain/theme.h"
 
 namespace tavro {
+namespace {
+
+constexpr unsigned long long theme_files_bytes = 16777216;
+
+ThemeResources parse_theme_resources(const json& value) {
+  require_fields(value, {"definition", "files"});
+  const json& files = value.at("files");
+  require(files.is_object(), "invalid_native_package", "Brand theme files must be an object");
+  ThemeResources theme{parse_resource(value.at("definition"), kThemeDefinitionBytes), {}};
+  require(theme.definition.path == kThemeDefinition, "invalid_native_package",
+          "Brand theme definition must be theme.json");
+  for (const auto& [name, file] : files.items()) {
+    theme.files.emplace_back(name, parse_resource(file, kThemeFontBytes));
+    require(theme.files.back().second.path == std::string(package_theme_prefix) + name,
+            "invalid_native_package", "Brand theme files are stored as theme-NAME");
+  }
+  return theme;
+}
+
+}  // namespace
 
 json sealed_descriptor(const std::filesystem::path& folder, std::string_view seal) {
   const auto text = read_file(folder / package_descriptor_name, package_document_bytes);
@@ -75,11 +97,35 @@ std::optional<DescriptorBrand> parse_descriptor_brand(const json& document) {
           "Brand has unknown or missing fields");
   // The record of an installation only says whether there is an icon; a package says which file.
   const json icon = std::exchange(value.at("icon"), json(!value.at("icon").is_null()));
-  require(!value.contains("theme"), "unsupported_schema",
-          "This client cannot show brand themes; use a package whose brand has none");
-  DescriptorBrand result{parse_brand(value), std::nullopt};
+  DescriptorBrand result;
+  if (const json* theme = find_member(value, "theme")) {
+    result.theme = parse_theme_resources(*theme);
+    value.erase("theme");
+  }
+  result.brand = parse_brand(value);
   if (!icon.is_null()) result.icon = parse_resource(icon, package_attachment_bytes);
   return result;
+}
+
+SealedTheme read_sealed_theme(const std::filesystem::path& folder,
+                              const ThemeResources& resources) {
+  check_resource_name(resources.definition.path);
+  for (const auto& [name, resource] : resources.files) check_resource_name(resource.path);
+  SealedTheme theme{read_resource(folder, resources.definition, kThemeDefinitionBytes), {}};
+  auto expected = theme_files(parse_json(theme.definition, kThemeDefinitionBytes));
+  std::ranges::sort(expected);
+  std::vector<std::string> names;
+  unsigned long long total = 0;
+  for (const auto& [name, resource] : resources.files) {
+    names.push_back(name);
+    total += resource.length;
+    require(total <= theme_files_bytes, "size_limit", "Brand theme files exceed 16 MiB together");
+    theme.files.emplace_back(name, read_resource(folder, resource, kThemeFontBytes));
+  }
+  std::ranges::sort(names);
+  require(names == expected, "invalid_native_package",
+          "Brand theme files differ from its definition");
+  return theme;
 }
 
 }  // namespace tavro

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "app/brand.h"
 #include "app/native_package.h"
@@ -18,6 +20,8 @@ inline constexpr std::string_view package_descriptor_name = "initial-package.jso
 inline constexpr unsigned long long package_document_bytes = 524288;
 /// Bound on the certificate bundle and on the icon.
 inline constexpr unsigned long long package_attachment_bytes = 1048576;
+/// What stands before the name of a theme's asset in a package folder.
+inline constexpr std::string_view package_theme_prefix = "theme-";
 
 /// One file of a package, as its descriptor binds it.
 struct Resource {
@@ -26,10 +30,17 @@ struct Resource {
   unsigned long long length = 0;
 };
 
-/// The brand of a descriptor with the file that its icon names.
+/// The files of a theme: its definition, and its assets by their names outside the package.
+struct ThemeResources {
+  Resource definition;
+  std::vector<std::pair<std::string, Resource>> files;
+};
+
+/// The brand of a descriptor with the files that its icon and its theme name.
 struct DescriptorBrand {
   Brand brand;
   std::optional<Resource> icon;
+  std::optional<ThemeResources> theme;
 };
 
 /// The descriptor in `folder`, proved by the seal before it is parsed. Throws
@@ -54,8 +65,14 @@ std::string read_resource(const std::filesystem::path& folder, const Resource& r
 /// Nothing without `featured_game` in the descriptor; throws `invalid_native_package`.
 std::optional<FeaturedGame> parse_featured_game(const json& document);
 
-/// Nothing without `brand` in the descriptor. Throws `invalid_native_package`, and
-/// `unsupported_schema` for a brand with a theme, which this client cannot show.
+/// Nothing without `brand` in the descriptor. Throws `invalid_native_package`, `size_limit`, and
+/// `invalid_identity` or `unsafe_path` for the brand's id.
 std::optional<DescriptorBrand> parse_descriptor_brand(const json& document);
+
+/// The bytes of a theme, proved against the descriptor: exactly the files that the definition uses,
+/// of at most 16 MiB together. Colours and forms of files are not looked at: see `parse_theme`.
+/// Throws `invalid_native_package`, `unsafe_path`, `size_limit`, `content_mismatch`, and what
+/// `theme_files` throws.
+SealedTheme read_sealed_theme(const std::filesystem::path& folder, const ThemeResources& resources);
 
 }  // namespace tavro

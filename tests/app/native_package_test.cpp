@@ -6,10 +6,12 @@
 #include <array>
 #include <fstream>
 
+#include "app/package_descriptor.h"
 #include "domain/input.h"
 #include "support/failure.h"
 #include "support/sealed_package.h"
 #include "support/temp_folder.h"
+#include "support/theme_folder.h"
 
 namespace tavro {
 namespace {
@@ -17,8 +19,10 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ContainsRegex, testing::StartsWith;
 
-SealedPackageOptions full_options() {
+SealedPackageOptions full_options(const fs::path& where) {
   SealedPackageOptions options;
+  options.theme = where / "theme";
+  make_theme(options.theme);
   options.root_expires = "9999-12-31T23:59:59Z";
   options.brand = Brand{"Nova", "nova", "Nova Ltd", true};
   options.icon = sample_icon();
@@ -35,7 +39,7 @@ class SealedFolder : public testing::Test {
   std::string failure() { return failure(package.folder); }
 
   TempFolder folder;
-  SealedPackage package{folder.path(), full_options()};
+  SealedPackage package{folder.path(), full_options(folder.path())};
 };
 
 TEST_F(SealedFolder, NeedsTheSealOfItsDescriptor) {
@@ -49,8 +53,9 @@ TEST_F(SealedFolder, NeedsTheSealOfItsDescriptor) {
 
 TEST_F(SealedFolder, RefusesEveryFileThatIsNotAsSealed) {
   const auto aside = folder.path() / "aside";
-  for (const auto* name : {"root", "bootstrap_manifest", "launcher_manifest", "ca_bundle", "icon",
-                           "bootstrap_archive", "launcher_archive", "descriptor"}) {
+  for (const auto* name :
+       {"root", "bootstrap_manifest", "launcher_manifest", "ca_bundle", "icon", "theme",
+        "theme-icon.bmp", "bootstrap_archive", "launcher_archive", "descriptor"}) {
     const auto path = package.path(name);
     const auto bytes = read_file(path, 1 << 20);
     auto flipped = bytes;
@@ -100,7 +105,14 @@ TEST_F(SealedFolder, RefusesADescriptorByItsFirstBrokenRule) {
       {"/ca_bundle", intact["root"], wrong + "Initial package resources overlap"},
       {"/featured_game/name", std::string(81, 'x'), wrong + "Featured game name must be 1 to 80"},
       {"/brand/icon", {}, wrong + "Brand has unknown or missing fields"},
-      {"/brand/theme", json::object(), "unsupported_schema: This client cannot show brand themes"},
+      {"/brand/theme/files/licence.txt", {}, wrong + "Brand theme files differ from its"},
+      {"/brand/theme/files/icon.bmp/path", "icon.bmp", wrong + "Brand theme files are stored as"},
+      {"/brand/theme/files/icon.bmp/length", 4194305U, size},
+      {"/brand/theme/definition/path", "theme",
+       wrong + "Brand theme definition must be theme.json"},
+      {"/brand/theme/definition/length", 65537U, size},
+      {"/brand/theme/files", json::array(), wrong + "Brand theme files must be an object"},
+      {"/brand/theme/more", 1, fields},
   };
   fs::copy_file(package.path("root"), package.folder / ".hidden");
   for (const auto& [at, value, expected] : rows) {
@@ -138,10 +150,31 @@ TEST_F(SealedFolder, RefusesSealedResourcesThatCannotServe) {
   }
 }
 
+TEST_F(SealedFolder, ThemeIsBoundedTogetherAndProvedForAFrontEnd) {
+  ThemeResources theme{{"big", {}, 0}, {}};
+  write_bytes(package.folder / "big", std::string(4194304, 'x'));
+  theme.files.assign(4, {"", {"big", digest_file(package.folder / "big", "sha256"), 4194304}});
+  theme.files.push_back({"", {"big", {}, 1}});
+  const std::string fonts = R"({"fonts": {"a": "a.ttf"}})";
+  write_bytes(package.folder / "definition", fonts);
+  theme.definition = {"definition", digest(fonts, "sha256"), fonts.size()};
+  EXPECT_EQ(code_of([&] { read_sealed_theme(package.folder, theme); }), "size_limit");
+  theme.files.pop_back();
+  EXPECT_EQ(code_of([&] { read_sealed_theme(package.folder, theme); }), "invalid_native_package");
+
+  EXPECT_EQ(package_theme(package.folder, package.seal)->icon->path,
+            package.path("theme-icon.bmp"));
+  package.replace_resource("theme-icon.bmp", "BM");
+  EXPECT_EQ(code_of([&] { package_theme(package.folder, package.seal); }), "invalid_theme");
+  EXPECT_FAILURE(package_theme(package.folder, ""),
+                 "native_install_trust: This installer has no package seal");
+}
+
 TEST_F(SealedFolder, IsReadWholeOrForItsBrandAlone) {
   const auto read = read_native_package(package.folder / "", package.seal);
   EXPECT_EQ(read.root, package.folder);
   EXPECT_EQ(read.ca_bundle + read.brand_icon, "certificates" + sample_icon());
+  EXPECT_EQ(read.theme->files.size(), 5U);
   fs::remove(package.path("root"));
   EXPECT_EQ(package_brand(package.folder, package.seal)->publisher, "Nova Ltd");
   EXPECT_EQ(package_featured_game(package.folder, package.seal)->name, "First Game");

@@ -67,6 +67,9 @@ json root_for(const SealedPackage& package, const std::string& expires,
 /// Where a descriptor keeps the entry of a resource.
 json& resource_entry(json& descriptor, std::string_view resource) {
   if (resource == "icon") return descriptor.at("brand").at("icon");
+  if (resource == "theme") return descriptor.at("brand").at("theme").at("definition");
+  if (resource.starts_with("theme-"))
+    return descriptor.at("brand").at("theme").at("files").at(std::string(resource.substr(6)));
   return descriptor.at(std::string(resource));
 }
 
@@ -115,6 +118,7 @@ SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& 
   request.bootstrap = releases / "bootstrap";
   request.launcher = releases / "launcher";
   request.brand = options.brand;
+  request.theme = options.theme;
   request.featured_game = options.featured_game;
   write_bytes(request.root, root_for(*this, options.root_expires, 1).dump());
   if (!options.icon.empty()) {
@@ -156,13 +160,6 @@ void SealedPackage::replace_resource(std::string_view resource, std::string_view
     entry["sha256"] = digest(bytes, "sha256");
     entry["length"] = bytes.size();
   });
-}
-
-void SealedPackage::edit_manifest(std::string_view resource,
-                                  const std::function<void(json&)>& change) {
-  json manifest = json::parse(read_plain(path(resource)));
-  change(manifest);
-  replace_resource(resource, manifest.dump());
 }
 
 std::string SealedPackage::signed_root(const std::string& expires,

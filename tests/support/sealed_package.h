@@ -32,6 +32,8 @@ struct SealedPackageOptions {
   /// Bytes of the icon (only with a brand) and of the certificate bundle; empty means none.
   std::string icon;
   std::string ca_bundle;
+  /// Folder of a theme (only with a brand); empty means none.
+  std::filesystem::path theme;
   std::optional<FeaturedGame> featured_game;
 };
 
@@ -61,7 +63,8 @@ class SealedPackage {
   SigningKey timestamp_key;
 
   /// Where a resource lies: "root", "bootstrap_manifest", "launcher_manifest", "ca_bundle", "icon",
-  /// "bootstrap_archive", "launcher_archive" or "descriptor".
+  /// "bootstrap_archive", "launcher_archive", "descriptor", "theme" or an asset as
+  /// "theme-NAME".
   std::filesystem::path path(std::string_view resource) const;
 
   /// The descriptor as it stands on disk.
@@ -71,12 +74,9 @@ class SealedPackage {
   void edit_descriptor(const std::function<void(json& descriptor)>& change);
 
   /// Writes other bytes in place of a resource that the descriptor names ("root",
-  /// "bootstrap_manifest", "launcher_manifest", "ca_bundle", "icon"), gives its new length and
-  /// digest to the descriptor and seals the package anew.
+  /// "bootstrap_manifest", "launcher_manifest", "ca_bundle", "icon", "theme", "theme-NAME"), gives
+  /// its new length and digest to the descriptor and seals the package anew.
   void replace_resource(std::string_view resource, std::string_view bytes);
-
-  /// The same for a manifest, changed as a JSON value.
-  void edit_manifest(std::string_view resource, const std::function<void(json& manifest)>& change);
 
   /// Root metadata of this package's keys with another expiry or version, signed by `root_key`.
   std::string signed_root(const std::string& expires, unsigned long long version = 1) const;
