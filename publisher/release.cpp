@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "app/bootstrap_release.h"
 #include "app/package_descriptor.h"
 #include "domain/bootstrap_contract.h"
 #include "domain/crypto.h"
@@ -55,7 +56,10 @@ json document_of(const ReleaseRequest& request, const SourceTree& tree,
 SnapshotManifest parse_manifest(ReleaseKind kind, const json& document) {
   if (kind == ReleaseKind::launcher) return LauncherManifest::parse(document);
   SnapshotManifest manifest = SnapshotManifest::parse(document);
-  if (kind == ReleaseKind::bootstrap) validate_bootstrap_contract(manifest);
+  if (kind == ReleaseKind::bootstrap) {
+    validate_bootstrap_contract(manifest);
+    check_bootstrap_inventory(manifest);
+  }
   return manifest;
 }
 

@@ -42,18 +42,22 @@ void validate_bootstrap_update(const SnapshotManifest& manifest) {
           incompatible, "Bootstrap update data contract is unsupported");
   require(manifest.platform == native_platform(), incompatible,
           "Bootstrap update targets another platform");
+  check_bootstrap_inventory(manifest);
+}
+
+void check_bootstrap_inventory(const SnapshotManifest& manifest) {
   require(manifest.files.size() <= max_files && manifest.archive_length <= max_bytes &&
               manifest.expanded_length <= max_bytes,
           "size_limit", "Bootstrap update exceeds its size limit");
+  for (const auto& file : manifest.files)
+    require(!bears_replaced_extension(file.first), "invalid_manifest",
+            [&] { return "Bootstrap update holds a name of replaced files: " + file.first; });
 }
 
 SnapshotManifest parse_bootstrap_update(std::string_view text) {
   return read_fields("invalid_manifest", "Bootstrap update manifest is malformed", [&] {
     auto manifest = SnapshotManifest::parse(parse_json(text, bootstrap_descriptor_bytes));
     validate_bootstrap_update(manifest);
-    for (const auto& file : manifest.files)
-      require(!bears_replaced_extension(file.first), "invalid_manifest",
-              [&] { return "Bootstrap update holds a name of replaced files: " + file.first; });
     return manifest;
   });
 }

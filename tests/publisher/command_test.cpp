@@ -163,6 +163,9 @@ TEST_F(PublishRoad, FailureIsToldAndCancellingHasItsOwnStatus) {
             "Path contains an unsafe component"}})
     EXPECT_EQ(publish(pack_launcher.substr(0, pack_launcher.find(" --helper")) + options, home).err,
               "Packing…\n" + message + "\n");
+  write_tree({{"bootstrap/notes.old", ""}}, home);
+  EXPECT_EQ(publish("bootstrap --folder @bootstrap --build 1.0.0 --out @b", home).err,
+            "Packing…\nBootstrap update holds a name of replaced files: notes.old\n");
   outcome = publish(pack_launcher, home, true);
   EXPECT_EQ(outcome.status, 4);
   EXPECT_EQ(outcome.err, "Packing…\nOperation cancelled at a safe boundary\n");
