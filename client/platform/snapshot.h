@@ -8,6 +8,7 @@
 
 namespace tavro {
 
+struct ReservedTree;
 struct SnapshotManifest;
 
 // Every progress below counts bytes of `expanded_length`, and is asked at each file and after each
@@ -39,18 +40,21 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest,
                                     const std::filesystem::path& root, const Progress& progress,
                                     unsigned long limit);
 
-/// Turns an archive of format "tar.zst-v1" into a new private tree at `staging`, which must not
-/// exist. The archive is proved by length and digest before it is decoded, every file against the
-/// manifest as soon as it is written, and the finished tree again from the disk. On return the tree
-/// is on stable media, and so is its name.
+/// Turns an archive of format "tar.zst-v1" into a private tree at `staging`, which must not exist,
+/// or with `reserved` must be that tree, made for this snapshot, each of its files still untouched.
+/// The archive is proved by length and digest before it is decoded, every file against the manifest
+/// as soon as it is written, and the finished tree again from the disk. On return the tree is on
+/// stable media, and so is its name; that of a reserved tree was made durable for its record.
 ///
 /// Memory: four blocks of 65536 bytes and the decoder's window of at most 64 MiB, whatever the
 /// size of the package.
 ///
 /// Throws `content_mismatch`, `staging_exists`, `archive`, `archive_path`, `archive_type`,
-/// `archive_inventory`, `size_limit`, `unsafe_path`, `insufficient_space`, `cancelled` and what
-/// writing raises. A failure leaves `staging` as it stands, for the caller to remove.
+/// `archive_inventory`, `size_limit`, `unsafe_path`, `insufficient_space`, `allocation_changed`
+/// (the reserved tree or a file of it is not what was reserved), `cancelled` and what writing
+/// raises. A failure leaves `staging` as it stands, for the caller to remove.
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
-                      const std::filesystem::path& staging, const Progress& progress = {});
+                      const std::filesystem::path& staging, const Progress& progress = {},
+                      const ReservedTree* reserved = nullptr);
 
 }  // namespace tavro

@@ -16,6 +16,7 @@
 #include "platform/allocated_file.h"
 #include "platform/bounded_zstd.h"
 #include "platform/files.h"
+#include "platform/reserved_tree.h"
 #include "platform/snapshot.h"
 #include "platform/system_calls.h"
 #include "platform/tree.h"
@@ -83,10 +84,11 @@ bool matches_declaration(struct archive_entry* entry, const PackageFile& declare
 class Extraction {
  public:
   Extraction(const SnapshotManifest& manifest, const fs::path& archive, const fs::path& staging,
-             const Progress& progress)
+             const Progress& progress, const ReservedTree* reserved)
       : manifest_(manifest),
         staging_(staging),
         progress_(progress),
+        reserved_(reserved),
         decoder_(archive, decoded_bound(manifest)),
         reader_(open_tar(decoder_)) {}
 
@@ -115,12 +117,18 @@ class Extraction {
             "Archive file length or mode differs from manifest");
     make_directories(relative);
 
-    AllocatedFile file(path, declared.length, {});
+    AllocatedFile file = open_target(relative, path, declared.length);
     copy_content(file, declared.length);
     file.set_executable(declared.executable);
     file.finish_unsynchronized(true);
     require(digest_file(path, "sha256") == declared.sha256, "content_mismatch",
             "Extracted file hash differs from manifest");
+  }
+
+  AllocatedFile open_target(const std::string& relative, const fs::path& path,
+                            unsigned long long length) const {
+    if (reserved_ != nullptr) return AllocatedFile(reserved_->file(relative, length));
+    return AllocatedFile(path, length, {});
   }
 
   const PackageFile& admit(const std::string& relative) {
@@ -163,6 +171,7 @@ class Extraction {
   const SnapshotManifest& manifest_;
   const fs::path& staging_;
   const Progress& progress_;
+  const ReservedTree* reserved_;
   BoundedZstd decoder_;
   TarReader reader_;
   unsigned long long done_ = 0;
@@ -172,7 +181,7 @@ class Extraction {
 };
 
 // The files are synced together, after the last one was written and before the tree is read again.
-// Nothing refers to the staging directory before this function's caller returns, so no crash can
+// Nobody relies on content of the staging directory before this function returns, so no crash can
 // tell the difference, while a sync after each file would commit the volume's journal once a file.
 void sync_files(const SnapshotManifest& manifest, const fs::path& staging,
                 const Progress& progress) {
@@ -194,11 +203,15 @@ void sync_directories(const fs::path& staging) {
 }  // namespace
 
 void extract_snapshot(const SnapshotManifest& manifest, const fs::path& archive,
-                      const fs::path& staging, const Progress& progress) {
+                      const fs::path& staging, const Progress& progress,
+                      const ReservedTree* reserved) {
   require_proved_archive(manifest, archive);
-  make_staging(staging);
+  if (reserved != nullptr)
+    reserved->validate(manifest, staging);
+  else
+    make_staging(staging);
   {
-    Extraction extraction(manifest, archive, staging, progress);
+    Extraction extraction(manifest, archive, staging, progress, reserved);
     extraction.extract_files();
   }
   sync_files(manifest, staging, progress);
