@@ -44,6 +44,7 @@ std::vector<PublishCommand> key_commands();
 std::vector<PublishCommand> root_commands();
 std::vector<PublishCommand> release_commands();
 std::vector<PublishCommand> package_commands();
+std::vector<PublishCommand> theme_commands();
 std::vector<PublishCommand> repository_commands();
 std::vector<PublishCommand> check_commands();
 

@@ -15,8 +15,6 @@
 namespace tavro {
 namespace {
 
-constexpr unsigned long long theme_files_bytes = 16777216;
-
 ThemeResources parse_theme_resources(const json& value) {
   require_fields(value, {"definition", "files"});
   const json& files = value.at("files");
@@ -119,7 +117,7 @@ SealedTheme read_sealed_theme(const std::filesystem::path& folder,
   for (const auto& [name, resource] : resources.files) {
     names.push_back(name);
     total += resource.length;
-    require(total <= theme_files_bytes, "size_limit", "Brand theme files exceed 16 MiB together");
+    require(total <= package_theme_bytes, "size_limit", "Brand theme files exceed 16 MiB together");
     theme.files.emplace_back(name, read_resource(folder, resource, kThemeFontBytes));
   }
   std::ranges::sort(names);

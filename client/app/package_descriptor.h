@@ -20,6 +20,8 @@ inline constexpr std::string_view package_descriptor_name = "initial-package.jso
 inline constexpr unsigned long long package_document_bytes = 524288;
 /// Bound on the certificate bundle and on the icon.
 inline constexpr unsigned long long package_attachment_bytes = 1048576;
+/// Bound on the assets of a theme together.
+inline constexpr unsigned long long package_theme_bytes = 16777216;
 /// What stands before the name of a theme's asset in a package folder.
 inline constexpr std::string_view package_theme_prefix = "theme-";
 

@@ -4,6 +4,7 @@
 #include "publisher/repository_state.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
+#include "support/theme_folder.h"
 
 namespace tavro {
 namespace {
@@ -93,13 +94,15 @@ TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
   done("root new --days 30 --root-key @root.pem --key @online.json --out @root.json");
   done(pack_launcher);
   done("bootstrap --folder @bootstrap --build 1.0.0 --out @b");
+  make_theme(home / "theme");
   const fs::path bundle = home / "ca.pem";
   const std::string certify = "openssl req -x509 -newkey ed25519 -nodes -subj /CN=a -keyout ";
   EXPECT_EQ(std::system((certify + "/dev/null -out " + bundle.string() + " 2>&1").c_str()), 0);
   const Outcome sealed = publish(
       "package --origin https://repository.example --root @root.json --bootstrap @b --launcher @l"
       " --out @package --brand-name Acme --brand-id acme --brand-publisher Games"
-      " --brand-icon @brand.ico --ca-bundle @ca.pem --featured-id quest --featured-name Quest",
+      " --brand-icon @brand.ico --brand-theme @theme --ca-bundle @ca.pem --featured-id quest "
+      "--featured-name Quest",
       home);
   EXPECT_EQ(sealed.err, "Assembling…\n");
   const std::string seal = sealed.out.substr(sealed.out.size() - 66, 64);
@@ -110,11 +113,29 @@ TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
   EXPECT_EQ(package.launcher.gui_executable, "bin/gui");
   EXPECT_EQ(package.brand.value().publisher, "Games");
   EXPECT_EQ(package.brand_icon, sample_icon());
+  EXPECT_EQ(package_theme(home / "package", seal)->icon->width, 256U);
   EXPECT_EQ(package.ca_bundle, read_file(bundle, 4096));
   EXPECT_EQ(package.featured_game.value().name, "Quest");
   const json root = json::parse(package.root_metadata);
   EXPECT_EQ(root["signed"]["roles"]["root"]["keyids"], json::array({root_key["key_id"]}));
   EXPECT_EQ(root["signed"]["roles"]["targets"]["keyids"], json::array({online["key_id"]}));
+}
+
+TEST_F(PublishRoad, ShowsAThemeAlsoWhenItsContrastIsLow) {
+  json definition = make_theme(home / "theme");
+  const json told = done("theme @theme --sheet @good.svg");
+  EXPECT_EQ(told["files"].size(), 5U);
+  EXPECT_EQ(told["contrasts"].size(), 17U);
+  definition["colors"]["danger_hover"] = "#d6425c";
+  write_bytes(home / "theme/theme.json", definition.dump());
+  const Outcome low = publish("theme @theme --sheet @low.svg", home);
+  EXPECT_EQ(low.status, 1);
+  EXPECT_NE(low.err.find("hover  4.38:1, at least 4.50:1  TOO LOW\n"), low.err.npos);
+  EXPECT_TRUE(
+      low.err.ends_with("\nTheme contrast is below 4.5:1 for danger_text on danger_hover\n"));
+  EXPECT_NE(read_file(home / "low.svg", 1 << 20).find("4.38, at least 4.50"), low.err.npos);
+  std::ofstream(home / "theme/licence.txt").flush();
+  EXPECT_NE(publish("theme @theme", home).err.find("this has 0: licence.txt"), low.err.npos);
 }
 
 TEST_F(PublishRoad, LeadsFromARootToARepository) {
