@@ -11,6 +11,7 @@
 #include "domain/json.h"
 #include "domain/progress.h"
 #include "publisher/arguments.h"
+#include "publisher/release.h"
 
 namespace tavro {
 
@@ -43,6 +44,7 @@ struct PublishCommand {
 std::vector<PublishCommand> key_commands();
 std::vector<PublishCommand> root_commands();
 std::vector<PublishCommand> release_commands();
+std::vector<PublishCommand> game_commands();
 std::vector<PublishCommand> package_commands();
 std::vector<PublishCommand> theme_commands();
 std::vector<PublishCommand> repository_commands();
@@ -51,6 +53,11 @@ std::vector<PublishCommand> check_commands();
 /// The expiry of a root: `--expires TIME`, or `--days N` from now. Throws `usage` unless exactly
 /// one of them is given.
 std::string root_expiry(const Arguments& arguments);
+
+/// The options of every command that packs a build, with the command's own among them, and the
+/// request that they make, without a folder. Throws `usage`.
+std::vector<OptionRule> packing_options(std::vector<OptionRule> own);
+ReleaseRequest packing_request(const Arguments& arguments, ReleaseKind kind);
 
 /// The options of every command that publishes, and the command's own.
 std::vector<OptionRule> signing_options(std::vector<OptionRule> own);

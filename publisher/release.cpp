@@ -7,6 +7,7 @@
 #include "domain/bootstrap_contract.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
+#include "domain/game_manifest.h"
 #include "domain/input.h"
 #include "domain/launcher_contract.h"
 #include "platform/files.h"
@@ -23,17 +24,19 @@ constexpr unsigned long long snapshot_document_bytes = 512ULL << 20;
 
 std::string_view kind_name(ReleaseKind kind) {
   if (kind == ReleaseKind::launcher) return "launcher";
+  if (kind == ReleaseKind::game) return "game";
   return kind == ReleaseKind::bootstrap ? "bootstrap" : "snapshot";
 }
 
 unsigned long long manifest_bound(ReleaseKind kind) {
-  return kind == ReleaseKind::snapshot ? snapshot_document_bytes : package_document_bytes;
+  const bool client = kind == ReleaseKind::launcher || kind == ReleaseKind::bootstrap;
+  return client ? package_document_bytes : snapshot_document_bytes;
 }
 
 std::string manifest_name(ReleaseKind kind, const std::string& platform) {
   if (kind == ReleaseKind::launcher) return launcher_manifest_target(platform);
   if (kind == ReleaseKind::bootstrap) return "bootstrap-" + platform + ".manifest.json";
-  return "snapshot.manifest.json";
+  return std::string(kind_name(kind)) + ".manifest.json";
 }
 
 std::string_view guard_name(ReleaseKind kind) {
@@ -49,12 +52,14 @@ json document_of(const ReleaseRequest& request, const SourceTree& tree,
   json snapshot = snapshot_document(tree, identity, figures);
   if (request.kind == ReleaseKind::launcher)
     return launcher_document(std::move(snapshot), request.contract);
+  if (request.kind == ReleaseKind::game) snapshot.update(request.game);
   return request.kind == ReleaseKind::bootstrap ? bootstrap_document(std::move(snapshot))
                                                 : snapshot;
 }
 
 SnapshotManifest parse_manifest(ReleaseKind kind, const json& document) {
   if (kind == ReleaseKind::launcher) return LauncherManifest::parse(document);
+  if (kind == ReleaseKind::game) return GameManifest::parse(document);
   SnapshotManifest manifest = SnapshotManifest::parse(document);
   if (kind == ReleaseKind::bootstrap) {
     validate_bootstrap_contract(manifest);

@@ -20,16 +20,25 @@ SnapshotIdentity identity_of(const Arguments& arguments) {
   return identity;
 }
 
-ReleaseRequest request_of(const Arguments& arguments, ReleaseKind kind) {
+}  // namespace
+
+ReleaseRequest packing_request(const Arguments& arguments, ReleaseKind kind) {
   ReleaseRequest request;
   request.kind = kind;
-  request.folder = path_option(arguments, "--folder");
   request.out = path_option(arguments, "--out");
   request.identity = identity_of(arguments);
   request.archive.level = static_cast<int>(
       arguments.number("--level", 1, slowest_level, static_cast<unsigned>(request.archive.level)));
   request.archive.threads =
       static_cast<unsigned>(arguments.number("--threads", 1, most_threads, 0));
+  return request;
+}
+
+namespace {
+
+ReleaseRequest request_of(const Arguments& arguments, ReleaseKind kind) {
+  ReleaseRequest request = packing_request(arguments, kind);
+  request.folder = path_option(arguments, "--folder");
   return request;
 }
 
@@ -123,9 +132,10 @@ CommandResult make_package(const Arguments& arguments, const CommandContext& con
           {{"path", path_utf8(request.out)}, {"seal", seal}}};
 }
 
+}  // namespace
+
 std::vector<OptionRule> packing_options(std::vector<OptionRule> own) {
   const std::vector<OptionRule> first = {
-      {"--folder", "DIR", "The files of the build", OptionUse::required},
       {"--build", "ID", "The build's identifier", OptionUse::required},
       {"--out", "DIR", "The release folder to make: manifest and archive", OptionUse::required}};
   const std::vector<OptionRule> last = {
@@ -139,8 +149,16 @@ std::vector<OptionRule> packing_options(std::vector<OptionRule> own) {
   return own;
 }
 
+namespace {
+
+std::vector<OptionRule> folder_options(std::vector<OptionRule> own) {
+  own = packing_options(std::move(own));
+  own.insert(own.begin(), {"--folder", "DIR", "The files of the build", OptionUse::required});
+  return own;
+}
+
 std::vector<OptionRule> launcher_options() {
-  return packing_options(
+  return folder_options(
       {{"--cli", "PATH", "The console entry point, below the folder", OptionUse::required},
        {"--gui", "PATH", "The windowed entry point", OptionUse::required},
        {"--helper", "ROLE=PATH",
@@ -153,15 +171,15 @@ std::vector<OptionRule> launcher_options() {
 std::vector<PublishCommand> release_commands() {
   return {
       {"archive", "Pack any build into an archive and its snapshot manifest",
-       packing_options({{"--executable", "PATH", "The build's executable, below the folder",
-                         OptionUse::required}}),
+       folder_options({{"--executable", "PATH", "The build's executable, below the folder",
+                        OptionUse::required}}),
        make_archive},
       {"launcher", "Pack a launcher release", launcher_options(), make_launcher},
-      {"bootstrap", "Pack a bootstrap release", packing_options({}), make_bootstrap},
+      {"bootstrap", "Pack a bootstrap release", folder_options({}), make_bootstrap},
       {"release launcher", "Pack a launcher release and publish it",
        signing_options(launcher_options()), make_and_publish<make_launcher>},
       {"release bootstrap", "Pack a bootstrap release and publish it",
-       signing_options(packing_options({})), make_and_publish<make_bootstrap>},
+       signing_options(folder_options({})), make_and_publish<make_bootstrap>},
   };
 }
 

@@ -1,13 +1,14 @@
 #include "publisher/command.h"
 
 #include "app/native_package.h"
+#include "domain/documents.h"
+#include "domain/game_manifest.h"
 #include "publisher/repository_state.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
 #include "support/theme_folder.h"
 
-namespace tavro {
-namespace {
+namespace tavro::command_test {
 
 struct Outcome {
   int status = 0;
@@ -138,6 +139,38 @@ TEST_F(PublishRoad, ShowsAThemeAlsoWhenItsContrastIsLow) {
   EXPECT_NE(publish("theme @theme", home).err.find("this has 0: licence.txt"), low.err.npos);
 }
 
+TEST_F(PublishRoad, PacksAGameWithWhatItsPlayersSee) {
+  const json described = json::parse(R"({"game_id": "quest", "display_name": "The Quest",
+      "executable": "bin/run", "notes": "notes.txt", "presentation": {"tagline": "Go",
+      "artwork": {"file": "a.bmp", "alternative_text": "A light"}}, "sdk": {"required": false}})");
+  write_tree({{"game/files/bin/run", "run", 0755}, {"game/notes.txt", "New."}}, home);
+  write_bytes(home / "game/game.json", described.dump());
+  const std::string draw = "convert -size 9x5 plasma: -type TrueColor ", at = home / "game/a.bmp";
+  EXPECT_EQ(std::system((draw + "BMP3:" + at).c_str()), 0);
+  const json told = done("game @game --build 1.0.0 --level 1 --out @g");
+  const GameManifest game =
+      GameManifest::parse(json::parse(read_file(told["manifest"].get<std::string>(), 1 << 20)));
+  EXPECT_EQ(digest_file(home / "g" / game.archive_target, "sha256"), game.archive_sha256);
+  EXPECT_EQ(game.presentation.artwork.value().height, 5U);
+  EXPECT_EQ(game.presentation.tagline + game.release_notes, "GoNew.");
+
+  EXPECT_EQ(std::system((draw + "PNG:" + home.string() + "/game/a.png").c_str()), 0);
+  expect_answers(R"(unknown member: title|/title 1|/presentation/artwork/title 1
+needs the text|/game_id|/executable 1
+malformed|/presentation/artwork/file|/notes {}
+unsafe_path|/notes "../ca.pem"
+this is none: a.png|/presentation/artwork/file "a.png"
+alternative text|/presentation/artwork/alternative_text ""
+monogram|/presentation/monogram "Quest")",
+                 [&](const std::string& damage) {
+                   write_bytes(home / "game/game.json", damaged(described, damage).dump());
+                   const Outcome outcome = publish("game @game --build 1 --out @h --json", home);
+                   const json problem = json::parse(outcome.out).at("problem");
+                   fail(problem.at("code").get<std::string>(),
+                        problem.at("message").get<std::string>());
+                 });
+}
+
 TEST_F(PublishRoad, LeadsFromARootToARepository) {
   const std::string own = " --repository @r --key @key.pem ";
   done("keys new --out @key.pem");
@@ -193,5 +226,4 @@ TEST_F(PublishRoad, FailureIsToldAndCancellingHasItsOwnStatus) {
   EXPECT_FALSE(fs::exists(home / "l"));
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::command_test

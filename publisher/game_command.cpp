@@ -1,0 +1,114 @@
+#include <algorithm>
+
+#include "domain/bitmap.h"
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/game_manifest.h"
+#include "domain/input.h"
+#include "domain/json_fields.h"
+#include "platform/files.h"
+#include "publisher/commands.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* game_description = "game.json";
+constexpr const char* game_files = "files";
+constexpr std::size_t description_bytes = 65536;
+/// Beyond the client's bounds, so that it is the client who tells what is too large.
+constexpr std::size_t picture_bytes = 4194304;
+constexpr std::size_t notes_bytes = 65536;
+
+/// A file that game.json names, in its folder.
+std::string read_beside(const fs::path& folder, const json& name, std::size_t max_bytes) {
+  return read_file(safe_join(folder, name.get_ref<const std::string&>(), true), max_bytes);
+}
+
+void require_known(const json& value, std::string_view what,
+                   std::initializer_list<std::string_view> known) {
+  require(value.is_object(), "invalid_game",
+          [&] { return std::string(what) + " must be an object"; });
+  for (const auto& [key, member] : value.items())
+    require(std::find(known.begin(), known.end(), key) != known.end(), "invalid_game",
+            [&] { return std::string(what) + " has an unknown member: " + key; });
+}
+
+json artwork_of(const fs::path& folder, const json& described) {
+  require_known(described, "The artwork of game.json", {"file", "alternative_text"});
+  const json& name = described.at("file");
+  const std::string bitmap = read_beside(folder, name, picture_bytes);
+  require(bitmap.size() >= kBitmapHeaderBytes && bitmap.starts_with("BM"), "invalid_game",
+          [&] { return "Artwork is a BMP file, and this is none: " + name.get<std::string>(); });
+  return {{"format", "bmp-rgb24-v1"},
+          {"width", little_endian(bitmap, kBitmapWidthOffset, 4)},
+          {"height", little_endian(bitmap, kBitmapHeightOffset, 4)},
+          {"bmp_hex", hex({reinterpret_cast<const unsigned char*>(bitmap.data()), bitmap.size()})},
+          {"alternative_text", described.at("alternative_text")}};
+}
+
+/// What game.json and the files that it names add to the manifest of a build.
+json manifest_members(const fs::path& folder, const json& described) {
+  json members = {{"minimum_launcher", 1},
+                  {"game_id", described.at("game_id")},
+                  {"display_name", described.at("display_name")}};
+  for (const char* optional : {"presentation", "sdk"})
+    if (const json* member = find_member(described, optional)) members[optional] = *member;
+  if (const json* notes = find_member(described, "notes"))
+    members["release_notes"] = read_beside(folder, *notes, notes_bytes);
+  if (!members.contains("presentation")) return members;
+  json& presentation = members["presentation"];
+  if (const json* artwork = find_member(presentation, "artwork"))
+    presentation["artwork"] = artwork_of(folder, *artwork);
+  return members;
+}
+
+ReleaseRequest request_of(const Arguments& arguments) {
+  const fs::path folder = path_option(arguments, "DIR");
+  ReleaseRequest request = packing_request(arguments, ReleaseKind::game);
+  request.folder = folder / game_files;
+  const json described =
+      parse_json(read_file(folder / game_description, description_bytes), description_bytes);
+  require_known(described, game_description,
+                {"game_id", "display_name", "executable", "presentation", "notes", "sdk"});
+  for (const std::string key : {"game_id", "display_name", "executable"})
+    require(described.contains(key) && described.at(key).is_string(), "invalid_game",
+            [&] { return "game.json needs the text " + key; });
+  read_fields("invalid_game", "game.json has missing or malformed fields", [&] {
+    request.game = manifest_members(folder, described);
+    request.identity.executable = described.at("executable").get<std::string>();
+    // Builds of several games may lie in one repository.
+    if (request.identity.archive_target.empty())
+      request.identity.archive_target = "game-" + text_member(described, "game_id") + '-' +
+                                        request.identity.platform + '-' +
+                                        request.identity.build_id + ".tar.zst";
+  });
+  return request;
+}
+
+CommandResult make_game(const Arguments& arguments, const CommandContext& context) {
+  const ReleaseRequest request = request_of(arguments);
+  const Release release = make_release(request, context.phase("Packing…"));
+  const GameManifest game =
+      GameManifest::parse(parse_json(release.manifest_bytes, release.manifest_bytes.size()));
+  return {"Packed " + game.display_name + " (" + game.game_id + ") " + game.build_id + " in " +
+              path_utf8(release.manifest.parent_path()) + ".",
+          {{"game_id", game.game_id},
+           {"build_id", game.build_id},
+           {"manifest", path_utf8(release.manifest)},
+           {"archive", path_utf8(release.archive)},
+           {"presentation", game.presentation.summary()}}};
+}
+
+}  // namespace
+
+std::vector<PublishCommand> game_commands() {
+  std::vector<OptionRule> options = packing_options({});
+  options.insert(options.begin(),
+                 {"DIR", "", "The folder of game.json, what that names, and the build in \"files\"",
+                  OptionUse::required});
+  return {{"game", "Pack a game with what its players see of it", std::move(options), make_game}};
+}
+
+}  // namespace tavro
