@@ -7,9 +7,10 @@ large synced tree slows what comes next.
 """
 import argparse, json
 
-import compare_install, compare_repository, compare_update
+import compare_install, compare_repository, compare_theme, compare_update
 
-COMPARISONS = dict(repository=compare_repository, install=compare_install, update=compare_update)
+COMPARISONS = dict(repository=compare_repository, install=compare_install, update=compare_update,
+                   theme=compare_theme)
 
 
 def main():
