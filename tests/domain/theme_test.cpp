@@ -4,7 +4,7 @@
 #include "domain/documents.h"
 #include "support/theme_folder.h"
 
-namespace tavro {
+namespace tavro::theme_test {
 
 class ThemeFolder : public testing::Test {
  protected:
@@ -140,4 +140,4 @@ TEST_F(ThemeFolder, IsLoadedOrIsNone) {
   EXPECT_FALSE(load_theme(home));
 }
 
-}  // namespace tavro
+}  // namespace tavro::theme_test
