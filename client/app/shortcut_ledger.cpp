@@ -39,21 +39,20 @@ FileLock ledger_lock(const fs::path& root) {
 OwnedShortcut parse_entry(const json& value) {
   OwnedShortcut entry;
   entry.path = value.at("path").get<std::string>();
-  shortcut_place::absolute(path_from_utf8(entry.path));
   entry.game = value.at("game").get<std::string>();
   entry.name = value.at("name").get<std::string>();
   entry.sha256 = value.at("sha256").get<std::string>();
+  shortcut_place::absolute(path_from_utf8(entry.path));
   return entry;
 }
 
 Entries parse_ledger(const json& document, const std::string& path) {
-  const json& listed = document.at("entries");
-  const bool supported = document.at("schema_version") == 1 &&
-                         document.at("kind") == "tavro-shortcuts" && listed.is_array() &&
-                         listed.size() <= max_shortcuts;
+  const bool supported =
+      document.at("schema_version") == 1 && document.at("kind") == "tavro-shortcuts" &&
+      document.at("entries").is_array() && document.at("entries").size() <= max_shortcuts;
   require(supported, "shortcut_ledger", [&] { return "Unsupported shortcut list " + path; });
   Entries entries;
-  for (const auto& value : listed) entries.push_back(parse_entry(value));
+  for (const auto& value : document.at("entries")) entries.push_back(parse_entry(value));
   return entries;
 }
 
@@ -81,7 +80,10 @@ void write_ledger(const fs::path& root, const Entries& entries) {
                       {"sha256", entry.sha256}});
   const json document = {
       {"schema_version", 1}, {"kind", "tavro-shortcuts"}, {"entries", std::move(listed)}};
-  atomic_write(ledger_path(root), document.dump());
+  const std::string text = document.dump();
+  // Paths may be so long that a list of the permitted count could never be read again.
+  require(text.size() <= ledger_bytes, "size_limit", "Too many recorded shortcuts");
+  atomic_write(ledger_path(root), text);
 }
 
 bool unchanged(const OwnedShortcut& entry) {
@@ -129,6 +131,8 @@ json create_owned_native_shortcut(const DesktopShortcut& shortcut, const fs::pat
   const fs::path target = shortcut_place::absolute(path);
   require_outside(target, root);
   const FileLock lock = ledger_lock(root);
+  // An uninstall may have begun while the lock was waited for; it would not see this shortcut.
+  require_complete_native_install(root);
   Entries entries = read_ledger(root);
   const auto found = std::find_if(entries.begin(), entries.end(), [&](const auto& entry) {
     return entry.path == path_utf8(target);
@@ -155,8 +159,8 @@ Entries owned_native_shortcuts(const fs::path& root) { return read_ledger(root);
 ShortcutRemoval remove_owned_native_shortcuts(const fs::path& root) {
   ShortcutRemoval result;
   std::error_code ignored;
-  // Not behind a link either: what it leads to is not this installation's.
-  if (!fs::is_directory(fs::symlink_status(root / "native", ignored))) return result;
+  // One behind a link is refused by the lock, so that nobody takes its shortcuts for removed.
+  if (!fs::is_directory(root / "native", ignored)) return result;
   const FileLock lock = ledger_lock(root);
   for (const auto& entry : read_ledger(root)) {
     const fs::path path = path_from_utf8(entry.path);
@@ -176,6 +180,8 @@ std::vector<fs::path> restore_owned_native_shortcuts(const fs::path& root,
                                                      const fs::path& executable) {
   const FileLock lock = ledger_lock(root);
   Entries entries = read_ledger(root);
+  // The shortcuts that still stand show it too, and it may be missing or of an earlier brand.
+  if (!entries.empty()) menu_icon(root);
   std::vector<fs::path> restored;
   std::exception_ptr failure;
   for (auto& entry : entries) {

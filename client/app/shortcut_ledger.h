@@ -34,8 +34,9 @@ struct ShortcutRemoval {
 /// Creates the shortcut and records it, or finds it already there as recorded. The result has
 /// `schema_version` 1, `created`, `path` and `game_id`. A file that the ledger does not prove the
 /// system's is never written over: `already_exists`. Throws `native_install_incomplete`,
-/// `shortcut_path` for a destination in the data folder, `size_limit` for a 129th shortcut, and
-/// what `create_native_shortcut` throws. A shortcut that cannot be recorded does not stay.
+/// `shortcut_path` for a destination in the data folder, `size_limit` for a 129th shortcut or one
+/// for which the ledger has no bytes left, and what `create_native_shortcut` throws. A shortcut
+/// that cannot be recorded does not stay.
 json create_owned_native_shortcut(const DesktopShortcut& shortcut,
                                   const std::filesystem::path& path);
 

@@ -7,6 +7,7 @@
 #include "domain/error.h"
 #include "domain/identifier.h"
 #include "domain/input.h"
+#include "platform/files.h"
 #include "platform/host.h"
 #include "platform/shortcut_place.h"
 
@@ -128,7 +129,8 @@ fs::path linux_menu_directory(std::string_view xdg_data_home, std::string_view h
     require(!user.empty(), "user_path", "Cannot locate the user's application menu");
     data = user / ".local/share";
   }
-  return shortcut_place::absolute(data / "applications");
+  // A home behind a link of the system is that user's home all the same.
+  return shortcut_place::absolute(resolve_system_links(data / "applications"));
 }
 
 fs::path linux_menu_directory() {

@@ -22,7 +22,8 @@ std::string linux_desktop_entry(const DesktopShortcut& shortcut);
 json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path);
 
 /// The folder of the user's own menu entries, from the values of XDG_DATA_HOME and HOME; a value
-/// that is not an absolute path counts as none. Throws `user_path`, or `unsupported_platform`.
+/// that is not an absolute path counts as none, and links of the operating system are resolved.
+/// Throws `user_path`, `unsupported_platform`, or as `resolve_system_links`.
 std::filesystem::path linux_menu_directory(std::string_view xdg_data_home, std::string_view home);
 std::filesystem::path linux_menu_directory();
 

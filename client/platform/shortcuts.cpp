@@ -18,18 +18,17 @@ namespace fs = std::filesystem;
 
 bool has_desktop_entries() { return host::shortcut_form() == host::ShortcutForm::desktop_entry; }
 
-/// No component may be a link but the system's own, and each must be a directory. One that goes
-/// missing meanwhile is left to the creation.
+/// No component may be a link, not even the system's own, and each must be a directory. A last one
+/// that goes missing meanwhile is left to the creation.
 void require_plain_directories(const fs::path& folder) {
-  const fs::path resolved = resolve_system_links(folder);
-  fs::path walked = resolved.root_path();
-  for (const auto& component : resolved.relative_path()) {
+  fs::path walked = folder.root_path();
+  for (const auto& component : folder.relative_path()) {
     walked /= component;
     std::error_code ignored;
     const auto type = fs::symlink_status(walked, ignored).type();
     require(type != fs::file_type::symlink, "unsafe_path",
             "Shortcut path contains a symbolic link");
-    if (type == fs::file_type::not_found && walked == resolved) return;
+    if (type == fs::file_type::not_found && walked == folder) return;
     require(type == fs::file_type::directory, "shortcut_path",
             "Shortcut paths need existing plain files and directories");
   }
