@@ -16,7 +16,7 @@ namespace tavro {
 struct SnapshotManifest;
 
 /// Device and inode of a directory, as `inspect_storage_directory` answers them: by these a record
-/// knows a tree again, also after a restart or under another name of its volume.
+/// knows a tree again, after a restart and after its rename.
 using TreeIdentity = std::array<unsigned long long, 2>;
 
 /// A private staging tree in which every file of a snapshot exists at its full size before the
@@ -40,7 +40,7 @@ struct ReservedTree {
   const FileReservation& file(std::string_view path, unsigned long long length) const;
 
   /// Proves that this tree stands at `root` and was made for this snapshot: `allocation_changed`,
-  /// or `unsafe_path` when no ordinary directory stands there. Its files are not looked at.
+  /// or `unsafe_path` when no ordinary directory stands there any more. Files are not looked at.
   void validate(const SnapshotManifest& manifest, const std::filesystem::path& root) const;
 
   /// `requested_bytes`, `reserved_bytes`, `file_count`, and `data_reserved`: whether the space of
