@@ -1,19 +1,19 @@
 #include "app/shortcut_ledger.h"
 
 #include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
+#include <future>
+#include <thread>
 
 #include "app/menu_icon.h"
+#include "domain/documents.h"
 #include "platform/desktop_entry.h"
+#include "platform/native_lock.h"
 #include "support/fail_nth_call.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
-namespace tavro {
-namespace {
+namespace tavro::shortcut_ledger_test {
 
 using Paths = std::vector<fs::path>;
 
@@ -55,6 +55,11 @@ TEST_F(ShortcutLedger, HoldsNoMoreThan128) {
   write(document(128).dump());
   EXPECT_EQ(refusal(at / "menu/new.desktop"), "size_limit: Too many recorded shortcuts");
   EXPECT_TRUE(create(entry(127)));
+  json full = document(1);
+  full["entries"][0]["name"] = std::string(262144 - full.dump().size(), 'n');
+  write(full.dump());
+  EXPECT_EQ(refusal(entry(1)), "size_limit: Too many recorded shortcuts");
+  EXPECT_FALSE(fs::exists(entry(1)));
   write(document(129).dump());
   EXPECT_EQ(refusal(entry(0)), "shortcut_ledger: Unsupported shortcut list " + ledger.string());
 }
@@ -62,20 +67,16 @@ TEST_F(ShortcutLedger, HoldsNoMoreThan128) {
 TEST_F(ShortcutLedger, LeavesAloneWhatItCannotRead) {
   create(entry(0));
   const std::string good = read_file(ledger, 262144);
-  const auto with = [&](const char* pointer, const json& value) {
-    json damaged = json::parse(good);
-    damaged[json::json_pointer(pointer)] = value;
-    return damaged.dump();
-  };
+  const auto with = [&](const char* damage) { return damaged(json::parse(good), damage).dump(); };
   const std::string unsupported = "shortcut_ledger: Unsupported shortcut list " + ledger.string();
   const std::string malformed = "shortcut_ledger: Shortcut list is malformed: " + ledger.string();
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {with("/schema_version", 2), unsupported},
-      {with("/kind", "tavro-launch-document"), unsupported},
-      {with("/entries", "none"), unsupported},
-      {with("/entries/0", 1), malformed},
-      {with("/entries/0/path", 7), malformed},
-      {with("/entries/0/path", "menu/x.desktop"), "shortcut_path: "},
+      {R"({"schema_version":2})", unsupported},
+      {with(R"(/kind "tavro-launch-document")"), unsupported},
+      {with("/entries \"none\""), unsupported},
+      {with("/entries/0 1"), malformed},
+      {with("/entries/0/path 7"), malformed},
+      {with(R"(/entries/0/path "menu/x.desktop")"), "shortcut_path: "},
       {good.substr(0, good.size() / 2), malformed},
       {good + std::string(262145 - good.size(), ' '), "size_limit: "},
   };
@@ -111,23 +112,24 @@ TEST_F(ShortcutLedger, RefusesTheDataFolderUnderEverySpelling) {
   umount2((at / "bound").c_str(), MNT_DETACH);
 }
 
-TEST_F(ShortcutLedger, IsChangedByOneProcessAtATime) {
-  constexpr int each = 15;
-  std::vector<pid_t> children;
-  for (int process = 0; process < 3; ++process) {
-    children.push_back(fork());
-    if (children.back() != 0) continue;
-    for (int number = 0; number < each; ++number)
-      if (!refusal(entry(process * 100 + number)).empty()) _exit(1);
-    _exit(0);
-  }
-  for (const pid_t child : children) {
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
-  EXPECT_EQ(owned_native_shortcuts(root).size(), 3U * each);
-  EXPECT_EQ(remove_owned_native_shortcuts(root).removed.size(), 3U * each);
+TEST_F(ShortcutLedger, IsChangedByOneAtATime) {
+  std::vector<std::future<void>> runs;
+  for (const int run : {0, 100, 200})
+    runs.push_back(std::async(std::launch::async, [this, run] {
+      for (int number = 0; number < 15; ++number) create(entry(run + number));
+    }));
+  for (auto& run : runs) run.get();
+  EXPECT_EQ(owned_native_shortcuts(root).size(), 45U);
+  EXPECT_EQ(remove_owned_native_shortcuts(root).removed.size(), 45U);
+}
+
+TEST_F(ShortcutLedger, TakesNothingMoreOnceAnUninstallHasBegun) {
+  auto lock = std::make_unique<FileLock>(root / "native/shortcuts.lock", true, LockMode::exclusive);
+  auto run = std::async(std::launch::async, [this] { return refusal(entry(0)); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  put_file(root / ".tavro-setup-incomplete", "");
+  lock.reset();
+  EXPECT_THAT(run.get(), testing::StartsWith("native_install_incomplete: "));
 }
 
 TEST_F(ShortcutLedger, LeavesNoShortcutThatItDoesNotKnowWhereverWritingFails) {
@@ -136,9 +138,8 @@ TEST_F(ShortcutLedger, LeavesNoShortcutThatItDoesNotKnowWhereverWritingFails) {
     const bool made = fs::exists(entry(0)), known = owned_native_shortcuts(root).size() == 1;
     EXPECT_TRUE(made ? known : !stop.code.empty()) << stop.nth << stop.call;
   };
-  EXPECT_GT(strike_each_call(
-                Fault::fail, EIO, reset, [&] { create(entry(0)); }, check),
-            12);
+  const auto work = [&] { create(entry(0)); };
+  EXPECT_GT(strike_each_call(Fault::fail, EIO, reset, work, check), 12);
 }
 
 TEST(MenuIcon, IsTheLargestImageThatDesktopsShow) {
@@ -162,5 +163,4 @@ TEST(MenuIcon, IsTheLargestImageThatDesktopsShow) {
     EXPECT_EQ(largest_png(hostile), "");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::shortcut_ledger_test

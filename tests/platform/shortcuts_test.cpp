@@ -5,12 +5,11 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "domain/documents.h"
 #include "platform/desktop_entry.h"
 #include "platform/launch_document.h"
-#include "support/fail_nth_call.h"
 
-namespace tavro {
-namespace {
+namespace tavro::shortcuts_test {
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -90,6 +89,8 @@ TEST_F(Shortcuts, SayWhatADesktopAsksFor) {
 TEST_F(Shortcuts, GoToTheUsersMenuUnderAStableName) {
   EXPECT_EQ(linux_menu_directory("/data//x/", "/home/a"), "/data/x/applications");
   EXPECT_EQ(linux_menu_directory("relative", "/home/a"), "/home/a/.local/share/applications");
+  EXPECT_EQ(linux_menu_directory("/proc/self/x", ""),
+            fs::canonical("/proc/self") / "x/applications");
   EXPECT_EQ(code_of([] { linux_menu_directory("", "relative"); }), "user_path");
   const fs::path entry = native_menu_entry(at / "data", "", "one");
   EXPECT_EQ(native_menu_entry(at / "x/../data", "", "two"), entry);
@@ -108,6 +109,7 @@ TEST_F(Shortcuts, RefuseEveryUnfitPlaceAndChangeNothing) {
       {at / "x.tavro-launch", "Desktop entries must end in .desktop"},
       {at / "none/x.desktop", "Custom shortcut destinations require an existing parent directory"},
       {at / "link/x.desktop", "Shortcut path contains a symbolic link"},
+      {"/proc/self/x.desktop", "Shortcut path contains a symbolic link"},
       {at / "file.desktop/x.desktop", "Shortcut paths need existing plain files and directories"},
       {at / "data/native/x.desktop", "Desktop entries must be outside application data"},
       {at / "launcher/staging/deep/x.desktop",
@@ -121,42 +123,23 @@ TEST_F(Shortcuts, RefuseEveryUnfitPlaceAndChangeNothing) {
   EXPECT_FALSE(fs::exists(at / "share") || fs::exists(at / "x.desktop"));
 }
 
-TEST_F(Shortcuts, AreWholeOrNotThereWhereverWritingFails) {
-  const fs::path entry = at / "x.desktop";
-  for (const Fault fault : {Fault::cut, Fault::fail}) {
-    const auto check = [&](const Stop& stop) {
-      const std::string text = fs::exists(entry) ? read_file(entry, 65536) : "";
-      EXPECT_TRUE(fault == Fault::cut || text.empty() != stop.code.empty()) << stop.call;
-      EXPECT_TRUE(text.empty() || text == linux_desktop_entry(shortcut)) << stop.call;
-    };
-    const auto create = [&] { create_native_shortcut(shortcut, entry); };
-    EXPECT_GT(strike_each_call(
-                  fault, EIO, [&] { fs::remove(entry); }, create, check),
-              4);
-  }
-}
-
 TEST_F(Shortcuts, ReadOnlyWholeLaunchDocuments) {
   const std::string text = macos_launch_document(shortcut);
   EXPECT_EQ(macos_launch_document(parse_macos_launch_document(text)), text);
-  const std::vector<std::pair<std::string, std::string>> rows = {
-      {R"({"name":null})", "shortcut_document: Unknown launch document fields"},
-      {R"({"run":"rm"})", "shortcut_document: Unknown launch document fields"},
-      {R"({"name":null,"Name":""})", "shortcut_document: Incomplete launch document"},
-      {R"({"schema_version":2})", "unsupported_schema: Unknown launch document schema was pre"},
-      {R"({"kind":"tavro-shortcuts"})", "unsupported_schema: "},
-      {R"({"name":7})", "shortcut_document: Launch document choices must be strings"},
-      {R"({"name":""})", "shortcut_text: "},
-      {R"({"bootstrap":"/"})", "shortcut_path: "},
-      {R"({"data_root":"/a\u0000b"})", "unsafe_path: "},
-      {R"({"game_id":"a/b"})", "invalid_identity: "},
-  };
-  for (const auto& [damage, failure] : rows) {
-    json document = json::parse(text);
-    document.merge_patch(json::parse(damage));
-    EXPECT_THAT(failure_of([&] { parse_macos_launch_document(document.dump()); }),
-                StartsWith(failure));
-  }
+  expect_answers(R"(shortcut_document: Unknown launch document fields|/name|/run "rm"
+unsupported_schema: Unknown launch document schema was pre|/schema_version 2
+unsupported_schema: |/kind "tavro-shortcuts"
+shortcut_document: Launch document choices must be strings|/name 7
+shortcut_text: |/name ""
+shortcut_path: |/bootstrap "/"
+unsafe_path: |/data_root "/a\u0000b"
+invalid_identity: |/game_id "a/b")",
+                 [&](const std::string& damage) {
+                   parse_macos_launch_document(damaged(json::parse(text), damage).dump());
+                 });
+  const json renamed = damaged(damaged(json::parse(text), "/name"), "/Name \"\"");
+  EXPECT_FAILURE(parse_macos_launch_document(renamed.dump()),
+                 "shortcut_document: Incomplete launch document");
   const std::string longer = text + std::string(32768, ' ');
   EXPECT_EQ(code_of([&] { parse_macos_launch_document(longer); }), "size_limit");
 }
@@ -186,5 +169,4 @@ TEST_F(Shortcuts, RegisterTheHandlerBesideTheBootstrapBeforeADocumentIsMade) {
             "shortcut_bootstrap");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::shortcuts_test
