@@ -48,9 +48,10 @@ struct TufDownloadOptions {
 using DownloadObserver = std::function<void(std::string_view state, const json& description,
                                             std::string_view temporary)>;
 
-/// The system's one view of a repository, kept in a trust folder. Every file of that folder is the
-/// verbatim bytes of a document that was proved before it was stored; what is read back is proved
-/// again before use. One client a folder, for as long as the object lives; one thread.
+/// The system's one view of a repository, kept in a trust folder. Every document of that folder is
+/// the verbatim bytes that were proved before they were stored. What is read back is proved again
+/// before use; of the timestamp only shape and expiry, since a rotation of its keys removes it. One
+/// client a folder, for as long as the object lives; one thread.
 class TufClient {
  public:
   using Clock = std::function<std::chrono::system_clock::time_point()>;
