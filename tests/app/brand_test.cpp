@@ -1,10 +1,9 @@
 #include "app/brand.h"
 
+#include "domain/documents.h"
 #include "domain/product_name.h"
-#include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::brand_test {
 
 using namespace std::string_literals;
 
@@ -21,17 +20,11 @@ const json valid = {{"name", "Nova"}, {"id", "nova"}, {"publisher", "Nova Ltd"},
 
 TEST(Brand, ComesBackAsItWasWrittenOrIsRefused) {
   EXPECT_EQ(brand_json(parse_brand(valid)), valid);
-  const std::vector<std::tuple<std::string, json, std::string>> rows = {
-      {"icon", "yes", "Brand has unknown or missing fields"},
-      {"name", 7, "Brand needs a name"},
-      {"id", "", "Brand id must be 1 to 80 bytes of plain text"},
-      {"publisher", "a\nb", "Brand publisher must be 1 to 128 bytes of plain text"},
-  };
-  for (const auto& [key, damage, message] : rows) {
-    auto value = valid;
-    value[key] = damage;
-    EXPECT_EQ(failure_of([&] { parse_brand(value); }), "invalid_native_package: " + message);
-  }
+  expect_answers(R"(Brand has unknown or missing fields|/icon "yes"|/more 1|/publisher
+Brand needs a name|/name 7
+Brand id must be 1 to 80 bytes of plain text|/id ""|/id "<81>"
+Brand publisher must be 1 to 128 bytes of plain text|/publisher "a\nb"|/publisher "<129>")",
+                 [](const std::string& damage) { parse_brand(damaged(valid, damage)); });
 }
 
 TEST(Brand, InstalledOneNamesTheProcessUnlessItsRecordIsDamaged) {
@@ -50,5 +43,4 @@ TEST(Brand, InstalledOneNamesTheProcessUnlessItsRecordIsDamaged) {
   set_product_icon({});
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::brand_test

@@ -4,8 +4,7 @@
 
 #include "support/answers.h"
 
-namespace tavro {
-namespace {
+namespace tavro::cli_entry_test {
 
 using Words = std::vector<std::string>;
 using testing::ElementsAre;
@@ -112,5 +111,4 @@ TEST(CliEntry, TakesWordsOutOfAForwardedLine) {
   EXPECT_FAILURE(cli_flag(broken, "--x"), "usage: --game needs a value");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::cli_entry_test

@@ -3,8 +3,7 @@
 #include "app/installation_record.h"
 #include "support/installation.h"
 
-namespace tavro {
-namespace {
+namespace tavro::data_folder_test {
 
 TEST(DataFolder, AcceptsOnlyAFolderThatCanBeOne) {
   const TempFolder folder;
@@ -59,5 +58,4 @@ TEST(InstallStatus, RecordsAnOperationWhateverItsMessage) {
   EXPECT_EQ(at.status().to_json().at("last_operation").at("message"), std::string(2046, 'a'));
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::data_folder_test

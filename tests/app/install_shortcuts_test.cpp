@@ -2,8 +2,7 @@
 
 #include "support/installation.h"
 
-namespace tavro {
-namespace {
+namespace tavro::install_shortcuts_test {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -78,5 +77,4 @@ TEST(InstallShortcuts, FailNothing) {
   EXPECT_TRUE(stands(made));
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::install_shortcuts_test

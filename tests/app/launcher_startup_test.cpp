@@ -1,5 +1,7 @@
 // A candidate's probation: the store's side in this process, the launcher's in real ones.
 
+#include "app/launcher_startup.h"
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,15 +9,13 @@
 
 #include "app/launcher_helper.h"
 #include "app/launcher_runtime.h"
-#include "app/launcher_startup.h"
 #include "app/launcher_store.h"
 #include "app/runtime_image.h"
 #include "app/start_marker.h"
 #include "support/installation.h"
 #include "support/launched.h"
 
-namespace tavro {
-namespace {
+namespace tavro::launcher_startup_test {
 
 class Startup : public testing::Test {
  protected:
@@ -42,6 +42,7 @@ class Startup : public testing::Test {
     EXPECT_EQ(launcher.line(), "ready");
     store.confirm_candidate(attempt, health(attempt), launcher.pid(), "gui");
   }
+
   TempFolder folder;
   fs::path root = folder.path() / "data";
   LauncherStore store{root};
@@ -250,5 +251,4 @@ TEST_F(Startup, GuardsAHelperByItsPlaceAndContent) {
             "launcher_state");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::launcher_startup_test

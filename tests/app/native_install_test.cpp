@@ -3,8 +3,7 @@
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
-namespace tavro {
-namespace {
+namespace tavro::native_install_test {
 
 using Parts = std::vector<std::string>;
 
@@ -44,6 +43,10 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
     EXPECT_EQ(tree_content(at.folder.path()), before) << failure;
   }
   fs::remove_all(paths.root);
+  const auto seal = std::exchange(at.package.seal, std::string(64, 'a'));
+  EXPECT_EQ(code_of([&] { at.install(); }), "native_install_trust");
+  EXPECT_FALSE(stands(paths.root));
+  at.package.seal = seal;
   fs::create_directories(paths.native);
   fs::create_symlink("nowhere", paths.incomplete_marker);
   EXPECT_TRUE(at.status().incomplete) << "a marker is one whatever it is";
@@ -110,5 +113,4 @@ TEST_F(Install, RepairsOnlyWhatDoesNotProveIntact) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::native_install_test

@@ -9,8 +9,7 @@
 
 #include "support/installation.h"
 
-namespace tavro {
-namespace {
+namespace tavro::native_setup_test {
 
 using Kind = SetupCommandKind;
 
@@ -84,5 +83,4 @@ TEST(NativeSetup, LeavesTheFolderWholeOrGoneWheneverARunIsStopped) {
   EXPECT_EQ(ends, (std::set<std::string>{"", "cancelled"}));
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::native_setup_test

@@ -5,8 +5,7 @@
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
-namespace tavro {
-namespace {
+namespace tavro::native_uninstall_test {
 
 class Uninstall : public testing::Test {
  protected:
@@ -76,5 +75,4 @@ TEST_F(Uninstall, WaitsForTavroToClose) {
   EXPECT_EQ(uninstall(std::chrono::hours(1)), "");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::native_uninstall_test

@@ -8,8 +8,7 @@
 #include "domain/product_name.h"
 #include "support/answers.h"
 
-namespace tavro {
-namespace {
+namespace tavro::setup_console_test {
 
 using Arguments = std::vector<std::string>;
 
@@ -149,5 +148,4 @@ TEST_F(SetupConsole, SumsUpInOneSentenceUnderABrand) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::setup_console_test

@@ -8,8 +8,7 @@
 #include "domain/documents.h"
 #include "publisher/keys.h"
 
-namespace tavro {
-namespace {
+namespace tavro::signature_test {
 
 const std::string kMessage = "signed words";
 
@@ -100,5 +99,4 @@ TEST(Signature, ReadsPemTextUpToItsBoundAndNeverAsksForAPassword) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::signature_test

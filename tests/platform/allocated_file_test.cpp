@@ -3,8 +3,7 @@
 #include "support/fail_nth_call.h"
 #include "support/snapshot_archive.h"
 
-namespace tavro {
-namespace {
+namespace tavro::allocated_file_test {
 
 class AllocatedFiles : public ::testing::Test {
  protected:
@@ -116,5 +115,4 @@ TEST_F(AllocatedFiles, DoWithoutAReservationWhereTheFileSystemHasNone) {
   EXPECT_EQ(content(), "12345");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::allocated_file_test

@@ -5,8 +5,7 @@
 #include "platform/native_files.h"
 #include "support/fail_nth_call.h"
 
-namespace tavro {
-namespace {
+namespace tavro::files_test {
 
 struct Files : testing::Test {
   fs::path put(const fs::path& name) const {
@@ -148,5 +147,4 @@ TEST_F(Files, RemovesOnlySingleEntries) {
   EXPECT_EQ(entries(), 0);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::files_test

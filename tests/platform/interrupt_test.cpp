@@ -7,8 +7,7 @@
 
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::interrupt_test {
 
 void name(const std::string& channel) {
   ::setenv(launcher_interrupt_reader_environment, channel.c_str(), 1);
@@ -68,5 +67,4 @@ TEST(InterruptPipe, CausesNoSignalAndTakesNoneOfOthers) {
   ::sigwaitinfo(&signal, nullptr), ::pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::interrupt_test

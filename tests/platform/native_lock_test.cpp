@@ -4,8 +4,7 @@
 
 #include "support/fail_nth_call.h"
 
-namespace tavro {
-namespace {
+namespace tavro::native_lock_test {
 
 constexpr auto exclusive = LockMode::exclusive, shared = LockMode::shared;
 
@@ -103,5 +102,4 @@ TEST_F(Locks, TellAPathThatNoLongerNamesThem) {
   EXPECT_EQ(native(), "lock_failed: Native ownership path changed while locking");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::native_lock_test

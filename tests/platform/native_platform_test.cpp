@@ -2,8 +2,7 @@
 
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::native_platform_test {
 
 std::string refused(const fs::path& image) {
   return failure_of([&] { require_complete_native_install_image(image); });
@@ -29,5 +28,4 @@ TEST(NativePlatform, RefusesImagesBelowUnfinishedFolders) {
   EXPECT_EQ(refused(deep / "d"), "unsafe_path: Native image path is too deep");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::native_platform_test

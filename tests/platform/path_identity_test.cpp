@@ -7,8 +7,7 @@
 
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::path_identity_test {
 
 using host::NameRules;
 
@@ -120,5 +119,4 @@ TEST_F(PathIdentity, IsTheSameThroughEveryMountOfTheVolume) {
   for (const auto& path : {bound, first, second}) umount2(path.c_str(), MNT_DETACH);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::path_identity_test

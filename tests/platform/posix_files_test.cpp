@@ -10,8 +10,7 @@
 
 #include "support/fail_nth_call.h"
 
-namespace tavro {
-namespace {
+namespace tavro::posix_files_test {
 
 using posix_files::private_directory, posix_files::require_private_path;
 
@@ -155,5 +154,4 @@ TEST_F(PrivateStorage, ReservesAllOrNothing) {
   EXPECT_EQ(reserve(1ull << 63).first, EFBIG);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::posix_files_test

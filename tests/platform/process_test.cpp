@@ -11,8 +11,7 @@
 #include "platform/host.h"
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::process_test {
 
 constexpr auto* authority = launcher_interrupt_reader_environment;
 const std::string full(4096, 'a');
@@ -154,5 +153,4 @@ TEST_F(Process, ShowsADirectoryByTheDesktopsOwnOpener) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::process_test

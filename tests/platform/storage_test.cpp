@@ -4,8 +4,7 @@
 #include "platform/storage_plan.h"
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::storage_test {
 
 using Amount = unsigned long long;
 constexpr Amount margin = 16777216;
@@ -68,5 +67,4 @@ TEST(StoragePlan, TellsAShortfallInTheUnitThatIsMissing) {
   EXPECT_EQ(told(0, 5, true), start + "5 more file entries" + end);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::storage_test

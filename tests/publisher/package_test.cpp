@@ -6,8 +6,7 @@
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
 
-namespace tavro {
-namespace {
+namespace tavro::package_test {
 
 std::vector<std::string> names_in(const fs::path& folder) {
   std::vector<std::string> names;
@@ -105,5 +104,4 @@ TEST(Package, IsWholeOrNotThereWhicheverCallFails) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::package_test

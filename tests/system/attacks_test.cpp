@@ -2,8 +2,7 @@
 #include "transport/https.h"
 #include "tuf/trusted_client.h"
 
-namespace tavro {
-namespace {
+namespace tavro::attacks_test {
 
 /// A client that fetches fonts/a, a target of a delegated role, from a real server.
 struct World : TrustedClient {
@@ -206,5 +205,4 @@ TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::attacks_test

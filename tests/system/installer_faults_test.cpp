@@ -9,8 +9,7 @@
 #include "platform/native_lock.h"
 #include "system/installer_program.h"
 
-namespace tavro {
-namespace {
+namespace tavro::installer_faults_test {
 
 using testing::AnyOf;
 
@@ -56,11 +55,8 @@ struct Struck : InstallerWorld {
 };
 
 struct Operation {
-  std::string name;
-  std::vector<std::string> words;
+  std::string name, command;
   std::function<void(Struck&)> prepare;
-
-  friend void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
 };
 
 class Strike : public testing::TestWithParam<Operation> {
@@ -74,15 +70,15 @@ class Strike : public testing::TestWithParam<Operation> {
     GetParam().prepare(world);
     was_installed = world.record_stands();
     had_save = fs::exists(world.save());
-    auto words = GetParam().words;
-    if (words.front() != "uninstall")
-      words.insert(words.end(), {"--package", world.package.folder});
+    std::vector<std::string> words = {GetParam().command};
+    if (!uninstalls()) words.insert(words.end(), {"--package", world.package.folder});
     return world.run(words, world.struck(signal, call));
   }
 
+  static bool uninstalls() { return GetParam().command == "uninstall"; }
+
   Struck world{package_of(1, 100)};
-  bool was_installed = false;
-  bool had_save = false;
+  bool was_installed = false, had_save = false;
 };
 
 TEST_P(Strike, ByAKillLeavesAFolderThatTheNextRunCompletes) {
@@ -118,7 +114,7 @@ TEST_P(Strike, ByCtrlCUndoesOrCompletesTheRun) {
       }
     } else {
       ASSERT_EQ(ended.status, 0) << ended.errors;
-      EXPECT_EQ(world.record_stands(), GetParam().words.front() != "uninstall");
+      EXPECT_EQ(world.record_stands(), !uninstalls());
       if (call > world.calls()) break;
     }
     ASSERT_FALSE(HasFailure());
@@ -127,24 +123,12 @@ TEST_P(Strike, ByCtrlCUndoesOrCompletesTheRun) {
   EXPECT_TRUE(recorded > 0 || GetParam().name != "repair");
 }
 
-INSTANTIATE_TEST_SUITE_P(At, Strike,
-                         testing::ValuesIn(std::vector<Operation>{
-                             {"install", {"install"}, [](Struck&) {}},
-                             {"install_beside_saves", {"install"}, [](Struck& w) { w.play(); }},
-                             {"repair",
-                              {"repair"},
-                              [](Struck& w) {
-                                w.play();
-                                w.install();
-                                w.damage();
-                              }},
-                             {"uninstall",
-                              {"uninstall"},
-                              [](Struck& w) {
-                                w.install();
-                                w.play();
-                              }},
-                         }),
+const Operation operations[] = {
+    {"install", "install", [](Struck&) {}},
+    {"install_beside_saves", "install", [](Struck& w) { w.play(); }},
+    {"repair", "repair", [](Struck& w) { w.play(), w.install(), w.damage(); }},
+    {"uninstall", "uninstall", [](Struck& w) { w.install(), w.play(); }}};
+INSTANTIATE_TEST_SUITE_P(At, Strike, testing::ValuesIn(operations),
                          [](const auto& row) { return row.param.name; });
 
 TEST(TwoInstallers, NeverSpoilEachOthersWork) {
@@ -186,64 +170,35 @@ TEST(RunningClient, HoldsOffRepairAndRemoval) {
   world.expect_healthy();
 }
 
-/// A file system of this size in memory at a folder of the test.
-class SmallDisk {
- public:
-  SmallDisk(fs::path at, std::size_t bytes) : at_(std::move(at)) {
-    fs::create_directories(at_);
-    const std::string size = "mode=700,size=" + std::to_string(bytes);
-    mounted_ = mount("tmpfs", at_.c_str(), "tmpfs", 0, size.c_str()) == 0;
-  }
-  ~SmallDisk() {
-    if (mounted_) umount2(at_.c_str(), MNT_DETACH);
-  }
-  SmallDisk(SmallDisk&&) = delete;
-
-  bool mounted() const { return mounted_; }
-  std::uintmax_t free() const { return fs::space(at_).free; }
-  fs::path fill() const {
-    const fs::path ballast = at_ / "ballast";
-    std::ofstream file(ballast, std::ios::binary);
-    for (const std::string block(4096, 'x'); file.write(block.data(), 4096).flush();) continue;
-    return ballast;
-  }
-
- private:
-  fs::path at_;
-  bool mounted_ = false;
-};
-
 TEST(FullDisk, FailsInWordsAndLosesNothing) {
   Struck world(package_of(3, 60000));
-  const fs::path at = world.folder.path() / "disk";
+  const fs::path at = world.folder.path() / "disk", ballast = at / "ballast";
+  fs::create_directory(at);
   world.root = at / "data";
   int failures = 0;
-  for (std::size_t bytes = 32768;; bytes += 131072) {
-    SCOPED_TRACE(bytes);
-    const SmallDisk disk(at, bytes);
-    if (!disk.mounted()) GTEST_SKIP() << "cannot mount a small disk: " << std::strerror(errno);
-    const auto before = disk.free();
+  bool full = true;
+  for (std::size_t bytes = 32768; full && !HasFailure(); bytes += 131072) {
+    const std::string size = "mode=700,size=" + std::to_string(bytes);
+    if (mount("tmpfs", at.c_str(), "tmpfs", 0, size.c_str()) != 0)
+      GTEST_SKIP() << "cannot mount a small disk: " << std::strerror(errno);
+    const auto before = fs::space(at).free;
     const Ending ended = world.install();
-    if (ended.status != 0) {
+    full = ended.status != 0;
+    if (full) {
       ++failures;
-      EXPECT_EQ(ended.status, 1);
-      EXPECT_NE(ended.errors, "");
-      EXPECT_FALSE(fs::exists(world.root));
-      EXPECT_EQ(disk.free(), before);
-      ASSERT_FALSE(HasFailure());
-      continue;
+      EXPECT_TRUE(ended.status == 1 && !ended.errors.empty()) << size;
+      EXPECT_TRUE(!fs::exists(world.root) && fs::space(at).free == before) << size;
+    } else {
+      world.play(), world.damage();
+      for (std::ofstream file(ballast); file << std::string(4096, 'x') << std::flush;) continue;
+      EXPECT_EQ(world.repair().status, 1);
+      EXPECT_TRUE(fs::exists(world.save()));
+      fs::remove(ballast);
+      world.recover();
     }
-    world.play();
-    world.damage();
-    const fs::path ballast = disk.fill();
-    EXPECT_EQ(world.repair().status, 1);
-    EXPECT_TRUE(fs::exists(world.save()));
-    fs::remove(ballast);
-    world.recover();
-    break;
+    umount2(at.c_str(), MNT_DETACH);
   }
   EXPECT_GT(failures, 3);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::installer_faults_test

@@ -1,14 +1,9 @@
 // What a user meets: the real programs, from the command line to the exit status.
 
+#include "support/installation.h"
 #include "system/installer_program.h"
 
-namespace tavro {
-namespace {
-
-void put(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path) << text;
-}
+namespace tavro::installer_test {
 
 std::string text_of(const Ending& ending) { return ending.output + ending.errors; }
 
@@ -34,8 +29,8 @@ TEST(InstalledClient, LivesFromInstallToRemoval) {
   EXPECT_EQ(say({"repair", "--package", package}).output,
             "Repaired Tavro in " + root + ". Everything was already intact.\n");
 
-  put(world.root / "userdata/save.dat", "progress");
-  put(world.root / "native/bootstrap/bin/tavro-bootstrap", "damage");
+  put_file(world.root / "userdata/save.dat", "progress");
+  put_file(world.root / "native/bootstrap/bin/tavro-bootstrap", "damage");
   EXPECT_EQ(json::parse(world.repair().output)["replaced"], json({"bootstrap"}));
   EXPECT_EQ(text_of(say({"uninstall"})),
             "Removed Tavro from " + root + ". Saves and settings were kept.\nRemoving…\n");
@@ -47,26 +42,9 @@ TEST(InstalledClient, LivesFromInstallToRemoval) {
   EXPECT_FALSE(fs::exists(world.root));
 }
 
-TEST(Package, IsRefusedBeforeAnythingIsWritten) {
-  const std::pair<std::function<void(InstallerWorld&)>, std::string> rows[] = {
-      {[](auto& world) { put(world.package.path("launcher_archive"), "other"); },
-       "content_mismatch"},
-      {[](auto& world) { world.seal = std::string(64, 'a'); }, "native_install_trust"},
-      {[](auto& world) { world.root = world.package.folder / "data"; }, "unsafe_path"},
-  };
-  for (const auto& [harm, code] : rows) {
-    InstallerWorld world;
-    harm(world);
-    const Ending refused = world.install();
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.code(), code) << text_of(refused);
-    EXPECT_FALSE(fs::exists(world.root));
-  }
-}
-
 TEST(Programs, NeverRunFromAnUnfinishedFolder) {
   TempFolder folder;
-  put(folder.path() / ".tavro-native-bundle-incomplete.json", "");
+  put_file(folder.path() / ".tavro-native-bundle-incomplete.json", "");
   const std::string data = folder.path();
   const std::vector<std::pair<std::string, std::vector<std::string>>> programs = {
       {"tavro-install", {"status"}},
@@ -84,5 +62,4 @@ TEST(Programs, NeverRunFromAnUnfinishedFolder) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::installer_test

@@ -11,8 +11,7 @@
 #include "support/launched.h"
 #include "system/installer_program.h"
 
-namespace tavro {
-namespace {
+namespace tavro::maintenance_test {
 
 using std::chrono::milliseconds;
 using testing::HasSubstr;
@@ -149,5 +148,4 @@ TEST_F(Removal, WaitsForAYesInTheHelpersWindow) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::maintenance_test

@@ -2,8 +2,7 @@
 
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::download_response_test {
 
 /// Feeds a head, whose lines are separated by "|", and its empty line; then body sizes.
 struct Response {
@@ -112,5 +111,4 @@ TEST(DownloadResponse, BoundsLinesFieldsHeadsAndBytes) {
   EXPECT_EQ(code_of([&] { Response(1, 0).headers.line("HTTP/1.1 200"); }), "download_headers");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::download_response_test

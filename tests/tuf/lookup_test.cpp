@@ -1,7 +1,6 @@
 #include "tuf/trusted_client.h"
 
-namespace tavro {
-namespace {
+namespace tavro::lookup_test {
 
 struct Lookup : TrustedClient {
   json& role(json& delegator, const std::string& name, bool terminating = false) {
@@ -79,5 +78,4 @@ TEST(Lookup, IsBoundedAndNeverAnswersPastABrokenRole) {
   EXPECT_TRUE(repository.requests.empty());
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::lookup_test

@@ -3,8 +3,7 @@
 #include "support/signed_repository.h"
 #include "support/testing.h"
 
-namespace tavro {
-namespace {
+namespace tavro::threshold_test {
 
 TEST(Threshold, CountsDifferentAuthorisedKeysOverTheCanonicalValue) {
   const auto &first = SignedRepository::key("first"), &second = SignedRepository::key("root");
@@ -84,5 +83,4 @@ TEST(PathPattern, HasBoundsAndNoExplosion) {
   EXPECT_FALSE(path_pattern_matches(stars + "b", longest));
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::threshold_test

@@ -22,10 +22,11 @@ struct TrustedClient {
   TrustedClient() { TufClient::initialize(trust, repository.root_bytes()); }
 
   /// Opens the folder anew, as the next process would.
-  TufClient& reopen() {
+  TufClient& reopen() { return reopen(repository); }
+  TufClient& reopen(Transport& targets) {
     client.reset();
     repository.requests.clear();
-    return client.emplace(trust, repository, repository, limits, [this] { return now; });
+    return client.emplace(trust, repository, targets, limits, [this] { return now; });
   }
   std::string refresh_code() {
     return code_of([&] { reopen().refresh(); });

@@ -3,8 +3,7 @@
 #include "support/fail_nth_call.h"
 #include "tuf/trusted_client.h"
 
-namespace tavro {
-namespace {
+namespace tavro::tuf_test {
 
 using Requests = std::vector<std::string>;
 using Repository = SignedRepository;
@@ -98,9 +97,8 @@ TEST(Refresh, ForgetsWhatRotatedOnlineKeysSigned) {
       EXPECT_FALSE(stored.contains("root-invalidation.json")) << stop.nth;
       EXPECT_EQ(stored.at("snapshot.json"), repository.files.at("3.snapshot.json").body);
     };
-    EXPECT_GT(strike_each_call(
-                  fault, EIO, prepare, [&] { trusted.reopen().refresh(); }, check),
-              20);
+    const auto work = [&] { trusted.reopen().refresh(); };
+    EXPECT_GT(strike_each_call(fault, EIO, prepare, work, check), 20);
   }
 }
 
@@ -134,5 +132,4 @@ TEST(Refresh, ReplacesACachedRoleThatHasExpired) {
   EXPECT_EQ(trusted.stored().at("targets.json"), repository.files.at("1.targets.json").body);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::tuf_test
