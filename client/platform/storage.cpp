@@ -68,10 +68,12 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& directory) {
 std::array<unsigned long long, 2> inspect_storage_directory(
     const std::filesystem::path& directory) {
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  const UniqueFd descriptor = posix_files::open(directory, flags);
+  // With a separator at its end the path would lead through a link.
+  const auto path = directory.has_filename() ? directory : directory.parent_path();
+  const UniqueFd descriptor = posix_files::open(path, flags);
   require(bool(descriptor), "unsafe_path", "Cannot inspect prepared directory identity");
   const auto held = posix_files::node_of(descriptor.get());
-  const auto named = posix_files::node_at(directory);
+  const auto named = posix_files::node_at(path);
   require(held && named && S_ISDIR(held->st_mode) && posix_files::same_node(*held, *named),
           "unsafe_path", "Prepared directory is linked, replaced or unavailable");
   return {held->st_dev, held->st_ino};

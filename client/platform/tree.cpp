@@ -16,13 +16,16 @@ namespace fs = std::filesystem;
 
 constexpr unsigned long max_cleanup_entries = 250000;
 
-fs::file_type link_type(const fs::path& path) { return fs::symlink_status(path).type(); }
-
-/// Absolute, and without the separator at the end that would make it its own parent.
-fs::path plain_root(const fs::path& root) {
-  fs::path absolute = fs::absolute(root);
-  return absolute.has_filename() ? absolute : absolute.parent_path();
+/// A separator at the end would follow a link, and make the path its own parent.
+fs::path without_end_separator(const fs::path& path) {
+  return path.has_filename() ? path : path.parent_path();
 }
+
+fs::file_type link_type(const fs::path& path) {
+  return fs::symlink_status(without_end_separator(path)).type();
+}
+
+fs::path plain_root(const fs::path& root) { return without_end_separator(fs::absolute(root)); }
 
 /// One retirement: which directories may have become empty, and which have to be synced.
 class Retirement {

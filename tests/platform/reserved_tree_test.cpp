@@ -152,8 +152,10 @@ allocation_changed: Prepared directory identity changed; preserve|mv ../1.0 ../w
 allocation_changed: An activation destination appeared before|mkdir ../../../versions/1.0
 |echo >bin/run; rm -r data)",
                  change_and_clean);
-  fs::create_symlink("nowhere", at.staging);
-  EXPECT_TRUE(cleanup_install_preparation(at.staging, {}));
+  fs::create_symlink(at.record.parent_path(), at.staging);
+  EXPECT_TRUE(cleanup_install_preparation(at.staging / "", {}));
+  EXPECT_EQ(code_of([&] { inspect_storage_directory(at.staging / ""); }), "unsafe_path");
+  EXPECT_TRUE(fs::exists(at.record)) << "behind the link";
   fs::remove(at.staging), write_tree(content, at.staging);
   EXPECT_FALSE(cleanup_install_preparation(at.staging, {}) || fs::exists(at.staging));
 }
