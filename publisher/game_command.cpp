@@ -30,9 +30,9 @@ void require_known(const json& value, std::string_view what,
                    std::initializer_list<std::string_view> known) {
   require(value.is_object(), "invalid_game",
           [&] { return std::string(what) + " must be an object"; });
-  for (const auto& [key, member] : value.items())
-    require(std::find(known.begin(), known.end(), key) != known.end(), "invalid_game",
-            [&] { return std::string(what) + " has an unknown member: " + key; });
+  for (const auto& member : value.items())
+    require(std::find(known.begin(), known.end(), member.key()) != known.end(), "invalid_game",
+            [&] { return std::string(what) + " has an unknown member: " + member.key(); });
 }
 
 json artwork_of(const fs::path& folder, const json& described) {

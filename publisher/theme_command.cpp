@@ -11,11 +11,16 @@
 namespace tavro {
 namespace {
 
-/// A banner may keep its own bound and still be more than a package carries.
+/// A banner may keep its own bound and still be more than a package carries, and a file under a key
+/// that no front end uses was not looked at.
 void check_package_bounds(const std::filesystem::path& folder,
                           const std::vector<std::string>& files) {
   unsigned long long total = 0;
   for (const std::string& name : files) {
+    std::error_code ignored;
+    require(
+        std::filesystem::is_regular_file(std::filesystem::symlink_status(folder / name, ignored)),
+        "invalid_theme", [&] { return "Theme file is missing or not a plain file: " + name; });
     const unsigned long long bytes = std::filesystem::file_size(folder / name);
     require(bytes >= 1 && bytes <= kThemeFontBytes, "size_limit", [&] {
       return "A package carries theme files of 1 to " + std::to_string(kThemeFontBytes) +
@@ -39,8 +44,8 @@ std::string table_of(const std::vector<ThemeContrast>& pairs) {
     std::string label(pair.label);
     label.resize(28, ' ');
     table += (table.empty() ? "  " : "\n  ") + label;
-    table += std::string(5 - std::min<std::size_t>(5, ratio.size()), ' ') + ratio + ":1, at least " +
-             ratio_text(pair.least) + ":1" + (is_low(pair) ? "  TOO LOW" : "");
+    table += std::string(5 - std::min<std::size_t>(5, ratio.size()), ' ') + ratio +
+             ":1, at least " + ratio_text(pair.least) + ":1" + (is_low(pair) ? "  TOO LOW" : "");
   }
   return table;
 }

@@ -137,6 +137,9 @@ TEST_F(PublishRoad, ShowsAThemeAlsoWhenItsContrastIsLow) {
   EXPECT_NE(read_file(home / "low.svg", 1 << 20).find("4.38, at least 4.50"), low.err.npos);
   std::ofstream(home / "theme/licence.txt").flush();
   EXPECT_NE(publish("theme @theme", home).err.find("this has 0: licence.txt"), low.err.npos);
+  definition["fonts"]["unused"] = "gone.ttf";
+  write_bytes(home / "theme/theme.json", definition.dump());
+  EXPECT_NE(publish("theme @theme", home).err.find("plain file: gone.ttf"), low.err.npos);
 }
 
 TEST_F(PublishRoad, PacksAGameWithWhatItsPlayersSee) {
