@@ -194,9 +194,10 @@ void Publication::move_in(const std::string& last) {
   const auto move = [&](const std::string& name) {
     make_parents(served_, name);
     rename_file(staging_ / name, served_ / name);
-    for (fs::path folder = (served_ / name).parent_path(); folder != repository_;
-         folder = folder.parent_path())
-      changed.insert(folder);
+    fs::path folder = served_;
+    changed.insert(folder);
+    for (const fs::path& component : fs::path(name).parent_path())
+      changed.insert(folder /= component);
   };
   for (const std::string& name : names_)
     if (name != last) move(name);
