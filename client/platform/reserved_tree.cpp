@@ -38,10 +38,12 @@ void ask(const Progress& progress, unsigned long long done, unsigned long long t
           "Storage preparation cancelled before download");
 }
 
-/// File by file the lack would show only after the files before it have taken theirs.
+/// File by file the lack would show only after the files before it have taken theirs. So it does on
+/// a volume that tells no capacity, as one in memory without a bound.
 void require_room(const SnapshotManifest& manifest, const fs::path& root) {
-  const json budget =
-      plan_install_storage(manifest, inspect_storage_volume(root), true, 0, false).at("volume");
+  const StorageVolume volume = inspect_storage_volume(root);
+  if (volume.capacity_bytes == 0) return;
+  const json budget = plan_install_storage(manifest, volume, true, 0, false).at("volume");
   const auto fits = [&](const char* wanted, const char* available) {
     return budget.at(available).is_null() || budget.at(wanted) <= budget.at(available);
   };

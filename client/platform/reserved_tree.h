@@ -30,8 +30,9 @@ struct ReservedTree {
   /// when set, counts the bytes requested; it is asked before each file and at the end.
   ///
   /// Throws `staging_exists`, `insufficient_space`, `cancelled`, `allocation_changed` (the root was
-  /// replaced meanwhile) and what `private_directory_new`, `private_directory` and `AllocatedFile`
-  /// throw. Whatever is there by then stays, for the clean-up by the recorded identity.
+  /// replaced meanwhile) and what `private_directory_new`, `private_directory`, `AllocatedFile` and
+  /// `inspect_storage_volume` throw. Whatever is there by then stays, for the clean-up by the
+  /// recorded identity.
   ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                const Progress& progress,
                const std::function<void(const TreeIdentity&)>& on_recorded);

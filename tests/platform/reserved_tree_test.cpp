@@ -9,6 +9,7 @@
 #include "platform/install_preparation.h"
 #include "platform/native_platform.h"
 #include "platform/snapshot.h"
+#include "platform/storage.h"
 #include "platform/tree.h"
 #include "support/fail_nth_call.h"
 #include "support/snapshot_archive.h"
@@ -129,6 +130,8 @@ TEST_F(Reserved, IsRefusedOnAVolumeTooSmallBeforeAByteIsTaken) {
     EXPECT_EQ(fs::space(at.versions).free == before, *refusal != 0);
     operation.expect_cleaned();
   }
+  ASSERT_EQ(::mount("", at.versions.c_str(), "", MS_REMOUNT, "size=0"), 0);
+  EXPECT_FAILURE(Operation(at.versions, at.manifest).reserve(), "") << "no bound, no capacity told";
 }
 
 TEST_F(Reserved, IsRemovedOnlyWhileItHoldsNothingElse) {
