@@ -19,7 +19,7 @@ TEST(DataFolder, AcceptsOnlyAFolderThatCanBeOne) {
       {base / "link", "unsafe_path: The data folder cannot be a symbolic link"},
   };
   for (const auto& [path, failure] : rows)
-    EXPECT_EQ(failure_of([&] { data_folder(path); }), failure) << path;
+    EXPECT_EQ(failure_of([&path = path] { data_folder(path); }), failure) << path;
   EXPECT_TRUE(within("/a/b/..c", "/a/b") && !within("/a/bc", "/a/b"));
 }
 

@@ -39,7 +39,7 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
     fs::remove_all(paths.root);
     prepare();
     const auto before = tree_content(at.folder.path());
-    EXPECT_EQ(failure_of([&] { at.install(repair); }), failure);
+    EXPECT_EQ(failure_of([&, &repair = repair] { at.install(repair); }), failure);
     EXPECT_EQ(tree_content(at.folder.path()), before) << failure;
   }
   fs::remove_all(paths.root);

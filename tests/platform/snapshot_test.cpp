@@ -103,7 +103,8 @@ TEST(BoundedZstd, DecodesExactlyOneOrdinaryFrameUpToItsBound) {
       {frame.substr(0, frame.size() - 1), "Snapshot frame is truncated"},
       {zstd_of(content, 27), "Snapshot decoding failed or exceeds the 64 MiB window limit"}};
   for (const auto& [file, message] : rows)
-    EXPECT_EQ(failure_of([&] { decode(file, content.size()); }), "archive: " + message);
+    EXPECT_EQ(failure_of([&, &file = file] { decode(file, content.size()); }),
+              "archive: " + message);
 }
 
 class Extraction : public ::testing::Test {

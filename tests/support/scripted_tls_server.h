@@ -28,8 +28,9 @@ class ScriptedTlsServer {
   /// from two hours before `until` (seconds from now).
   explicit ScriptedTlsServer(const std::filesystem::path& folder,
                              const std::string& host = "localhost", long until = 3600) {
-    std::signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not end the test
-    if (!listen() || !certify(folder, host, until)) throw std::runtime_error("no scripted server");
+    // A client that hangs up must not end the test.
+    if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR || !listen() || !certify(folder, host, until))
+      throw std::runtime_error("no scripted server");
     thread_ = std::thread([this] { serve(); });
   }
   ~ScriptedTlsServer() {
