@@ -20,8 +20,7 @@
 #include "support/snapshot_archive.h"
 #include "tuf/trusted_client.h"
 
-namespace tavro {
-namespace {
+namespace tavro::bootstrap_update_test {
 
 using Files = std::map<std::string, std::string>;
 
@@ -229,5 +228,4 @@ TEST_F(BootstrapUpdate, EndsWithOneOfTheTwoWhereverRunsEnd) {
   EXPECT_TRUE(marked);
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::bootstrap_update_test

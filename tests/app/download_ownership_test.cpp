@@ -11,8 +11,7 @@
 #include "tuf/download_record.h"
 #include "tuf/trusted_client.h"
 
-namespace tavro {
-namespace {
+namespace tavro::download_ownership_test {
 
 const std::string torn = '.' + std::string(32, '0') + ".tmp";
 
@@ -37,8 +36,7 @@ struct Ownership : testing::Test {
     for (const auto& [name, bytes] : content)
       trusted.repository.add_target(trusted.repository.targets, name, bytes);
     trusted.repository.publish_update();
-    trusted.client.emplace(trusted.trust, trusted.repository, server, trusted.limits,
-                           [this] { return trusted.now; });
+    trusted.reopen(server);
   }
   void clear() const {
     fs::remove_all(root);
@@ -52,12 +50,6 @@ struct Ownership : testing::Test {
     trusted.client->download(
         name, downloads, {}, run.observer(name, of),
         {.resume_scope = launcher_download_resume_scope(name, of), .admission = {}});
-  }
-  void stage() {
-    LauncherDownloads run(root);
-    for (const auto& name : {target, packed}) fetch(run, name);
-    if (!fs::exists(manifest)) atomic_create(manifest, content[target]);
-    run.retire(reference);
   }
   json leave_partial(TargetDownloads& run) {
     clear();
@@ -177,30 +169,4 @@ no known manifest|/reference null|/reference/more 1|/reference/manifest_sha256 "
                  [&](auto& d) { validate_target_download_receipt(damaged(receipt, d)); });
 }
 
-TEST_F(Ownership, LosesNothingWhereverTwoRunsStop) {
-  const auto check = [&](const Stop&) {
-    std::string held;
-    for (const auto& [nonce, group] : launcher_download_receipts(root)) held += group.dump();
-    for (const auto& entry : fs::directory_iterator(downloads)) {
-      const std::string name = entry.path().filename();
-      const bool retiring = content.contains(name) && fs::exists(manifest);
-      EXPECT_TRUE(retiring || held.find('"' + name.substr(0, name.find(".res")) + '"') + 1) << name;
-    }
-    EXPECT_EQ(code_of([&] { stage(); }), "");
-    for (auto& [name, bytes] : content) EXPECT_EQ(read_file(downloads / name, 1 << 20), bytes);
-    EXPECT_LE(launcher_download_receipts(root).size(), 2u);
-  };
-  for (const auto& [before, error] : {std::pair(1, EIO), {1, ENOSPC}, {40, EIO}})
-    for (const Fault fault : {Fault::kill, Fault::cut, Fault::fail}) {
-      const auto prepare = [&, nth = before] {
-        clear();
-        const FailNthCall earlier(nth, EIO, Fault::cut);
-        code_of([&] { stage(); });
-      };
-      const auto work = [&] { stage(); };
-      EXPECT_GT(strike_each_call(fault, error, prepare, work, check), 40) << before;
-    }
-}
-
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::download_ownership_test

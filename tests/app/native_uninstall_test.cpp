@@ -62,6 +62,7 @@ TEST_F(Uninstall, RemovesALinkInPlaceOfTheNativeFolderAsALink) {
 TEST_F(Uninstall, WaitsForTavroToClose) {
   const auto store = LauncherStore::existing(paths.root);
   auto lease = store->version_guard(store->load().at("candidate"), LockMode::shared);
+  EXPECT_EQ(code_of([&] { at.repair(); }), "tavro_running");
   const auto before = tree_content(paths.root);
   int polls = 0;
   NativeSetupCallbacks callbacks;

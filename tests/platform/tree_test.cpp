@@ -5,8 +5,7 @@
 #include "support/fail_nth_call.h"
 #include "support/snapshot_archive.h"
 
-namespace tavro {
-namespace {
+namespace tavro::tree_test {
 
 class Tree : public ::testing::Test {
  protected:
@@ -42,16 +41,15 @@ TEST_F(Tree, IsProvedWholeBeforeAnythingIsRetiredAndAgainFileByFile) {
 
 TEST_F(Tree, KeepsWhatIsNotTheSnapshotsWhicheverCallFailsAndGoesWithoutIt) {
   for (const int error : {EIO, EINTR}) {
-    const int struck = strike_each_call(
-        Fault::fail, error, [&] { write_tree(files, root), write_bytes(root / "c/mine", ""); },
-        [&] { retire_snapshot_files(manifest, root); },
-        [&](const Stop& stop) {
-          EXPECT_EQ(stop.code.empty(), stop.call.empty() || error == EINTR);
-          EXPECT_TRUE(retire_snapshot_files(manifest, root));
-          EXPECT_TRUE(fs::exists(root / "c/mine") && !fs::exists(root / "a"));
-        });
+    const auto prepare = [&] { write_tree(files, root), write_bytes(root / "c/mine", ""); };
+    const auto work = [&] { retire_snapshot_files(manifest, root); };
+    const auto check = [&](const Stop& stop) {
+      EXPECT_EQ(stop.code.empty(), stop.call.empty() || error == EINTR);
+      EXPECT_TRUE(retire_snapshot_files(manifest, root));
+      EXPECT_TRUE(fs::exists(root / "c/mine") && !fs::exists(root / "a"));
+    };
     // Three files, the directories a and a/b, and the two that changed and remain.
-    EXPECT_EQ(struck, 3 + 2 + 2);
+    EXPECT_EQ(strike_each_call(Fault::fail, error, prepare, work, check), 3 + 2 + 2);
   }
   fs::remove(root / "c/mine");
   const FailNthCall syncs(0, EIO, Fault::fail, "fsync");
@@ -59,5 +57,4 @@ TEST_F(Tree, KeepsWhatIsNotTheSnapshotsWhicheverCallFailsAndGoesWithoutIt) {
   EXPECT_EQ(syncs.calls(), 1) << "of the parent of all that went";
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::tree_test

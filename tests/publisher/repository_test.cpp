@@ -5,13 +5,15 @@
 #include "platform/files.h"
 #include "publisher/check.h"
 #include "support/fail_nth_call.h"
+#include "support/installation.h"
 #include "support/snapshot_archive.h"
 #include "tuf/client_limits.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf.h"
 
-namespace tavro {
-namespace {
+namespace tavro::repository_test {
+
+using Names = std::vector<std::string>;
 
 const RepositoryExpiry expiry{"2090-01-01T00:00:00Z", "2080-01-01T00:00:00Z",
                               "2070-01-01T00:00:00Z"};
@@ -54,36 +56,34 @@ class RepositoryOnDisk : public testing::TestWithParam<const char*> {
 
   fs::path key_path(const std::string& name) const { return home / (name + ".pem"); }
   SigningKey key(const std::string& name) const { return SigningKey::load(key_path(name)); }
-  Signers signers(const std::vector<std::string>& names) const {
+  Signers signers(const Names& names) const {
     std::vector<SigningKey> keys;
     for (const std::string& name : names) keys.push_back(key(name));
     return Signers(std::move(keys));
   }
 
   template <typename Change>
-  void publish(const std::vector<std::string>& keys, Change&& change) const {
+  void publish(const Names& keys, Change&& change) const {
     Signers all = signers(keys);
-    Repository repository(place);
+    Repository repository(place / "");  // with the slash that a shell puts behind it
     change(repository);
     repository.publish(all, expiry);
   }
 
   /// Publishes the content as a target.
   void put(const std::string& path, const std::string& content, const std::string& role = "targets",
-           const std::vector<std::string>& keys = {"targets", "online"}) const {
+           const Names& keys = {"targets", "online"}) const {
     publish(keys,
             [&](auto& repository) { repository.put_target(role, path, file_of(content), {}); });
   }
 
   fs::path file_of(const std::string& content) const {
-    std::ofstream(home / "content", std::ios::trunc) << content;
-    return home / "content";
+    return put_file(home / "content", content), home / "content";
   }
 
   bool plain() const { return std::string_view(GetParam()) == "plain"; }
 
-  void delegate(const std::string& name, const std::vector<std::string>& paths,
-                const std::vector<std::string>& prefixes) const {
+  void delegate(const std::string& name, const Names& paths, const Names& prefixes) const {
     const Delegation delegation{name, {{key("quest").record()}, 1}, paths, prefixes};
     publish({"targets", "online", "quest"},
             [&](auto& repository) { repository.delegate("targets", delegation); });
@@ -209,33 +209,25 @@ TEST_P(RepositoryOnDisk, ACrashAtAnyCallLeavesTheOldOrTheNewRepository) {
   put("a", "old");
   delegate("quest", {"quest/*"}, {});
   const fs::path intact = home / "intact";
-  fs::copy(place, intact, fs::copy_options::recursive);
+  copy_tree(place, intact);
   const std::function<void()> works[] = {
       [&] { put("a", "new"); }, [&] { rotate_all(); },
       [&] { publish({"online"}, [](Repository& repository) { repository.renew("timestamp"); }); }};
-  for (const auto& work : works)
-    for (const Fault fault : {Fault::fail, Fault::cut}) {
-      const int rounds = strike_each_call(
-          fault, EIO,
-          [&] {
-            fs::remove_all(place);
-            fs::copy(intact, place, fs::copy_options::recursive);
-          },
-          work,
-          [&](const Stop& stop) {
-            const std::string seen = read("a");
-            EXPECT_TRUE(seen == "old" || seen == "new") << seen << stop.nth << stop.call;
-            EXPECT_TRUE(!stop.code.empty() || (seen == "new") == (&work == &works[0]));
-            // The next publisher goes on from there, and takes away what was left.
-            const bool rotated = read_repository(place / served_folder).root.at("version") == 2;
-            const auto keys = rotated ? std::vector<std::string>{"next"}
-                                      : std::vector<std::string>{"targets", "online"};
-            put("a", "after", "targets", keys);
-            EXPECT_EQ(read("a"), "after") << stop.nth << stop.call;
-            EXPECT_EQ(std::distance(fs::directory_iterator(place), {}), 1) << stop.call;
-          });
-      EXPECT_GT(rounds, 5);
-    }
+  const auto prepare = [&] { copy_tree(intact, place); };
+  for (const auto& work : works) {
+    const auto check = [&](const Stop& stop) {
+      const std::string seen = read("a");
+      EXPECT_TRUE(seen == "old" || seen == "new") << seen;
+      EXPECT_TRUE(!stop.code.empty() || (seen == "new") == (&work == &works[0]));
+      // The next publisher goes on from there, and takes away what was left.
+      const bool rotated = read_repository(place / served_folder).root.at("version") == 2;
+      put("a", "after", "targets", rotated ? Names{"next"} : Names{"targets", "online"});
+      EXPECT_EQ(read("a"), "after");
+      EXPECT_EQ(std::distance(fs::directory_iterator(place), {}), 1);
+    };
+    for (const Fault fault : {Fault::fail, Fault::cut})
+      EXPECT_GT(strike_each_call(fault, EIO, prepare, work, check), 5);
+  }
 }
 
 TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
@@ -249,16 +241,14 @@ TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
   const auto delegating = [&](const std::string& role, const Delegation& delegation) {
     return changed([=](auto& repository) { repository.delegate(role, delegation); });
   };
-  const std::vector<std::string> wide(2700, std::string(4096, '*'));
+  const Names wide(2700, std::string(4096, '*'));
   std::vector<std::pair<const char*, std::function<void()>>> all = {
       {"unsafe_path", [&] { put("../a", "x"); }},
       {"unknown_role", [&] { put("a", "x", "ghost"); }},
       {"target_not_delegated", [&] { put("other", "x", "quest"); }},
       {"signature_threshold", [&] { put("quest/a", "x", "quest", {"quest"}); }},
       {"key_unused",
-       [&] {
-         put("b", "x", "targets", {"targets", "online", "quest"});
-       }},
+       [&, all = Names{"targets", "online", "quest"}] { put("b", "x", "targets", all); }},
       {"target_not_found", changed([](auto& r) { r.remove_target("targets", "none"); })},
       {"unknown_role", changed([](auto& r) { r.undelegate("ghost"); })},
       {"invalid_role", delegating("targets", {"a/b", quest, {"*"}, {}})},
@@ -336,5 +326,4 @@ TEST_P(RepositoryOnDisk, ACheckTellsWhatAClientTrustsAndUntilWhen) {
   EXPECT_EQ(code_of(check), "target_not_found");
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::repository_test

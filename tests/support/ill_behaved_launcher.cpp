@@ -10,9 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <iostream>
-#include <map>
 #include <sstream>
 #include <thread>
 
@@ -50,8 +48,6 @@ class Launcher {
       build_ = json::parse(read_file(stored, 524288)).at("build_id");
     }
     attempt_["nonce"] = variable(launcher_nonce_environment);
-    attempt_["reference"] = {{"manifest_sha256", variable(launcher_manifest_environment)},
-                             {"build_id", variable(launcher_build_environment)}};
   }
 
   void run() {
@@ -62,24 +58,12 @@ class Launcher {
     std::istringstream words(script.empty() ? variable("TAVRO_TEST_LAUNCHER") : script);
     for (std::string word; words >> word;) {
       const auto colon = word.find(':');
-      const auto step = steps_.find(word.substr(0, colon));
-      require(step != steps_.end(), "usage", "Unknown step " + word);
-      step->second(colon == word.npos ? "" : word.substr(colon + 1));
+      step(word.substr(0, colon), colon == word.npos ? "" : word.substr(colon + 1));
     }
   }
 
  private:
   static void say(const std::string& text) { std::cout << text << std::endl; }
-
-  /// Health with another process's number, or of too many bytes.
-  void forge(bool too_long) {
-    const LauncherStore store(root_);
-    const auto manifest = store.manifest(attempt_.at("reference"));
-    const auto pid = static_cast<unsigned long long>(getpid()) + (too_long ? 0 : 1);
-    auto text = manifest.startup_health(attempt_, pid, interface_, true).dump();
-    if (too_long) text.resize(launcher_proof_bytes + 1, ' ');
-    atomic_create(store.health_path(attempt_), text);
-  }
 
   /// Every open descriptor and what it is.
   template <typename Visit>
@@ -103,6 +87,51 @@ class Launcher {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 
+  void step(const std::string& word, const std::string& value) {
+    // What a launcher does. A value of `attach` is another interface than the image's, that of
+    // `build` another build.
+    if (word == "build") return void(build_ = value);
+    if (word == "attach") {
+      runtime_ = LauncherRuntime::attach(build_, value.empty() ? interface_ : value, root_);
+      return say(runtime_ ? "attached" : "unmanaged");
+    }
+    if (word == "helper") {
+      helper_ = LauncherHelperRuntime::attach(build_, value);
+      return say(helper_ ? "attached" : "unmanaged");
+    }
+    if (word == "ready") {
+      const auto helper = MaintenanceRuntime::attach("", "");
+      if (helper) helper->report_ready(), helper->report_ready();
+      return say(helper ? "told" : "nobody waits");
+    }
+    if (word == "interrupt") return void(interrupt_ = std::make_unique<ConsoleInterrupt>(true));
+    if (word == "health") return report_launcher_health(runtime_.get());
+    if (word == "confirm") return confirm_launcher_start(root_);
+    if (word == "stop") return void(kill(getpid(), SIGSTOP));
+    if (word == "wait") return wait();
+    if (word == "exit") _exit(std::stoi(value));
+    // What it should not.
+    if (word == "long-health")
+      return atomic_create(LauncherStore(root_).health_path(attempt_),
+                           std::string(launcher_proof_bytes + 1, ' '));
+    if (word == "drop-lease") return drop_attempt();
+    if (word == "detach") return runtime_.reset(), helper_.reset();
+    if (word == "ignore-term") return void(std::signal(SIGTERM, SIG_IGN));
+    if (word == "leave") return fork() == 0 ? void() : _exit(0);
+    // What it tells on standard output.
+    if (word == "say") return say(value);
+    if (word == "who") return say(build_);
+    if (word == "arguments") return say(json(arguments_).dump());
+    if (word == "environment")
+      return std::system("env | grep '^TAVRO_LAUNCHER_'") == 0 ? say("authority passed on")
+                                                               : void();
+    if (word == "descriptors")
+      return each_descriptor([](int descriptor, const std::string& target) {
+        say(std::to_string(descriptor) + " " + target);
+      });
+    fail("usage", "Unknown step " + word);
+  }
+
   std::vector<std::string> arguments_;
   std::string interface_ = current_executable_path().string().ends_with("-gui") ? "gui" : "cli";
   std::string build_ = "1.0.0";
@@ -111,59 +140,6 @@ class Launcher {
   std::unique_ptr<ConsoleInterrupt> interrupt_;
   std::unique_ptr<LauncherRuntime> runtime_;
   std::unique_ptr<LauncherHelperRuntime> helper_;
-
-  const std::map<std::string, std::function<void(const std::string&)>> steps_ = {
-      // What a launcher does. A value of `attach` is another interface than the image's, that of
-      // `build` another build.
-      {"build", [this](const std::string& value) { build_ = value; }},
-      {"attach",
-       [this](const std::string& value) {
-         runtime_ = LauncherRuntime::attach(build_, value.empty() ? interface_ : value, root_);
-         say(runtime_ ? "attached" : "unmanaged");
-       }},
-      {"helper",
-       [this](const std::string& role) {
-         helper_ = LauncherHelperRuntime::attach(build_, role);
-         say(helper_ ? "attached" : "unmanaged");
-       }},
-      {"ready",
-       [](const std::string&) {
-         const auto helper = MaintenanceRuntime::attach("", "");
-         if (helper) helper->report_ready(), helper->report_ready();
-         say(helper ? "told" : "nobody waits");
-       }},
-      {"interrupt",
-       [this](const std::string&) { interrupt_ = std::make_unique<ConsoleInterrupt>(true); }},
-      {"health", [this](const std::string&) { report_launcher_health(runtime_.get()); }},
-      {"confirm", [this](const std::string&) { confirm_launcher_start(root_); }},
-      {"stop", [](const std::string&) { kill(getpid(), SIGSTOP); }},
-      {"wait", [this](const std::string&) { wait(); }},
-      {"exit", [](const std::string& status) { _exit(std::stoi(status)); }},
-      // What it should not.
-      {"wrong-pid", [this](const std::string&) { forge(false); }},
-      {"long-health", [this](const std::string&) { forge(true); }},
-      {"drop-lease", [](const std::string&) { drop_attempt(); }},
-      {"detach", [this](const std::string&) { runtime_.reset(), helper_.reset(); }},
-      {"ignore-term", [](const std::string&) { (void)std::signal(SIGTERM, SIG_IGN); }},
-      {"leave",
-       [](const std::string&) {
-         if (fork() != 0) _exit(0);
-       }},
-      // What it tells on standard output.
-      {"say", [](const std::string& text) { say(text); }},
-      {"who", [this](const std::string&) { say(build_); }},
-      {"arguments", [this](const std::string&) { say(json(arguments_).dump()); }},
-      {"environment",
-       [](const std::string&) {
-         if (std::system("env | grep '^TAVRO_LAUNCHER_'") == 0) say("authority passed on");
-       }},
-      {"descriptors",
-       [](const std::string&) {
-         each_descriptor([](int descriptor, const std::string& target) {
-           say(std::to_string(descriptor) + " " + target);
-         });
-       }},
-  };
 };
 
 }  // namespace

@@ -16,8 +16,7 @@
 #include "support/launched.h"
 #include "system/installer_program.h"
 
-namespace tavro {
-namespace {
+namespace tavro::bootstrap_test {
 
 using namespace testing;
 using Words = std::vector<std::string>;
@@ -98,7 +97,6 @@ TEST_F(Bootstrap, KeepsTheWorkingVersionUnlessTheCandidateProvesItself) {
       {"cli", "attach leave", "launcher_startup_failed: "},
       {"gui", "exit:0", "launcher_startup_failed: "},
       {"cli", "attach health wait", "launcher_health: "},  // no way to ask it to stop
-      {"cli", "attach interrupt wrong-pid wait", "launcher_health: "},
       {"cli", "attach interrupt long-health wait", "size_limit: "},
       {"gui", "attach drop-lease health ignore-term wait", "launcher_lease: "},
       {"cli", "attach wait", ""},
@@ -277,5 +275,4 @@ TEST_F(Bootstrap, SettlesWhatAKilledOneLeft) {
             (std::set<std::string>{"waiting", "startup_interrupted", "startup_failed", "proved"}));
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::bootstrap_test

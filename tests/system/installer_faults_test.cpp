@@ -1,12 +1,11 @@
 // The real installer, struck at every point of its work: by SIGKILL, by Ctrl+C, by a second
-// installer, by a running client and by a full disk.
+// installer and by a full disk.
 
 #include <sys/mount.h>
 
 #include <csignal>
 #include <cstring>
 
-#include "platform/native_lock.h"
 #include "system/installer_program.h"
 
 namespace tavro::installer_faults_test {
@@ -152,22 +151,6 @@ TEST(TwoInstallers, NeverSpoilEachOthersWork) {
     ASSERT_FALSE(HasFailure());
   }
   EXPECT_GT(refused, 3);
-}
-
-TEST(RunningClient, HoldsOffRepairAndRemoval) {
-  Struck world(package_of(1, 100));
-  ASSERT_EQ(world.install().status, 0);
-  const fs::path lease = world.root / "launcher/leases/versions" / (std::string(64, 'a') + ".lock");
-  {
-    const FileLock running(lease, false, LockMode::shared);
-    const Ending refused = world.repair();
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.code(), "tavro_running");
-    // An uninstall waits for the client, asking every 100 ms; so its 30th call stands in that wait.
-    const Ending stopped = world.run({"uninstall"}, world.struck(SIGINT, 30));
-    EXPECT_EQ(stopped.code(), "cancelled");
-  }
-  world.expect_healthy();
 }
 
 TEST(FullDisk, FailsInWordsAndLosesNothing) {
