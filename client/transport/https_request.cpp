@@ -1,5 +1,6 @@
 #include "transport/https_request.h"
 
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "platform/host.h"
+#include "platform/system_calls.h"
 #include "transport/curl_library.h"
 
 namespace tavro {
@@ -33,13 +35,14 @@ void set(CURL* easy, CURLoption option, Value value) {
           "Cannot enforce the service connection boundary");
 }
 
-/// Keeps whatever `work` throws in `error` and answers `aborted` for it.
+/// Keeps the first thing that `work` throws in `error`, since the library may call back once more
+/// after it gave up, and answers `aborted` for it.
 template <typename Answer, typename Work>
 Answer guarded(std::exception_ptr& error, Answer aborted, Work&& work) noexcept {
   try {
     return work();
   } catch (...) {
-    error = std::current_exception();
+    if (!error) error = std::current_exception();
     return aborted;
   }
 }
@@ -210,6 +213,12 @@ void set_transfer(CURL* easy, Transfer& transfer, unsigned long long download_li
   set(easy, CURLOPT_RANGE, range.c_str());
 }
 
+/// The library opens its connection such that every child process would hold it, too.
+int keep_from_children(void*, curl_socket_t connection, curlsocktype) {
+  const int set = retried([&] { return ::fcntl(connection, F_SETFD, FD_CLOEXEC); });
+  return set == 0 ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
+}
+
 void set_trust(CURL* easy, const std::filesystem::path& ca_bundle) {
   const auto accepts = [easy](CURLoption option, auto value) {
     return curl().easy_setopt(easy, option, value) == CURLE_OK;
@@ -291,6 +300,7 @@ int request(const std::string& url, const std::filesystem::path& ca_bundle, Tran
   set_boundary(easy.get(), url, transfer, upload);
   if (transfer.budget != nullptr) set_budget(easy.get(), *transfer.budget);
   set_transfer(easy.get(), transfer, download_limit);
+  set(easy.get(), CURLOPT_SOCKOPTFUNCTION, keep_from_children);
   set_trust(easy.get(), ca_bundle);
   HeaderList headers;
   if (upload != nullptr) headers = set_upload(easy.get(), transfer, *upload);
