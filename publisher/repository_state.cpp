@@ -7,6 +7,7 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "domain/relative_path.h"
 #include "publisher/publication.h"
 #include "tuf/client_limits.h"
 #include "tuf/threshold.h"
@@ -161,7 +162,10 @@ std::string timestamp_name() { return std::string(metadata_folder) + "/timestamp
 std::string document_name(const RepositoryState& state, std::string_view role,
                           const json& version) {
   const std::string prefix = state.consistent() ? version.dump() + '.' : std::string();
-  return std::string(metadata_folder) + '/' + prefix + std::string(role) + ".json";
+  const std::string name = prefix + std::string(role) + ".json";
+  // A delegator names its roles as it likes, and no name may lead out of the folder.
+  validate_relative_path(name, false);
+  return std::string(metadata_folder) + '/' + name;
 }
 
 std::string target_name(const RepositoryState& state, std::string_view path,

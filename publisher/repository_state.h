@@ -39,7 +39,8 @@ std::string delegator_of(const RepositoryState& state, std::string_view role);
 void require_delegated(const RepositoryState& state, std::string_view role, std::string_view path);
 
 /// Names below the served folder. A document of another role than root and timestamp, and a target,
-/// have names that depend on the version or the hash where snapshots are consistent.
+/// have names that depend on the version or the hash where snapshots are consistent. A role whose
+/// name would lead out of the folder is `unsafe_path`.
 std::string root_name(const json& body);
 std::string timestamp_name();
 std::string document_name(const RepositoryState& state, std::string_view role, const json& version);

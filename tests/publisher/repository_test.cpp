@@ -278,6 +278,7 @@ TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
 
 TEST_P(RepositoryOnDisk, BuildsNothingOnMetadataThatClientsRefuse) {
   RepositoryState state = read_repository(place / served_folder);
+  EXPECT_EQ(code_of([&] { document_name(state, "a/../../../b", 1); }), "unsafe_path");
   state.snapshot["expires"] = "2001-01-01T00:00:00Z";
   state.timestamp["meta"]["snapshot.json"].erase("hashes");
   const SigningKey online = key("online");
