@@ -180,7 +180,7 @@ std::vector<Attack> attacks() {
 
 TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
   const TempFolder folder;
-  const Nginx server(folder.path() / "server", folder.path() / "public", "--http2",
+  const Nginx server(folder.path() / "server", folder.path() / "public",
                      "if (-f $request_filename.failing) { return 500; }");
   const std::string delegated = "delegated-" + digest("fonts", "sha256") + ".json";
   for (const Attack& attack : attacks()) {

@@ -12,12 +12,10 @@ namespace tavro {
 /// What a folder shows may change meanwhile.
 class Nginx {
  public:
-  /// `mode` is --http2 or --http1. Keeps certificates and logs in the new folder `work`;
-  /// `directives` go into the server block.
-  Nginx(const fs::path& work, const fs::path& served, const std::string& mode = "--http2",
-        const std::string& directive = {})
+  /// Keeps certificates and logs in the new folder `work`; `directive` goes into the server block.
+  Nginx(const fs::path& work, const fs::path& served, const std::string& directive = {})
       : bundle_(work / "ca.pem"),
-        server_(program("tavro-serve"), {}, {}, {mode, work, served, directive}),
+        server_(program("tavro-serve"), {}, {}, {work, served, directive}),
         origin_(server_.line()) {
     if (!origin_.starts_with("https://")) throw std::runtime_error("cannot start nginx");
   }
