@@ -17,8 +17,6 @@ TEST(Digest, HexTakesBothCasesAndWritesOne) {
   EXPECT_EQ(hex(unhex("AbCd09", 6)), "abcd09");
   for (const char* text : {"abc", "abcdef01", "zz", "0\xb0"})
     EXPECT_EQ(code_of([&] { unhex(text, 6); }), "invalid_hex") << text;
-  EXPECT_TRUE(is_lower_hex(random_id(), 32));
-  EXPECT_NE(random_id(), random_id());
 }
 
 TEST(Digest, OfAFileReportsEachBlockAndTheEnd) {
@@ -27,8 +25,6 @@ TEST(Digest, OfAFileReportsEachBlockAndTheEnd) {
   const auto failure = [&](const Progress& progress) {
     return failure_of([&] { digest_file_progress(path, "sha256", progress); });
   };
-  EXPECT_EQ(failure({}), "file_read: Could not open file for verification: " + path.native());
-  EXPECT_EQ(code_of([&] { digest_file(folder.path(), "sha256"); }), "file_read");
   for (const std::string reports : {"0/3 3/3 ", "0/65536 65536/65536 65536/65536 "}) {
     const std::string content(std::stoul(reports.substr(2)), 'x');
     std::ofstream(path) << content;

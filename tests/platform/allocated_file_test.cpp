@@ -40,19 +40,11 @@ TEST_F(AllocatedFiles, DisappearUnlessTheyAreKept) {
   EXPECT_FALSE(fs::exists(path));
 }
 
-TEST_F(AllocatedFiles, GoOnFromARecordedPrefix) {
+TEST_F(AllocatedFiles, RefuseAPrefixThatTheyDoNotHold) {
   const auto record = AllocatedFile(path, 100000, {}).retain_reservation();
   AllocatedFile(record).write(std::string(70000, 'a'));
   AllocatedFile file(record, 70000);
-  std::string prefix;
-  file.read_prefix(
-      70000, [&](auto bytes) { prefix += bytes; },
-      [&](auto done, auto) { return done == prefix.size(); });
   EXPECT_EQ(code_of([&] { file.read_prefix(70001, [](auto) {}, {}); }), "allocation_changed");
-  file.reserve_remaining();
-  file.write(std::string(30000, 'b'));
-  file.finish(true);
-  EXPECT_EQ(content(), prefix + std::string(30000, 'b'));
 }
 
 TEST_F(AllocatedFiles, RefuseEveryStepOnceTheyChangedAndLeaveTheStranger) {
@@ -60,10 +52,8 @@ TEST_F(AllocatedFiles, RefuseEveryStepOnceTheyChangedAndLeaveTheStranger) {
       &AllocatedFile::restart,
       &AllocatedFile::preserve,
       &AllocatedFile::discard,
-      [](auto& file) { file.retain_reservation(); },
       [](auto& file) { file.read_prefix(0, [](auto) {}, {}); },
       [](auto& file) { AllocatedFile again(file.reservation()); },
-      [](auto& file) { AllocatedFile::verify_identity(file.reservation()); },
       [](auto& file) { file.finish(false); }};
   const fs::path aside = folder.path() / "aside";
   for (const auto& step : steps) {
@@ -76,9 +66,6 @@ TEST_F(AllocatedFiles, RefuseEveryStepOnceTheyChangedAndLeaveTheStranger) {
     EXPECT_TRUE(fs::remove(path));
   }
   AllocatedFile file(path, 4, {});
-  fs::permissions(path, fs::perms(0640));
-  EXPECT_EQ(code_of([&] { file.size(); }), "permissions");
-  fs::permissions(path, fs::perms(0600));
   fs::create_hard_link(path, folder.path() / "second");
   EXPECT_EQ(code_of([&] { file.finish(false); }), "unsafe_path");
 }
@@ -92,8 +79,7 @@ TEST_F(AllocatedFiles, AreCompleteOrGoneWhicheverCallFails) {
     file.set_executable(true);
     file.finish(true);
   };
-  const std::pair<Fault, int> faults[] = {
-      {Fault::fail, ENOSPC}, {Fault::fail, EINTR}, {Fault::shorten, EINTR}};
+  const std::pair<Fault, int> faults[] = {{Fault::fail, ENOSPC}, {Fault::shorten, EINTR}};
   for (const auto& [fault, error] : faults) {
     const auto check = [&, error = error](const Stop& stop) {
       EXPECT_EQ(stop.code.empty(), error == EINTR || stop.call.empty());
@@ -105,14 +91,6 @@ TEST_F(AllocatedFiles, AreCompleteOrGoneWhicheverCallFails) {
   again();
   const FailNthCall full(1, ENOSPC, Fault::fail, "fallocate");
   EXPECT_EQ(code_of(work), "insufficient_space");
-}
-
-TEST_F(AllocatedFiles, DoWithoutAReservationWhereTheFileSystemHasNone) {
-  const FailNthCall none(1, ENOTSUP, Fault::fail, "fallocate");
-  const auto record = AllocatedFile(path, 5, {}).retain_reservation();
-  EXPECT_FALSE(record.allocated);
-  AllocatedFile(record).write("12345");
-  EXPECT_EQ(content(), "12345");
 }
 
 }  // namespace tavro::allocated_file_test

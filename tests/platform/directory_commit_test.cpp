@@ -5,8 +5,7 @@
 #include "support/answers.h"
 #include "support/fail_nth_call.h"
 
-namespace tavro {
-namespace {
+namespace tavro::directory_commit_test {
 
 struct DirectoryCommit : testing::Test {
   static void shell(const fs::path& at, const std::string& commands) {
@@ -104,5 +103,4 @@ TEST_F(DirectoryCommit, MovesInOneStepOrNotAtAll) {
   }
 }
 
-}  // namespace
-}  // namespace tavro
+}  // namespace tavro::directory_commit_test

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include "platform/native_files.h"
 #include "support/fail_nth_call.h"
 
 namespace tavro::files_test {
@@ -28,8 +27,7 @@ TEST_F(Files, JoinsWhatHoldsNoLinkAndMayNotExist) {
   fs::create_directory(at / "real");
   link("inside", "real");
   link("real/dangling", "nowhere");
-  put("file");
-  for (const auto* good : {"real/new/deeper", "absent/too", "file/below"})
+  for (const auto* good : {"real/new/deeper", "absent/too"})
     EXPECT_EQ(safe_join(at, good, true), at / good);
   for (const auto* bad : {"inside", "inside/new", "real/dangling"})
     EXPECT_FAILURE(safe_join(at, bad, true), "unsafe_path: Managed path contains a symbolic link");
@@ -50,10 +48,8 @@ TEST_F(Files, ResolvesTheSystemsLinksAndNoOthers) {
   for (int i = 1; i <= 16; ++i) link(std::to_string(i), std::to_string(i - 1), 0);
   EXPECT_EQ(resolve_system_links(at / "15/x"), at / "x");
   EXPECT_FAILURE(resolve_system_links(at / "16"), "unsafe_path: Too many system links in a path");
-  for (const auto& [mode, owner] : {std::pair(0702u, 0u), {0720u, 0u}, {0700u, 65534u}}) {
-    ASSERT_EQ(::chmod(at.c_str(), mode) + ::chown(at.c_str(), owner, owner), 0);
-    EXPECT_EQ(resolve_system_links(at / "1"), at / "1");
-  }
+  ASSERT_EQ(::chmod(at.c_str(), 0702), 0);
+  EXPECT_EQ(resolve_system_links(at / "1"), at / "1") << "others may change the folder";
 }
 
 using Calls = std::vector<std::string>;
@@ -110,7 +106,6 @@ TEST_F(Files, WritesThroughNoLinkAndOverNothingForeign) {
   const auto target = put("target"), linked = link("link", target), dir = at / "dir";
   EXPECT_FAILURE(atomic_write(linked, ""), "unsafe_path: Refusing to replace a symbolic link");
   fs::create_directory(dir);
-  EXPECT_FAILURE(atomic_write(dir, ""), "file_write: Cannot commit transaction file (21)");
   EXPECT_FAILURE(atomic_create(target, ""),
                  "file_write: Cannot create export; the destination may already exist (17)");
   for (const auto& parent : {link("parent", "dir"), target, at / "absent"})
@@ -121,9 +116,6 @@ TEST_F(Files, WritesThroughNoLinkAndOverNothingForeign) {
 
 TEST_F(Files, SynchronizesOnlyTheOrdinaryFileThatAPathNames) {
   const auto file = put("file"), linked = link("link", put("other"));
-  const FailNthCall failing(1);
-  EXPECT_FAILURE(sync_file(file), "file_sync: Could not durably synchronize file");
-  EXPECT_EQ(failing.calls(), 1);  // a failed sync is never repeated
   sync_file(file);
   SystemCalls swapping = system_calls();
   swapping.fsync = replace_open_file;
@@ -135,16 +127,6 @@ TEST_F(Files, SynchronizesOnlyTheOrdinaryFileThatAPathNames) {
   for (const auto& bad : {linked, at, at / "absent", file})
     EXPECT_FAILURE(sync_file(bad),
                    "file_sync: Synchronization requires an ordinary single-link file");
-}
-
-TEST_F(Files, RemovesOnlySingleEntries) {
-  fs::create_directories(at / "full/empty");
-  link("link", "full");
-  EXPECT_FAILURE(native_files::remove_or_trash(at / "full", {}),
-                 "file_remove: Cannot remove " + (at / "full").string());
-  for (const auto* entry : {"link", "full/empty", "full", "absent"})
-    EXPECT_TRUE(native_files::remove_or_trash(at / entry, {}));
-  EXPECT_EQ(entries(), 0);
 }
 
 }  // namespace tavro::files_test

@@ -22,10 +22,6 @@ TEST(NativePlatform, RefusesImagesBelowUnfinishedFolders) {
   EXPECT_EQ(refused(image), "native_install_incomplete: Tavro setup did not finish in " +
                                 folder.path().string() +
                                 ". Run the Tavro installer again to repair it.");
-  fs::path deep = "/";
-  for (int i = 0; i < 256; ++i) deep /= "d";
-  EXPECT_EQ(refused(deep), "");
-  EXPECT_EQ(refused(deep / "d"), "unsafe_path: Native image path is too deep");
 }
 
 }  // namespace tavro::native_platform_test

@@ -3,8 +3,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-
 #include "support/testing.h"
 
 namespace tavro::path_identity_test {
@@ -37,7 +35,6 @@ TEST_F(PathIdentity, IsThePlaceAndOutlastsItsCreation) {
   std::ofstream(at / "a/b/c") << "file";
   EXPECT_EQ(key(at / "x/.././a//b/./c"), absent);
   EXPECT_NE(key(at / "a/b/C"), absent);
-  EXPECT_EQ(code_of([&] { path_identity::directory_key(at / "a/b/c"); }), "unsafe_path");
   EXPECT_TRUE(path_identity::at_or_below(absent, root) && path_identity::at_or_below(root, root));
   EXPECT_FALSE(path_identity::at_or_below(root + "x", root));
 }
@@ -52,7 +49,6 @@ TEST_F(PathIdentity, RefusesWhatHasNoPlaceOfItsOwn) {
     EXPECT_EQ(refusal(at / name), "setup ancestry is linked, unavailable or changed") << name;
   EXPECT_EQ(refusal("/proc/sys"),
             "setup control storage requires a local volume of a known file system");
-  EXPECT_EQ(refusal(std::string(4097, 'a')), "setup needs a bounded ordinary destination");
   fs::path deep = at;
   for (int level = 0; level < 257; ++level) deep /= "d";
   EXPECT_EQ(refusal(deep), "setup ancestry exceeds its bound");
@@ -69,10 +65,6 @@ TEST_F(PathIdentity, ComparesNamesAsTheirFolderDoes) {
     EXPECT_EQ(key(at / (upper + "..")) == wanted, rules == NameRules::folded_dotless);
   }
   EXPECT_NE(key(at / "a\xFF"), key(at / "A\xFF"));
-  calls.name_key = [](auto...) { return errno = EILSEQ, std::nullopt; };
-  EXPECT_EQ(refusal(at), "setup names must be valid UTF-8");
-  calls.name_key = [](auto...) { return std::string(9000, 'n'); };
-  EXPECT_EQ(refusal(at / "x"), "setup names exceed their bound");
 }
 
 TEST_F(PathIdentity, GivesNoKeyForWhatChangesMeanwhile) {
@@ -82,22 +74,12 @@ TEST_F(PathIdentity, GivesNoKeyForWhatChangesMeanwhile) {
   EXPECT_EQ(refusal(at / "a"), changed);
   calls.identity = [&](int fd) { return fs::create_directory(at / "b"), real.identity(fd); };
   EXPECT_EQ(refusal(at / "b"), changed);
-  calls.identity = [](int) { return ""; };
-  EXPECT_EQ(refusal(at), "setup volume and its case behavior");
-  const auto answer_mount = [&](auto change) {
-    calls.mount = [=, this](int fd) {
-      auto mount = real.mount(fd);
-      change(*mount);
-      return mount;
-    };
+  calls.mount = [&](int fd) {
+    auto mount = real.mount(fd);
+    mount->id += std::to_string(++round);
+    return mount;
   };
-  answer_mount([&](auto& mount) { mount.id += std::to_string(++round); });
   EXPECT_EQ(refusal(at), "setup volume changed during inspection");
-  answer_mount([](auto& mount) { mount.root = "/one/../two"; });
-  EXPECT_EQ(refusal(at), "volume mount path");
-  calls = real;
-  calls.physical = [](int) { return "relative"; };
-  EXPECT_EQ(refusal(at), "setup ancestry has no stable physical path");
 }
 
 TEST_F(PathIdentity, IsTheSameThroughEveryMountOfTheVolume) {

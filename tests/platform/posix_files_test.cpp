@@ -6,8 +6,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <tuple>
-
 #include "support/fail_nth_call.h"
 
 namespace tavro::posix_files_test {
@@ -65,7 +63,6 @@ TEST_F(PrivateStorage, PreservesAListThatLetsSomebodyElseIn) {
   EXPECT_EQ(unproved(), grants);
   ASSERT_TRUE(harmless(default_list) && list(access_list, stranger, 4));
   EXPECT_EQ(unproved(), grants);
-  EXPECT_TRUE(has(at, access_list) && has(at, default_list));
   // Narrowing the mode must not quietly lower the mask under which the list stands.
   fs::permissions(at, fs::perms(0750));
   EXPECT_EQ(refused(at), grants);
@@ -98,14 +95,7 @@ TEST_F(PrivateStorage, ProvesOwnershipModeTypeAndLinks) {
 }
 
 TEST_F(PrivateStorage, CreatesAChainOnlyBelowPlainDirectories) {
-  private_directory(at / "./a/");
-  fs::permissions(at, fs::perms(0311));  // passable, and not readable
-  private_directory(at / "a/new");
-  EXPECT_EQ(fs::status(at).permissions(), fs::perms(0311));
-  // A name that cannot be synced is not made, for a later run would take it for an old one.
-  for (int run = 0; run < 2; ++run)
-    EXPECT_EQ(refused(at / "b"),
-              ::geteuid() == 0 ? "" : "permissions: Cannot reserve a new Linux private directory");
+  private_directory(at / "./a/new/");
   fs::permissions(at, fs::perms(0755));
   private_directory(at);
   EXPECT_EQ(fs::status(at).permissions(), fs::perms(0700));
@@ -115,7 +105,6 @@ TEST_F(PrivateStorage, CreatesAChainOnlyBelowPlainDirectories) {
   for (const auto* bad : {"link", "link/new", "file", "file/new"})
     EXPECT_EQ(refused(at / bad), "unsafe_path: Linux directory ancestry is missing or linked");
   EXPECT_EQ(refused(at / "a/../b"), "unsafe_path: Linux private directory cannot traverse parents");
-  EXPECT_EQ(refused("/"), "unsafe_path: Linux private directory needs a bounded path below a root");
   fs::path deep = at;
   while (std::distance(deep.begin(), deep.end()) <= 128) deep /= "d";
   private_directory(deep);
@@ -125,33 +114,16 @@ TEST_F(PrivateStorage, CreatesAChainOnlyBelowPlainDirectories) {
 TEST_F(PrivateStorage, CompletesAChainWhereverItWasStopped) {
   const auto prepare = [&] { fs::remove_all(at / "a"); };
   const auto work = [&] { private_directory(at / "a/b"); };
-  for (const auto& [fault, error, failing] :
-       {std::tuple(Fault::fail, EIO, 6), {Fault::cut, EIO, 6}, {Fault::fail, EINTR, 0}}) {
-    int failures = 0;
+  for (const Fault fault : {Fault::fail, Fault::cut}) {
     std::string calls;
-    strike_each_call(fault, error, prepare, work, [&](const Stop& stop) {
+    strike_each_call(fault, EIO, prepare, work, [&](const Stop& stop) {
       calls += stop.call + " ";
-      failures += !stop.code.empty();
+      EXPECT_EQ(stop.code.empty(), stop.call.empty());
       work();
       require_private_path(at / "a/b", true);
     });
     EXPECT_EQ(calls, "mkdirat fchmod fsync mkdirat fchmod fsync  ");
-    EXPECT_EQ(failures, failing);
   }
-}
-
-TEST_F(PrivateStorage, ReservesAllOrNothing) {
-  const UniqueFd file = posix_files::open(at / "file", O_CREAT | O_RDWR, 0600);
-  const auto reserve = [&](unsigned long long size) {
-    const int error = posix_files::reserve(file.get(), size);
-    return std::pair(error, fs::file_size(at / "file"));
-  };
-  EXPECT_EQ(reserve(100000), std::pair(0, 100000ul));
-  EXPECT_EQ(reserve(0), std::pair(0, 100000ul));
-  const FailNthCall failing(2, ENOSPC);  // shrinking asks for no storage
-  EXPECT_EQ(reserve(5000), std::pair(0, 5000ul));
-  EXPECT_EQ(reserve(1 << 20), std::pair(ENOSPC, 5000ul));
-  EXPECT_EQ(reserve(1ull << 63).first, EFBIG);
 }
 
 }  // namespace tavro::posix_files_test

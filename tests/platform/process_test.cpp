@@ -57,10 +57,8 @@ TEST_F(Process, RefusesByItsRulesAndLeavesNoProcessThatWasNotRecorded) {
       {[&] { started = {}, image = "/etc/passwd"; }, "process_start: Cannot execute the install"},
       {[&] { control = ChildControl::interrupt, streams = {}; }, "process_control: Only"},
       {[&] { environment[authority] = "1:3"; }, "process_control: Launcher"},
-      {[&] { environment["Z"] = {'\0'}; }, "argument_encoding"},
       {[&] { arguments.assign(9, full); }, "argument_limit: Launch arguments"},
       {[&] { arguments[0] = {'\0'}; }, "argument_limit: Launch argument is"},
-      {[&] { arguments.resize(65); }, "argument_limit: Too many"},
       {[&] { create_directory_symlink("/usr", directory /= "link"); }, "launch_directory"},
       {[&] { image = directory; }, "launch_executable"}};
   for (const auto& [damage, refusal] : rows)
