@@ -10,7 +10,6 @@ struct Response {
 
   Response(unsigned long long expected, unsigned long long offset, bool exact = true)
       : headers(expected, offset, exact) {}
-
   std::string feed(const std::string& head, const std::vector<unsigned long long>& body = {}) {
     return failure_of([&] {
       for (std::size_t from = 0, to = 0; to != std::string::npos; from = to + 1) {
@@ -39,11 +38,9 @@ TEST(DownloadResponse, AdmitsFullAndPartialResponses) {
 }
 
 TEST(DownloadResponse, RefusesOtherHeads) {
-  const auto expect = [](const std::string& failure, const std::vector<const char*>& heads) {
-    for (const std::string head : heads) {
-      const std::string answer = Response(1000, 100).feed("HTTP/" + head);
-      EXPECT_NE(answer.find(failure), std::string::npos) << head << " gave " << answer;
-    }
+  const auto expect = [](const std::string& failure, const std::vector<std::string>& heads) {
+    for (const auto& head : heads)
+      EXPECT_THAT(Response(1000, 100).feed("HTTP/" + head), testing::HasSubstr(failure)) << head;
   };
   expect("Invalid download status line", {"0.9 200", "1.1 20", "1.1 2000", "1.1"});
   expect("headers: Invalid download status", {"1.1 600", "1.1 099"});
@@ -78,16 +75,13 @@ TEST(DownloadResponse, RefusesOtherHeads) {
 TEST(DownloadResponse, HoldsTheBodyToItsLength) {
   const auto failure = [](const std::string& head, const std::vector<unsigned long long>& body,
                           bool exact = false) {
-    return Response(1000, 0, exact).feed(head, body).substr(0, 15);
+    return Response(1000, 0, exact).feed("HTTP/1.1 " + head, body).substr(0, 15);
   };
-  EXPECT_EQ(failure("HTTP/1.1 200", {1000, 1}), "size_limit: Dow");
-  EXPECT_EQ(failure("HTTP/1.1 200", {999}, true), "length_mismatch");
-  EXPECT_EQ(failure("HTTP/1.1 100", {1}), "download_header");
-  EXPECT_EQ(failure("HTTP/1.1 200|Content-Length: 5", {6}), "length_mismatch");
-  EXPECT_EQ(failure("HTTP/1.1 200|Content-Length: 5", {4}), "length_mismatch");
-  Response begun(1000, 0);
-  begun.feed("HTTP/1.1 200", {1});
-  EXPECT_EQ(begun.feed("HTTP/1.1 200"), "download_headers: Unexpected download response sequence");
+  EXPECT_EQ(failure("200", {1000, 1}), "size_limit: Dow");
+  EXPECT_EQ(failure("200", {999}, true), "length_mismatch");
+  EXPECT_EQ(failure("100", {1}), "download_header");
+  EXPECT_EQ(failure("200|Content-Length: 5", {6}), "length_mismatch");
+  EXPECT_EQ(failure("200|Content-Length: 5", {4}), "length_mismatch");
 }
 
 TEST(DownloadResponse, BoundsLinesFieldsHeadsAndBytes) {
@@ -97,7 +91,6 @@ TEST(DownloadResponse, BoundsLinesFieldsHeadsAndBytes) {
   std::string fields = "HTTP/1.1 100";
   for (int count = 0; count < 128; ++count) fields += "|a:";
   EXPECT_EQ(many.feed(fields), "");
-  EXPECT_EQ(many.feed(fields), "") << "each head counts anew";
   EXPECT_EQ(many.feed(fields + "|a:"), "download_headers: Invalid or excessive download fields");
   const auto line = [&](std::size_t size) {
     return code_of([&] { bytes.headers.line("a:" + std::string(size - 3, ' ') + "\n"); });
@@ -108,7 +101,6 @@ TEST(DownloadResponse, BoundsLinesFieldsHeadsAndBytes) {
   for (int count = 0; count < 7; ++count) EXPECT_EQ(line(8192), "");
   EXPECT_EQ(line(8192), "download_headers") << "65536 bytes in all";
   EXPECT_EQ(line(8192 - 34), "");
-  EXPECT_EQ(code_of([&] { Response(1, 0).headers.line("HTTP/1.1 200"); }), "download_headers");
 }
 
 }  // namespace tavro::download_response_test
