@@ -1,7 +1,5 @@
 #include "support/sealed_package.h"
 
-#include <cstdint>
-
 #include "app/package_descriptor.h"
 #include "platform/native_platform.h"
 #include "publisher/archive.h"
@@ -22,7 +20,7 @@ void put_image(const fs::path& tree, const std::string& path, const fs::path& im
 }
 
 /// Half of it is noise, so that a compressed file is neither tiny nor as large as the plain one.
-std::string bulk(std::size_t bytes, std::uint64_t seed) {
+std::string bulk(std::size_t bytes, unsigned long long seed) {
   std::string text(bytes, 'x');
   for (std::size_t i = 0; i < bytes; i += 2) {
     seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
@@ -52,18 +50,6 @@ void release(const fs::path& tree, const fs::path& folder, SnapshotIdentity iden
   write_bytes(folder / (name + ".manifest.json"), document.dump());
 }
 
-json root_for(const SealedPackage& package, const std::string& expires,
-              unsigned long long version) {
-  RootRequest request;
-  request.version = version;
-  request.expires = expires;
-  request.root.records = {package.root_key.record()};
-  request.targets.records = {package.targets_key.record()};
-  request.snapshot.records = {package.snapshot_key.record()};
-  request.timestamp.records = {package.timestamp_key.record()};
-  return sign_metadata(root_body(request), {&package.root_key});
-}
-
 /// Where a descriptor keeps the entry of a resource.
 json& resource_entry(json& descriptor, std::string_view resource) {
   if (resource == "icon") return descriptor.at("brand").at("icon");
@@ -73,26 +59,15 @@ json& resource_entry(json& descriptor, std::string_view resource) {
   return descriptor.at(std::string(resource));
 }
 
-void write_package(const PackagePlan& plan, const fs::path& folder) {
-  fs::create_directories(folder);
-  for (const auto& [name, bytes] : plan.documents) write_bytes(folder / name, bytes);
-  for (const auto& [name, source] : plan.archives) fs::rename(source, folder / name);
-}
-
 }  // namespace
 
 std::string sample_icon() { return std::string("\0\0\1\0\1\0", 6) + std::string(16, '\0'); }
 
 SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& options)
-    : folder(where / "package"),
-      bootstrap_tree(where / "bootstrap-tree"),
-      launcher_tree(where / "launcher-tree"),
-      root_key(SigningKey::generate(KeyType::ed25519)),
-      targets_key(SigningKey::generate(KeyType::ed25519)),
-      snapshot_key(SigningKey::generate(KeyType::ed25519)),
-      timestamp_key(SigningKey::generate(KeyType::ed25519)) {
-  const std::string platform =
-      options.platform.empty() ? std::string(native_platform()) : options.platform;
+    : folder(where / "package"), key_(SigningKey::generate(KeyType::ed25519)) {
+  const fs::path releases = where / "releases", bootstrap_tree = releases / "bootstrap-tree",
+                 launcher_tree = releases / "launcher-tree";
+  const std::string platform(native_platform());
   put_image(bootstrap_tree, "bin/tavro-bootstrap", options.bootstrap_image);
   put_bulk(bootstrap_tree, options.bootstrap_files, options.file_bytes);
   put_image(launcher_tree, "bin/launcher", options.launcher_image);
@@ -100,9 +75,8 @@ SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& 
   put_image(launcher_tree, "bin/launcher-maintenance", options.maintenance_image);
   put_bulk(launcher_tree, options.launcher_files, options.file_bytes);
 
-  const fs::path releases = where / "releases";
-  release(bootstrap_tree, releases / "bootstrap",
-          {options.bootstrap_build, platform, "bin/tavro-bootstrap", {}}, "bootstrap", nullptr);
+  release(bootstrap_tree, releases / "bootstrap", {"1.0.0", platform, "bin/tavro-bootstrap", {}},
+          "bootstrap", nullptr);
   LauncherContract contract{"bin/launcher-gui", {{"bin/launcher-maintenance", "maintenance"}}};
   if (!options.maintenance_window_image.empty()) {
     put_image(launcher_tree, "bin/launcher-maintenance-gui", options.maintenance_window_image);
@@ -113,24 +87,25 @@ SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& 
 
   PackageRequest request;
   request.platform = platform;
-  request.origin = options.origin;
+  request.origin = "https://repository.example";
   request.root = releases / "root.json";
   request.bootstrap = releases / "bootstrap";
   request.launcher = releases / "launcher";
   request.brand = options.brand;
   request.theme = options.theme;
   request.featured_game = options.featured_game;
-  write_bytes(request.root, root_for(*this, options.root_expires, 1).dump());
-  if (!options.icon.empty()) {
-    request.icon = releases / "brand.ico";
-    write_bytes(request.icon, options.icon);
-  }
-  if (!options.ca_bundle.empty()) {
-    request.ca_bundle = releases / "ca-bundle.pem";
-    write_bytes(request.ca_bundle, options.ca_bundle);
-  }
+  write_bytes(request.root, signed_root(options.root_expires));
+  const auto file = [&](const char* name, const std::string& bytes) {
+    if (bytes.empty()) return fs::path();
+    write_bytes(releases / name, bytes);
+    return releases / name;
+  };
+  request.icon = file("brand.ico", options.icon);
+  request.ca_bundle = file("ca-bundle.pem", options.ca_bundle);
   const PackagePlan plan = plan_package(request);
-  write_package(plan, folder);
+  fs::create_directories(folder);
+  for (const auto& [name, bytes] : plan.documents) write_bytes(folder / name, bytes);
+  for (const auto& [name, source] : plan.archives) fs::rename(source, folder / name);
   seal = plan.seal;
   fs::remove_all(releases);
 }
@@ -162,9 +137,12 @@ void SealedPackage::replace_resource(std::string_view resource, std::string_view
   });
 }
 
-std::string SealedPackage::signed_root(const std::string& expires,
-                                       unsigned long long version) const {
-  return root_for(*this, expires, version).dump();
+std::string SealedPackage::signed_root(const std::string& expires) const {
+  RootRequest request;
+  request.expires = expires;
+  for (auto* role : {&request.root, &request.targets, &request.snapshot, &request.timestamp})
+    role->records = {key_.record()};
+  return sign_metadata(root_body(request), {&key_}).dump();
 }
 
 }  // namespace tavro
