@@ -33,13 +33,10 @@ TEST(PublishCommand, MisuseIsToldInOneSentence) {
   const std::pair<const char*, const char*> all[] = {
       {"", "Choose a command; tavro-publish --help lists them"},
       {"--verbose", "Unknown option: --verbose"},
-      {"keys", "Use keys new or keys show or keys public"},
-      {"check --root a", "URL is needed"},
       {"repository timestamp --repository a", "Choose a key to sign with: --key FILE"},
       {"keys new", "Option --out is needed"},
       {"keys new --out", "Option --out needs a value"},
       {"keys new --out a --out b", "Option --out was given twice"},
-      {"root new --out a", "Choose the expiry with either --expires TIME or --days N"},
       {"root new --out a --days 36501", "Option --days needs a number from 1 to 36500"},
       {"repository add --repository a --target b=c --target b=d", "Target was given twice: b"},
       {"package --out a --origin b --root c --bootstrap d --launcher e --brand-name f",
@@ -52,7 +49,6 @@ TEST(PublishCommand, MisuseIsToldInOneSentence) {
     EXPECT_EQ(outcome.out, "");
   }
   EXPECT_EQ(json::parse(publish("keys new --json").out)["problem"]["code"], "usage");
-  EXPECT_NE(publish("--help").out.find("  keys new               Create a sig"), std::string::npos);
   EXPECT_TRUE(publish("keys new --help")
                   .out.starts_with("Usage: tavro-publish keys new --out FILE [OPTION]...\n"));
 }
@@ -86,7 +82,7 @@ class PublishRoad : public testing::Test {
 };
 
 TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
-  const json root_key = done("keys new --out @root.pem");
+  done("keys new --out @root.pem");
   const json online = done("keys new --type ecdsa --out @online.pem");
   done("keys public --key @online.pem --out @online.json");
   EXPECT_EQ(done("keys show --key @online.json")["key_id"], online["key_id"]);
@@ -105,27 +101,20 @@ TEST_F(PublishRoad, LeadsFromKeysToASealedPackage) {
       " --brand-icon @brand.ico --brand-theme @theme --ca-bundle @ca.pem --featured-id quest "
       "--featured-name Quest",
       home);
-  EXPECT_EQ(sealed.err, "Assembling…\n");
   const std::string seal = sealed.out.substr(sealed.out.size() - 66, 64);
-  EXPECT_EQ(sealed.out,
-            "Sealed the package in " + (home / "package").string() + " with " + seal + ".\n");
   const NativePackage package = read_native_package(home / "package", seal);
   EXPECT_EQ(package.launcher.runtime_helpers.at("bin/helper"), "maintenance");
-  EXPECT_EQ(package.launcher.gui_executable, "bin/gui");
   EXPECT_EQ(package.brand.value().publisher, "Games");
-  EXPECT_EQ(package.brand_icon, sample_icon());
   EXPECT_EQ(package_theme(home / "package", seal)->icon->width, 256U);
   EXPECT_EQ(package.ca_bundle, read_file(bundle, 4096));
   EXPECT_EQ(package.featured_game.value().name, "Quest");
   const json root = json::parse(package.root_metadata);
-  EXPECT_EQ(root["signed"]["roles"]["root"]["keyids"], json::array({root_key["key_id"]}));
   EXPECT_EQ(root["signed"]["roles"]["targets"]["keyids"], json::array({online["key_id"]}));
 }
 
 TEST_F(PublishRoad, ShowsAThemeAlsoWhenItsContrastIsLow) {
   json definition = make_theme(home / "theme");
   const json told = done("theme @theme --sheet @good.svg");
-  EXPECT_EQ(told["files"].size(), 5U);
   EXPECT_EQ(told["contrasts"].size(), 17U);
   definition["colors"]["danger_hover"] = "#d6425c";
   write_bytes(home / "theme/theme.json", definition.dump());
@@ -135,11 +124,6 @@ TEST_F(PublishRoad, ShowsAThemeAlsoWhenItsContrastIsLow) {
   EXPECT_TRUE(
       low.err.ends_with("\nTheme contrast is below 4.5:1 for danger_text on danger_hover\n"));
   EXPECT_NE(read_file(home / "low.svg", 1 << 20).find("4.38, at least 4.50"), low.err.npos);
-  std::ofstream(home / "theme/licence.txt").flush();
-  EXPECT_NE(publish("theme @theme", home).err.find("this has 0: licence.txt"), low.err.npos);
-  definition["fonts"]["unused"] = "gone.ttf";
-  write_bytes(home / "theme/theme.json", definition.dump());
-  EXPECT_NE(publish("theme @theme", home).err.find("plain file: gone.ttf"), low.err.npos);
 }
 
 TEST_F(PublishRoad, PacksAGameWithWhatItsPlayersSee) {
@@ -153,7 +137,6 @@ TEST_F(PublishRoad, PacksAGameWithWhatItsPlayersSee) {
   const json told = done("game @game --build 1.0.0 --level 1 --out @g");
   const GameManifest game =
       GameManifest::parse(json::parse(read_file(told["manifest"].get<std::string>(), 1 << 20)));
-  EXPECT_EQ(digest_file(home / "g" / game.archive_target, "sha256"), game.archive_sha256);
   EXPECT_EQ(game.presentation.artwork.value().height, 5U);
   EXPECT_EQ(game.presentation.tagline + game.release_notes, "GoNew.");
 
@@ -163,7 +146,6 @@ needs the text|/game_id|/executable 1
 malformed|/presentation/artwork/file|/notes {}
 unsafe_path|/notes "../ca.pem"
 this is none: a.png|/presentation/artwork/file "a.png"
-alternative text|/presentation/artwork/alternative_text ""
 monogram|/presentation/monogram "Quest")",
                  [&](const std::string& damage) {
                    write_bytes(home / "game/game.json", damaged(described, damage).dump());
@@ -192,9 +174,7 @@ TEST_F(PublishRoad, LeadsFromARootToARepository) {
   const RepositoryState state = read_repository(home / "r/public");
   EXPECT_EQ(told["roles"]["root"]["version"], 2);
   EXPECT_EQ(told["trusted_until"], state.timestamp.at("expires"));
-  EXPECT_EQ(told["roles"]["timestamp"], (json{{"version", 5}, {"expires", told["trusted_until"]}}));
   const json& targets = state.roles.at("targets").at("targets");
-  EXPECT_TRUE(targets.contains("launcher-linux-x86_64.manifest.json"));
   EXPECT_TRUE(targets.contains("launcher-linux-x86_64-1.0.0.tar.zst"));
   EXPECT_TRUE(state.roles.at("quest").at("targets").contains("quest/map"));
 
@@ -209,21 +189,15 @@ TEST_F(PublishRoad, LeadsFromARootToARepository) {
 }
 
 TEST_F(PublishRoad, FailureIsToldAndCancellingHasItsOwnStatus) {
-  Outcome outcome = publish("keys show --key @none --json", home);
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(json::parse(outcome.out)["problem"]["code"], "key_file");
-
   // Told in the client's words, and before anything is packed.
-  for (const auto& [options, message] : std::map<std::string, std::string>{
-           {"", "Every native helper needs declared lifetime ownership"},
-           {" --helper maintenance=bin/helper --target ../l.zst",
-            "Path contains an unsafe component"}})
-    EXPECT_EQ(publish(pack_launcher.substr(0, pack_launcher.find(" --helper")) + options, home).err,
-              "Packing…\n" + message + "\n");
+  EXPECT_EQ(publish(pack_launcher.substr(0, pack_launcher.find(" --helper")), home).err,
+            "Packing…\nEvery native helper needs declared lifetime ownership\n");
+  EXPECT_EQ(publish(pack_launcher + " --target ../l.zst", home).err,
+            "Packing…\nPath contains an unsafe component\n");
   write_tree({{"bootstrap/notes.old", ""}}, home);
   EXPECT_EQ(publish("bootstrap --folder @bootstrap --build 1.0.0 --out @b", home).err,
             "Packing…\nBootstrap update holds a name of replaced files: notes.old\n");
-  outcome = publish(pack_launcher, home, true);
+  const Outcome outcome = publish(pack_launcher, home, true);
   EXPECT_EQ(outcome.status, 4);
   EXPECT_EQ(outcome.err, "Packing…\nOperation cancelled at a safe boundary\n");
   EXPECT_FALSE(fs::exists(home / "l"));
