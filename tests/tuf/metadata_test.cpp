@@ -5,8 +5,6 @@
 
 namespace tavro::metadata_test {
 
-using Texts = std::vector<std::string>;
-
 /// Each damage of the table is done to the signed body, or to the envelope. "@" stands for 63
 /// digits.
 void expect_shapes(const json& body, const char* role, const std::string& table) {
@@ -84,19 +82,14 @@ TEST(MetadataTime, ReadsUtcCalendarTimeToTheMicrosecond) {
   EXPECT_EQ(before, std::chrono::microseconds(-1500000));
   EXPECT_EQ(parse_tuf_time("2030-01-01T00:00:00.123456789Z"),
             parse_tuf_time("2030-01-01T00:00:00.123456Z"));
-  for (const char* edge : {"2000-02-29T00:00:00Z", "0000-01-01T00:00:00Z", "9999-12-31T23:59:59Z"})
-    EXPECT_NO_THROW(parse_tuf_time(edge)) << edge;
-  const std::pair<std::string, Texts> refused[] = {
-      {"must use a UTC ISO-8601", {"2030-01-01T00:00:00.Z", "2030-01-01T00:00:00.1234567890Z"}},
-      {"must use a UTC ISO-8601", {"2030-01-01t00:00:00Z", "2030-01-01T00:00:00+00:00"}},
-      {"must contain decimal digits", {"-030-01-01T00:00:00Z"}},
-      {"Invalid UTC calendar", {"2030-00-01T00:00:00Z", "2030-04-31T00:00:00Z"}},
-      {"Invalid UTC calendar", {"1900-02-29T00:00:00Z", "2030-01-01T24:00:00Z"}},
-      {"Invalid UTC calendar", {"2030-01-01T00:00:60Z"}},
-      {"Invalid fractional second", {"2030-01-01T00:00:00.1x3Z"}}};
-  for (const auto& [failure, times] : refused)
-    for (const std::string& time : times)
-      EXPECT_NE(failure_of([&] { parse_tuf_time(time); }).find(failure), std::string::npos) << time;
+  expect_answers(R"(|2000-02-29T00:00:00Z|0000-01-01T00:00:00Z|9999-12-31T23:59:59Z
+must use a UTC ISO-8601|2030-01-01T00:00:00.Z|2030-01-01T00:00:00.1234567890Z
+must use a UTC ISO-8601|2030-01-01t00:00:00Z|2030-01-01T00:00:00+00:00
+must contain decimal digits|-030-01-01T00:00:00Z
+Invalid UTC calendar|2030-00-01T00:00:00Z|2030-04-31T00:00:00Z|1900-02-29T00:00:00Z
+Invalid UTC calendar|2030-01-01T24:00:00Z|2030-01-01T00:00:60Z
+Invalid fractional second|2030-01-01T00:00:00.1x3Z)",
+                 [](const std::string& time) { parse_tuf_time(time); });
 }
 
 }  // namespace tavro::metadata_test

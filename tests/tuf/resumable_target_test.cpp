@@ -140,19 +140,17 @@ TEST_F(ResumableTarget, HoldsAServerToTheHashes) {
 }
 
 TEST_F(ResumableTarget, NeverGoesOnWithWhatIsNotProved) {
-  const auto overwrite = [this] { std::fstream(partial(), std::ios::in | std::ios::out) << '!'; };
   const struct {
     const char* what;
     std::function<void()> change;
     std::string code;
   } rows[] = {
-      {"flipped", overwrite, "download_resume_changed"},
+      {"flipped", [&] { std::fstream(partial()) << '!'; }, "download_resume_changed"},
       {"shortened", [&] { fs::resize_file(partial(), 99999); }, "allocation_changed"},
       {"replaced",
        [&] {
-         const fs::path old = partial();
-         fs::copy(old, folder / "copy");
-         fs::rename(folder / "copy", old);
+         fs::copy(partial(), folder / "copy");
+         fs::rename(folder / "copy", partial());
        },
        "allocation_changed"},
       {"other form", [&] { rewrite("schema_version", 2); }, "download_resume_state"},
