@@ -30,7 +30,8 @@ text|/tagline 1|/tagline "<201>"|/description "<4097>"|/monogram "<17>"|/artwork
 control|/tagline "\n"|/monogram "\t"|/description "\u000b"|/description "\u007f"|/tagline "\u0085"
 one to four|/monogram ""|/monogram "<5>"
 dimensions|/artwork/width 0|/artwork/height 129|/artwork/width -1
-artwork|/artwork/bmp_hex 7|/artwork/bmp_hex ""|/artwork/bmp_hex "abc"|/artwork/bmp_hex "AB"|/artwork/width 2)",
+artwork|/artwork/bmp_hex 7|/artwork/bmp_hex ""|/artwork/bmp_hex "abc"|/artwork/bmp_hex "AB"
+artwork|/artwork/width 2)",
       [](const std::string& damage) { GamePresentation::parse("N", damaged(document, damage)); });
 }
 

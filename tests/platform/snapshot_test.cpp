@@ -2,7 +2,7 @@
 
 #include <archive_entry.h>
 
-#include "platform/bounded_zstd.h"
+#include "platform/tree.h"
 #include "support/fail_nth_call.h"
 #include "support/snapshot_archive.h"
 
@@ -65,31 +65,6 @@ TEST_F(SnapshotTree, IsToldApartFromADamagedOne) {
   }
 }
 
-TEST(BoundedZstd, DecodesExactlyOneOrdinaryFrameUpToItsBound) {
-  const TempFolder folder;
-  const auto decode = [&](std::string_view file, unsigned long long limit) {
-    write_bytes(folder.path() / "frame", file);
-    BoundedZstd decoder(folder.path() / "frame", limit);
-    std::string decoded;
-    while (decoder.read() != 0) decoded += decoder.output();
-    return decoded;
-  };
-  const std::string content(300000, 'x');
-  const std::string frame = zstd_of(content);
-  EXPECT_EQ(decode(frame, content.size()), content);
-  EXPECT_EQ(code_of([&] { decode(frame, content.size() - 1); }), "size_limit");
-
-  const std::string skippable("\x50\x2A\x4D\x18\x00\x00\x00\x00", 8);
-  const std::pair<std::string, std::string> rows[] = {
-      {skippable + frame, "Snapshot must contain exactly one ordinary Zstandard frame"},
-      {frame + frame, "Trailing or concatenated Zstandard frames are forbidden"},
-      {frame.substr(0, frame.size() - 1), "Snapshot frame is truncated"},
-      {zstd_of(content, 27), "Snapshot decoding failed or exceeds the 64 MiB window limit"}};
-  for (const auto& [file, message] : rows)
-    EXPECT_EQ(failure_of([&, &file = file] { decode(file, content.size()); }),
-              "archive: " + message);
-}
-
 class Extraction : public ::testing::Test {
  protected:
   void pack(const std::string& frame, const std::vector<TarEntry>& declared = sample) {
@@ -146,6 +121,22 @@ TEST_F(Extraction, RefusesAnArchiveThatTheManifestDoesNotConfirm) {
   EXPECT_EQ(refusal(), "archive: Snapshot is incomplete or malformed");
 }
 
+TEST_F(Extraction, TakesExactlyOneOrdinaryFrameUpToItsBound) {
+  const std::string tar = tar_of(sample), frame = zstd_of(tar);
+  const std::string skippable("\x50\x2A\x4D\x18\x00\x00\x00\x00", 8);
+  const std::pair<std::string, std::string> rows[] = {
+      {skippable + frame, "archive: Snapshot must contain exactly one ordinary Zstandard frame"},
+      {frame + frame, "archive: Snapshot decompression failed"},
+      {frame.substr(0, frame.size() - 1), "archive: Snapshot decompression failed"},
+      {zstd_of(tar, 27), "archive: Cannot open snapshot archive"},  // its window is too wide
+      {zstd_of(tar + std::string(1 << 20, '\0')),
+       "size_limit: Decoded tar stream exceeds authenticated expansion bounds"}};
+  for (const auto& [file, answer] : rows) {
+    pack(file);
+    EXPECT_EQ(refusal(), answer);
+  }
+}
+
 TEST_F(Extraction, StopsOnlyWithAFailureWhicheverCallFails) {
   pack(zstd_of(tar_of(sample)));
   int syncs = 0;
@@ -159,6 +150,46 @@ TEST_F(Extraction, StopsOnlyWithAFailureWhicheverCallFails) {
       [&] { extract_snapshot(manifest, archive, staging); }, check);
   // Each file and directory, and the names of the staging directory and its parent.
   EXPECT_EQ(syncs, 4 + 4 + 2);
+}
+
+TEST_F(SnapshotTree, IsRemovedOnlyWhenItHoldsWhatTheSystemMakes) {
+  EXPECT_EQ(tree_bytes(root, 7), manifest.expanded_length);
+  EXPECT_EQ(code_of([&] { tree_bytes(root, 6); }), "size_limit");
+  EXPECT_EQ(::mkfifo((root / "data/odd").c_str(), 0600), 0);
+  EXPECT_EQ(code_of([&] { remove_plain_tree(root); }), "unsafe_path");
+  EXPECT_EQ(tree_content(root).size(), sample.size());
+  EXPECT_TRUE(remove_path_quietly(root / "data/odd"));
+  remove_plain_tree(root / "");
+  EXPECT_FALSE(fs::exists(root));
+}
+
+TEST_F(SnapshotTree, IsProvedWholeBeforeAnythingIsRetiredAndAgainFileByFile) {
+  const auto tick = [&, ticks = 0]() mutable {
+    if (++ticks == 2) fs::remove(root / "readme"), fs::create_directory(root / "readme");
+  };
+  EXPECT_EQ(failure_of([&] { retire_snapshot_files(manifest, root, tick); }),
+            "unsafe_path: Changed managed paths were preserved");
+  write_bytes(root / "data/deep/empty", "");
+  EXPECT_EQ(code_of([&] { retire_snapshot_files(manifest, root); }), "unsafe_path");
+  EXPECT_EQ(tree_content(root).size(), 1U);
+}
+
+TEST_F(SnapshotTree, KeepsWhatIsNotItsOwnWhicheverCallFailsAndGoesWithoutIt) {
+  for (const int error : {EIO, EINTR}) {
+    const auto prepare = [&] { write_tree(sample, root), write_bytes(root / "data/mine", ""); };
+    const auto work = [&] { retire_snapshot_files(manifest, root); };
+    const auto check = [&](const Stop& stop) {
+      EXPECT_EQ(stop.code.empty(), stop.call.empty() || error == EINTR);
+      EXPECT_TRUE(retire_snapshot_files(manifest, root));
+      EXPECT_TRUE(fs::exists(root / "data/mine") && !fs::exists(root / "bin"));
+    };
+    // Four files, the directories bin and data/deep, and the two that changed and remain.
+    EXPECT_EQ(strike_each_call(Fault::fail, error, prepare, work, check), 4 + 2 + 2);
+  }
+  fs::remove(root / "data/mine");
+  const FailNthCall syncs(0, EIO, Fault::fail, "fsync");
+  EXPECT_FALSE(retire_snapshot_files(manifest, root / "") || fs::exists(root));
+  EXPECT_EQ(syncs.calls(), 1) << "of the parent of all that went";
 }
 
 }  // namespace tavro::snapshot_test
