@@ -128,6 +128,7 @@ TEST_F(Extraction, TakesExactlyOneOrdinaryFrameUpToItsBound) {
       {skippable + frame, "archive: Snapshot must contain exactly one ordinary Zstandard frame"},
       {frame + frame, "archive: Snapshot decompression failed"},
       {frame.substr(0, frame.size() - 1), "archive: Snapshot decompression failed"},
+      {zstd_of(tar, 26), ""},
       {zstd_of(tar, 27), "archive: Cannot open snapshot archive"},  // its window is too wide
       {zstd_of(tar + std::string(1 << 20, '\0')),
        "size_limit: Decoded tar stream exceeds authenticated expansion bounds"}};

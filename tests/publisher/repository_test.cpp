@@ -225,8 +225,6 @@ TEST_P(RepositoryOnDisk, RefusesWhatNoClientWouldTakeAndLeavesAllAsItIs) {
       {"unsafe_path", [&] { put("../a", "x"); }},
       {"target_not_delegated", [&] { put("other", "x", "quest"); }},
       {"signature_threshold", [&] { put("quest/a", "x", "quest", {"quest"}); }},
-      {"key_unused",
-       [&, all = Names{"targets", "online", "quest"}] { put("b", "x", "targets", all); }},
       {"unknown_role", changed([](auto& r) { r.undelegate("ghost"); })},
       // Its name would stand for the role that lists everything.
       {"invalid_role", delegating("targets", {"targets", quest, {"*"}, {}})},
