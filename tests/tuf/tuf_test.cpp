@@ -115,18 +115,4 @@ TEST(Refresh, KeepsTheStoredTimestampOfAnEqualVersion) {
             "playable");
 }
 
-TEST(Refresh, ReplacesACachedRoleThatHasExpired) {
-  TrustedClient trusted;
-  Repository& repository = trusted.repository;
-  repository.pins = false;
-  repository.targets["expires"] = "2030-06-01T00:00:00Z";
-  repository.publish();
-  ASSERT_EQ(trusted.refresh_code(), "");
-  trusted.now += std::chrono::hours(24 * 365);
-  repository.targets["expires"] = "2040-01-01T00:00:00Z";
-  repository.publish();
-  EXPECT_EQ(code_of([&] { trusted.reopen().target("x"); }), "target_not_found");
-  EXPECT_EQ(trusted.stored().at("targets.json"), repository.files.at("1.targets.json").body);
-}
-
 }  // namespace tavro::tuf_test
