@@ -95,6 +95,10 @@ TEST_F(ResumableTarget, IsDurableEveryEightMebibytes) {
   publish(20000000);
   std::string told;
   observer = [&](std::string_view state, const json&, std::string_view) { told += state; };
+  options.admission = [&](const DownloadAdmission& now) {
+    EXPECT_EQ(now.size, now.partial ? server.content.size() : 0u);
+    told += '<' + std::to_string(now.written) + (now.partial ? "p" : "");
+  };
   server.meanwhile = [](std::size_t sent) {
     if (sent > 18000000) throw std::runtime_error("as sudden as a crash");
   };
@@ -106,9 +110,10 @@ TEST_F(ResumableTarget, IsDurableEveryEightMebibytes) {
   EXPECT_EQ(code(), "cancelled");
   EXPECT_EQ(recorded().at("received"), fs::file_size(partial()));
   progress = {};
+  options.admission = {};
   EXPECT_EQ(code(), "");
   expect_done();
-  EXPECT_EQ(code() + told, "preparedresumedresumedcompletecomplete");
+  EXPECT_EQ(code() + told, "prepared<0resumed<16777216presumedcompletecomplete");
 }
 
 TEST_F(ResumableTarget, HoldsAServerToTheHashes) {
