@@ -1,5 +1,7 @@
 #include "domain/crypto.h"
 
+#include <openssl/evp.h>
+
 #include "domain/documents.h"
 #include "domain/game_manifest.h"
 
@@ -88,6 +90,32 @@ encrypted_format|15 0 9 9|65553 0 65536 65537|25 0 9 8|25 4097 9 9|16 0 21474836
                    const std::string key(32, 'k'), record(size, 'r');
                    open({key, key, std::string(aad, 'a'), record}, limit, room);
                  });
+}
+
+TEST(Cipher, OpensAWholeArchiveChunkByChunk) {
+  Parts parts = {std::string(32, 'k'), std::string(12, 'n'),
+                 std::string(kEncryptedHeaderBytes, 'h')};
+  EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+  const auto sealed = [&](std::string text) {
+    int size = static_cast<int>(text.size());
+    std::string tag(kAuthenticationTagBytes, '\0');
+    EVP_EncryptInit(context, EVP_chacha20_poly1305(), bytes(parts[0]), bytes(parts[1]));
+    EVP_EncryptUpdate(context, nullptr, &size, bytes(parts[2]), 96);
+    EVP_EncryptUpdate(context, bytes(text), &size, bytes(text), static_cast<int>(text.size()));
+    EVP_EncryptFinal(context, nullptr, &size);
+    EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, 16, tag.data());
+    return text + tag;
+  };
+  const std::string chunks[] = {std::string(kEncryptedChunkBytes, 'a'), "b"};
+  std::string archive = parts[2];
+  for (const std::string& chunk : chunks) archive += sealed(chunk), ++parts[1][0];
+  EVP_CIPHER_CTX_free(context);
+  EXPECT_EQ(archive.size(), chunked_archive_length(65537));
+  for (const std::size_t at : {1, 0}) {
+    --parts[1][0];
+    parts[3] = archive.substr(96 + at * 65552, 65552);
+    EXPECT_EQ(open(parts, 65536, 65536), chunks[at]);
+  }
 }
 
 // Of RFC 7914, section 11.

@@ -116,6 +116,9 @@ TEST_F(Files, WritesThroughNoLinkAndOverNothingForeign) {
 
 TEST_F(Files, SynchronizesOnlyTheOrdinaryFileThatAPathNames) {
   const auto file = put("file"), linked = link("link", put("other"));
+  const FailNthCall failing(1);
+  EXPECT_FAILURE(sync_file(file), "file_sync: Could not durably synchronize file");
+  EXPECT_EQ(failing.calls(), 1);  // a failed sync is never repeated
   sync_file(file);
   SystemCalls swapping = system_calls();
   swapping.fsync = replace_open_file;

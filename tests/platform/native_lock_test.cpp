@@ -85,4 +85,13 @@ TEST_F(Locks, TellAPathThatNoLongerNamesThem) {
   EXPECT_EQ(native(), "lock_failed: Native ownership path changed while locking");
 }
 
+TEST_F(Locks, RepeatWhatWasInterruptedAndNothingElse) {
+  for (const auto& [error, failure] :
+       {std::pair(EINTR, ""),
+        {ENOLCK, "lock_failed: Cannot acquire native installation ownership"}}) {
+    const FailNthCall failing(1, error, Fault::fail, "flock");
+    EXPECT_EQ(native(), failure);
+  }
+}
+
 }  // namespace tavro::native_lock_test

@@ -210,4 +210,24 @@ allocation_changed: Prepared storage volume changed|/staging_identity [1,2])",
   EXPECT_FAILURE(at.begin(), preparation + "Preparation differs from its saved verified manifest");
 }
 
+TEST_F(Reserved, IsCleanedByItsRecordAlsoWithTenThousandFiles) {
+  SnapshotManifest many;
+  for (int file = 0; file < 10000; ++file)
+    many.files["d" + std::to_string(file % 100) + "/" + std::to_string(file)].length = 100;
+  many.expanded_length = 1000000;
+  // In memory where that can be: a disk may take a minute to remove them.
+  const fs::path memory = "/dev/shm";
+  const bool roomy = fs::is_directory(memory) && fs::space(memory).available > 100'000'000;
+  const Operation large((roomy ? memory : folder.path()) / folder.path().filename(), many);
+  for (const int nth : {0, 39000, 21000, 99}) {
+    {
+      const FailNthCall cut(nth, EIO, Fault::cut);
+      EXPECT_EQ(code_of([&] { large.reserve(); }).empty(), nth == 0);
+      EXPECT_GE(cut.calls(), nth == 0 ? 40000 : nth);
+    }
+    large.expect_cleaned();
+  }
+  fs::remove_all(large.record.parent_path());
+}
+
 }  // namespace tavro::reserved_tree_test
