@@ -1,3 +1,4 @@
+#include "support/scripted_tls_server.h"
 #include "system/nginx.h"
 #include "transport/https.h"
 #include "tuf/trusted_client.h"
@@ -107,6 +108,8 @@ std::vector<Attack> attacks() {
        serve("3.fonts.json", [](auto& file) { file.body.pop_back(); })},
       {"other bytes of the target", "hash_mismatch", "fonts " + to_targets,
        [](W w, R) { w.put("signed", "served"); }},
+      {"more bytes of the target", "length_mismatch", "fonts " + to_targets,
+       [](W w, R) { w.put("signed", "signed and more"); }},
       {"rollback of the root", "rollback", none, set(&S::root, "version", 1), root_again},
       {"a root is skipped", "rollback", none, set(&S::root, "version", 3), root_again},
       {"rollback of the timestamp", "rollback", none, set(&S::timestamp, "version", 1)},
@@ -115,6 +118,13 @@ std::vector<Attack> attacks() {
       {"rollback of a delegated role", "rollback", to_timestamp,
        [](W w, R) { w.fonts()["version"] = 1; }},
       {"a known role disappears", "rollback", to_timestamp, [](W, R r) { r.delegated.clear(); }},
+      {"versions that nothing can follow, then honest ones", "rollback", none,
+       [](W w, R r) {
+         for (json* body : {&r.timestamp, &r.snapshot}) (*body)["version"] = ~0ull;
+         r.publish(), w.serve();
+         EXPECT_EQ(w.fetch(), "");
+         for (json* body : {&r.timestamp, &r.snapshot}) (*body)["version"] = 3;
+       }},
       {"freeze: the old files, for too long", "expired_metadata", none, honest,
        [](W w, R r) {
          r.files["timestamp.json"] = r.files.at("old timestamp.json");
@@ -126,8 +136,10 @@ std::vector<Attack> attacks() {
        set(&S::snapshot, "_type", "targets")},
       {"endless root", "size_limit", none, new_root(honest), serve("2.root.json", endless)},
       {"endless timestamp", "size_limit", none, honest, serve("timestamp.json", endless)},
+      {"endless snapshot", "size_limit", to_timestamp, honest, serve("3.snapshot.json", endless)},
       {"endless targets, nothing pinned", "size_limit", to_snapshot, unpinned,
        serve("3.targets.json", endless)},
+      {"endless delegated role", "size_limit", to_targets, honest, serve("3.fonts.json", endless)},
       {"one byte more than was signed", "size_limit", to_timestamp, honest,
        serve("3.snapshot.json", [](auto& file) { file.body += ' '; })},
       {"wrong key: timestamp", "signature_threshold", none, signers("timestamp", {"stranger"})},
@@ -136,6 +148,7 @@ std::vector<Attack> attacks() {
       {"wrong key: targets", "signature_threshold", to_snapshot, signers("targets", {"root"})},
       {"wrong key: delegated role", "signature_threshold", to_targets,
        signers("fonts", {"targets"})},
+      {"no signature", "signature_threshold", to_timestamp, signers("snapshot", {})},
       {"only the new keys sign", "signature_threshold", none, root_key_signed_by({"root-new"})},
       {"only the old keys sign", "signature_threshold", none, root_key_signed_by({"root"})},
       {"threshold not met", "signature_threshold", "root.json " + to_snapshot,
@@ -151,6 +164,24 @@ std::vector<Attack> attacks() {
          r.delegate(r.targets, "stray", {{"paths", {"*/a"}}});
          std::swap(r.targets["delegations"]["roles"][0], r.targets["delegations"]["roles"][1]);
          r.delegated.erase("stray");
+       }},
+      {"a loop of delegations", "target_not_found", "fonts " + to_targets,
+       [](W w, R r) {
+         w.fonts()["targets"] = json::object();
+         r.delegate(w.fonts(), "loop", {{"paths", {"fonts/*"}}});
+         r.delegate(r.delegated.at("loop"), "fonts", {{"paths", {"fonts/*"}}});
+       }},
+      {"too many roles", "delegation_limit", "fonts " + to_targets,
+       [](W w, R r) {
+         w.fonts()["targets"] = json::object();
+         for (int i = 0; i < 7; ++i)
+           r.delegate(r.targets, "role" + std::to_string(i), {{"paths", {"fonts/*"}}});
+       }},
+      {"a role name that is a path", "", to_targets,
+       [](W, R r) {
+         r.add_target(r.delegate(r.targets, "../a/\xc3\xa9", {{"paths", {"fonts/*"}}}), "fonts/a",
+                      "content");
+         std::swap(r.targets["delegations"]["roles"][0], r.targets["delegations"]["roles"][1]);
        }},
       {"expired root", "expired_metadata", "root.json", new_root(set(&S::root, "expires", kNow))},
       {"expired timestamp", "expired_metadata", none, set(&S::timestamp, "expires", kNow)},
@@ -195,6 +226,22 @@ TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
     EXPECT_EQ(replaced, attack.proved);
     EXPECT_EQ(read_file(world.files / "fonts/a", 100), "content");
   }
+}
+
+TEST(Attacks, BySlownessEndWithTheTimeBudget) {
+  TrustedClient trusted;
+  ASSERT_EQ(trusted.refresh_code(), "");
+  trusted.client.reset();
+  const auto before = trusted.stored();
+  ScriptedTlsServer server(trusted.folder.path());
+  server.say("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nslow", true);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  HttpsTransport transport(server.origin(), server.bundle(), 0,
+                           std::make_shared<HttpsBudget>(HttpsBudget{deadline, 1 << 20, 0, {}}));
+  TufClient client(trusted.trust, transport, transport, trusted.limits,
+                   [&] { return trusted.now; });
+  EXPECT_EQ(code_of([&] { client.refresh(); }), "discovery_timeout");
+  EXPECT_EQ(trusted.stored(), before);
 }
 
 }  // namespace tavro::attacks_test
