@@ -15,8 +15,8 @@ TEST(HttpsTransport, RefusesAnythingButAPlainHttpsUrl) {
   expect_answers(R"(https_required: Tavro service URLs must use HTTPS||http://a.test
 invalid_url: Invalid service URL|https://a b/|https://a.test:port/
 invalid_url: URL must contain a hostname|https:///path
-must not contain credentials, query, or fragment|https://user@a.test|https://@a.test
-must not contain credentials, query, or fragment|https://a.test/?|https://a.test?q|https://a.test/#)",
+credentials, query, or fragment|https://user@a.test|https://@a.test|https://a.test/?
+credentials, query, or fragment|https://a.test?q|https://a.test/#)",
                  [](const std::string& url) { HttpsTransport(url, {}, 0, nullptr); });
   EXPECT_EQ(code_of([&] { HttpsTransport("https://a.test\0/x"s, {}, 0, nullptr); }), "invalid_url");
   EXPECT_EQ(failure_of([&] { HttpsTransport("https://a.test", {}, 1073741825, nullptr); }),
