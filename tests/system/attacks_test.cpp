@@ -226,6 +226,9 @@ TEST(Attacks, EndInARefusalThatChangesNothingUnproved) {
     EXPECT_EQ(replaced, attack.proved);
     EXPECT_EQ(read_file(world.files / "fonts/a", 100), "content");
   }
+  // The scripted server speaks HTTP/1.1.
+  const std::string log = read_file(folder.path() / "server/access.log", 1 << 24);
+  EXPECT_NE(log.find("timestamp.json HTTP/2.0\n"), log.npos);
 }
 
 TEST(Attacks, BySlownessEndWithTheTimeBudget) {
