@@ -88,9 +88,8 @@ std::string pair_list(const std::vector<ThemeContrast>& pairs, int top) {
     const bool low = ratio < pair.least;
     list += rectangle(x, y, sample_width, pair_height, color_text(pair.ground));
     list += words(x + gap, y + 24, color_text(pair.front), std::string(pair.label));
-    list += words(
-        x + sample_width + gap, y + 24, low ? "#c00000" : "#000000",
-        ratio_text(ratio) + ", at least " + ratio_text(pair.least));
+    list += words(x + sample_width + gap, y + 24, low ? "#c00000" : "#000000",
+                  ratio_text(ratio) + ", at least " + ratio_text(pair.least));
   }
   return list;
 }
