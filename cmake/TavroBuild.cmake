@@ -34,7 +34,6 @@ function(tavro_prefer_static name archive shared)
 endfunction()
 tavro_prefer_static(archive_library "${TAVRO_STATIC_ARCHIVE}" LibArchive::LibArchive)
 tavro_prefer_static(utf8proc_library "${TAVRO_STATIC_UTF8PROC}" PkgConfig::UTF8PROC)
-tavro_prefer_static(zstd_library "${TAVRO_STATIC_ZSTD}" PkgConfig::ZSTD)
 
 add_library(tavro_settings INTERFACE)
 # GCC 12 takes `"text" + std::string` for an overlapping copy when it optimises: no -Wrestrict.

@@ -8,7 +8,6 @@ find_package(LibArchive REQUIRED)
 # where the shared one loads a dozen libraries at every start.
 find_library(TAVRO_STATIC_ARCHIVE libarchive.a)
 find_library(TAVRO_STATIC_UTF8PROC libutf8proc.a)
-find_library(TAVRO_STATIC_ZSTD libzstd.a)
 find_package(nlohmann_json 3.11.2 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd)
