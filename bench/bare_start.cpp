@@ -6,7 +6,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "app/launcher_bootstrap.h"
+#include "start/launcher_bootstrap.h"
 
 int main(int argc, char** argv) {
   timespec now{};

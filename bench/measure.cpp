@@ -15,14 +15,14 @@
 #include <string>
 #include <vector>
 
+#include "documents/manifest.h"
 #include "domain/crypto.h"
 #include "domain/input.h"
 #include "domain/json.h"
-#include "domain/manifest.h"
 #include "domain/unique_fd.h"
 #include "in_turn.h"
-#include "platform/files.h"
-#include "platform/snapshot.h"
+#include "platform/archives/snapshot.h"
+#include "platform/files/durable_files.h"
 
 namespace {
 

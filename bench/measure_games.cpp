@@ -9,9 +9,9 @@
 #include <memory>
 #include <string>
 
+#include "documents/game_manifest.h"
 #include "domain/crypto.h"
 #include "domain/deleter.h"
-#include "domain/game_manifest.h"
 #include "domain/input.h"
 #include "in_turn.h"
 

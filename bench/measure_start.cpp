@@ -12,7 +12,7 @@
 #include <iostream>
 
 #include "in_turn.h"
-#include "platform/child_process.h"
+#include "platform/process/child_process.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <iostream>
 #include <memory>
 
-#include "domain/theme.h"
+#include "documents/theme.h"
 #include "in_turn.h"
 
 namespace {

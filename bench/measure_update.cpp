@@ -9,14 +9,14 @@
 #include <fstream>
 #include <iostream>
 
-#include "app/launcher_download.h"
-#include "app/launcher_store.h"
-#include "app/repository_client.h"
 #include "domain/crypto.h"
 #include "domain/input.h"
+#include "download/repository_client.h"
 #include "in_turn.h"
-#include "platform/files.h"
-#include "platform/storage.h"
+#include "launcher/launcher_download.h"
+#include "launcher/launcher_store.h"
+#include "platform/files/durable_files.h"
+#include "platform/storage/storage_volume.h"
 #include "transport/https.h"
 #include "tuf/tuf.h"
 

@@ -3,18 +3,21 @@
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
-set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
 endif()
 
 set(TAVRO_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
+option(TAVRO_WERROR "Take warnings for errors, as those do who change this project" OFF)
+option(TAVRO_PRECOMPILE "Precompile the standard library's headers, JSON and GoogleTest" ON)
 option(TAVRO_CHECKED_LIBRARY "Check the standard library's preconditions" OFF)
 
 find_program(TAVRO_CCACHE ccache)
-if(TAVRO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${TAVRO_CCACHE})
+if(TAVRO_CCACHE AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
+  # Without this it takes no source that uses precompiled headers.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+    CCACHE_SLOPPINESS=pch_defines,time_macros ${TAVRO_CCACHE})
 endif()
 
 include(TavroDependencies)
@@ -37,8 +40,11 @@ tavro_prefer_static(utf8proc_library "${TAVRO_STATIC_UTF8PROC}" PkgConfig::UTF8P
 
 add_library(tavro_settings INTERFACE)
 # GCC 12 takes `"text" + std::string` for an overlapping copy when it optimises: no -Wrestrict.
+# Position independent by one option for libraries and programs, where CMake would take two: they share
+# the precompiled headers.
 target_compile_options(tavro_settings INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  -fPIC -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${TAVRO_WERROR}>:-Werror>
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${TAVRO_PRECOMPILE}>>:-fpch-preprocess>
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
   $<$<CONFIG:Release>:-fstack-protector-strong -ffunction-sections -fdata-sections>)
 target_compile_definitions(tavro_settings INTERFACE
@@ -52,18 +58,52 @@ if(TAVRO_SANITIZE)
   target_link_options(tavro_settings INTERFACE -fsanitize=${TAVRO_SANITIZE})
 endif()
 
-# tavro_floor(NAME LINKS lib... SOURCES file...): one static library, tavro::NAME, whose includes
-# start at client/, and at include/tavro/ once it is installed.
-function(tavro_floor name)
-  cmake_parse_arguments(FLOOR "" "" "LINKS;PRIVATE_LINKS;SOURCES" ${ARGN})
-  add_library(tavro_${name} STATIC ${FLOOR_SOURCES})
+# What most sources read: parsed once for the product, and once more with GoogleTest for the tests. No
+# source may rely on it, which static analysis proves: it goes without.
+function(tavro_precompiled_headers name)
+  add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/cmake/precompiled.cpp)
+  target_link_libraries(${name} PRIVATE tavro_settings nlohmann_json::nlohmann_json ${ARGN})
+endfunction()
+function(tavro_use_precompiled target name)
+  if(TAVRO_PRECOMPILE)
+    target_precompile_headers(${target} REUSE_FROM ${name})
+  endif()
+endfunction()
+if(TAVRO_PRECOMPILE)
+  tavro_precompiled_headers(tavro_precompiled)
+  target_precompile_headers(tavro_precompiled PRIVATE ${PROJECT_SOURCE_DIR}/cmake/precompiled.h)
+endif()
+
+# tavro_room(FOLDER LINKS lib... PRIVATE_LINKS lib... SOURCES file...): one static library, named for
+# its folder with underscores for slashes (tavro::platform_files). Includes start at client/, and at
+# include/tavro/ once it is installed; in this build only the folders of the libraries that it links
+# are found, so that an include of a higher one does not compile.
+function(tavro_room folder)
+  cmake_parse_arguments(ROOM "" "" "LINKS;PRIVATE_LINKS;SOURCES" ${ARGN})
+  string(REPLACE / _ name ${folder})
+  add_library(tavro_${name} STATIC ${ROOM_SOURCES})
   add_library(tavro::${name} ALIAS tavro_${name})
+  set(view ${PROJECT_BINARY_DIR}/rooms/${name})
+  cmake_path(GET folder PARENT_PATH parent)
+  file(MAKE_DIRECTORY ${view}/${parent})
+  file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${view}/${folder} SYMBOLIC)
   target_include_directories(tavro_${name} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/client> $<INSTALL_INTERFACE:include/tavro>)
+    $<BUILD_INTERFACE:${view}> $<INSTALL_INTERFACE:include/tavro>)
   target_compile_features(tavro_${name} PUBLIC cxx_std_20)
   target_link_libraries(tavro_${name}
-    PUBLIC nlohmann_json::nlohmann_json ${FLOOR_LINKS}
-    PRIVATE $<BUILD_INTERFACE:tavro_settings> ${FLOOR_PRIVATE_LINKS})
+    PUBLIC nlohmann_json::nlohmann_json ${ROOM_LINKS}
+    PRIVATE $<BUILD_INTERFACE:tavro_settings> ${ROOM_PRIVATE_LINKS})
+  tavro_use_precompiled(tavro_${name} tavro_precompiled)
+  set_property(GLOBAL APPEND PROPERTY TAVRO_ROOMS ${folder})
+endfunction()
+
+# tavro_rooms(NAME ROOM...): one name for several of them, tavro::NAME.
+function(tavro_rooms name)
+  add_library(tavro_${name} INTERFACE)
+  add_library(tavro::${name} ALIAS tavro_${name})
+  list(TRANSFORM ARGN PREPEND tavro::)
+  target_link_libraries(tavro_${name} INTERFACE ${ARGN})
+  set_property(GLOBAL APPEND PROPERTY TAVRO_ROOM_GROUPS ${name})
 endfunction()
 
 # tavro_program(NAME LINKS lib... SOURCES file...): one executable in bin/.
@@ -75,6 +115,7 @@ function(tavro_program name)
   target_link_options(${name} PRIVATE
     -Wl,--as-needed $<$<CONFIG:Release>:-static-libstdc++ -static-libgcc>)
   target_link_libraries(${name} PRIVATE tavro_settings ${PROGRAM_LINKS})
+  tavro_use_precompiled(${name} tavro_precompiled)
 endfunction()
 
 # tavro_test(NAME LINKS lib... SOURCES file...): one GoogleTest program, each case a CTest test, and
@@ -84,6 +125,7 @@ function(tavro_test name)
   add_executable(${name} ${TEST_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE tavro_settings ${TEST_LINKS} GTest::gmock_main)
+  tavro_use_precompiled(${name} tavro_test_precompiled)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
   add_test(NAME ${name}.as_ordinary_user
     COMMAND ${PROJECT_SOURCE_DIR}/tests/support/as_user.sh $<TARGET_FILE:${name}>)

@@ -3,17 +3,26 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(TAVRO_FLOORS domain platform transport tuf app)
-set(TAVRO_EXPORTED ${TAVRO_FLOORS} archive_library utf8proc_library)
+get_property(rooms GLOBAL PROPERTY TAVRO_ROOMS)
+get_property(groups GLOBAL PROPERTY TAVRO_ROOM_GROUPS)
+# The publisher's folder is a program's, no library for others.
+list(REMOVE_ITEM rooms publisher)
+string(REPLACE / _ TAVRO_EXPORTED "${rooms}")
+list(APPEND TAVRO_EXPORTED ${groups} archive_library utf8proc_library)
 foreach(name IN LISTS TAVRO_EXPORTED)
   set_target_properties(tavro_${name} PROPERTIES EXPORT_NAME ${name})
 endforeach()
 list(TRANSFORM TAVRO_EXPORTED PREPEND tavro_)
 install(TARGETS ${TAVRO_EXPORTED} EXPORT tavro)
-foreach(floor IN LISTS TAVRO_FLOORS)
-  install(DIRECTORY client/${floor} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavro
-    FILES_MATCHING PATTERN "*.h")
+foreach(room IN LISTS rooms)
+  file(GLOB headers client/${room}/*.h)
+  install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavro/${room})
 endforeach()
+# How a linker wants them named: the highest first.
+list(REVERSE rooms)
+string(REPLACE / _ TAVRO_ROOM_WORDS "${rooms}")
+list(TRANSFORM TAVRO_ROOM_WORDS PREPEND -ltavro_)
+list(JOIN TAVRO_ROOM_WORDS " " TAVRO_ROOM_WORDS)
 
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/tavro)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tavro-config-version.cmake

@@ -1,7 +1,7 @@
 // Session records as a hostile game would write them: nothing but an `Error` may come of one, and
 // what is accepted is the record itself, within its bounds.
 
-#include "domain/sdk_session.h"
+#include "documents/sdk_session.h"
 
 #include <nlohmann/json.hpp>
 

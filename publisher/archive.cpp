@@ -15,7 +15,7 @@
 #include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/snapshot.h"
+#include "platform/archives/snapshot.h"
 #include "publisher/output.h"
 
 namespace tavro {

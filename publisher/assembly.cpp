@@ -9,10 +9,10 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/files.h"
-#include "platform/host.h"
-#include "platform/system_calls.h"
-#include "platform/tree.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/managed_tree.h"
+#include "platform/host/host.h"
+#include "platform/host/system_calls.h"
 #include "publisher/output.h"
 
 namespace tavro {

@@ -7,9 +7,9 @@
 
 #include "domain/crypto.h"
 #include "domain/input.h"
-#include "platform/files.h"
-#include "platform/native_lock.h"
-#include "platform/tree.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/file_locks.h"
+#include "platform/files/managed_tree.h"
 #include "publisher/publication.h"
 #include "transport/https.h"
 #include "tuf/client_limits.h"

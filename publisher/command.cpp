@@ -4,7 +4,7 @@
 #include <iostream>
 #include <iterator>
 
-#include "app/console_report.h"
+#include "console/console_report.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "publisher/commands.h"

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "domain/bootstrap_contract.h"
+#include "documents/bootstrap_contract.h"
 
 namespace tavro {
 namespace {

@@ -1,12 +1,12 @@
 #include <algorithm>
 
-#include "domain/bitmap.h"
+#include "documents/bitmap.h"
+#include "documents/game_manifest.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
-#include "domain/game_manifest.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
-#include "platform/files.h"
+#include "platform/files/safe_path.h"
 #include "publisher/commands.h"
 
 namespace tavro {

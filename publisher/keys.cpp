@@ -18,7 +18,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/unique_fd.h"
-#include "platform/files.h"
+#include "platform/files/durable_files.h"
 #include "publisher/output.h"
 #include "tuf/threshold.h"
 

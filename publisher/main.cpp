@@ -1,7 +1,7 @@
-#include "app/console_report.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/input.h"
-#include "platform/interrupt.h"
+#include "platform/process/interrupt.h"
 #include "publisher/command.h"
 
 int main(int argc, char** argv) {

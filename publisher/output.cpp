@@ -8,9 +8,9 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/files.h"
-#include "platform/posix_files.h"
-#include "platform/system_calls.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/private_storage.h"
+#include "platform/host/system_calls.h"
 
 namespace tavro {
 namespace {

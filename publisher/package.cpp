@@ -8,16 +8,15 @@
 #include <array>
 #include <memory>
 
-#include "app/package_descriptor.h"
+#include "documents/theme.h"
 #include "domain/crypto.h"
 #include "domain/deleter.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/theme.h"
 #include "domain/unique_fd.h"
-#include "platform/files.h"
-#include "platform/native_platform.h"
-#include "platform/snapshot.h"
+#include "package/package_descriptor.h"
+#include "platform/archives/snapshot.h"
+#include "platform/host/native_platform.h"
 #include "publisher/assembly.h"
 #include "publisher/output.h"
 #include "publisher/release.h"

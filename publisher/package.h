@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "app/native_package.h"
 #include "domain/progress.h"
+#include "package/native_package.h"
 
 namespace tavro {
 

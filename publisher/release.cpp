@@ -2,19 +2,18 @@
 
 #include <nlohmann/json.hpp>
 
-#include "app/bootstrap_release.h"
-#include "app/package_descriptor.h"
-#include "domain/bootstrap_contract.h"
+#include "documents/bootstrap_contract.h"
+#include "documents/game_manifest.h"
+#include "documents/launcher_contract.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
-#include "domain/game_manifest.h"
 #include "domain/input.h"
-#include "domain/launcher_contract.h"
-#include "platform/files.h"
-#include "platform/snapshot.h"
-#include "platform/tree.h"
+#include "package/package_descriptor.h"
+#include "platform/archives/snapshot.h"
+#include "platform/files/managed_tree.h"
 #include "publisher/assembly.h"
 #include "publisher/output.h"
+#include "self_update/bootstrap_release.h"
 
 namespace tavro {
 namespace {

@@ -1,6 +1,6 @@
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/native_platform.h"
+#include "platform/host/native_platform.h"
 #include "publisher/commands.h"
 #include "publisher/package.h"
 #include "publisher/release.h"

@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <set>
 
+#include "documents/manifest.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/manifest.h"
 #include "domain/relative_path.h"
-#include "platform/files.h"
-#include "platform/tree.h"
+#include "platform/files/managed_tree.h"
+#include "platform/files/safe_path.h"
 #include "publisher/assembly.h"
 
 namespace tavro {

@@ -1,9 +1,9 @@
 #include <algorithm>
 
-#include "app/package_descriptor.h"
+#include "documents/theme.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/theme.h"
+#include "package/package_descriptor.h"
 #include "publisher/commands.h"
 #include "publisher/output.h"
 #include "publisher/theme_sheet.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "domain/theme.h"
+#include "documents/theme.h"
 
 namespace tavro {
 

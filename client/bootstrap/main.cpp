@@ -3,17 +3,16 @@
 #include <optional>
 #include <system_error>
 
-#include "app/bootstrap_update.h"
-#include "app/brand.h"
-#include "app/console_report.h"
-#include "app/data_folder.h"
-#include "app/launcher_bootstrap.h"
-#include "app/runtime_image.h"
-#include "app/setup_console.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/native_platform.h"
+#include "installation/data_folder.h"
+#include "installation/installed_brand.h"
+#include "launcher/runtime_image.h"
+#include "platform/host/native_platform.h"
+#include "self_update/bootstrap_update.h"
+#include "start/launcher_bootstrap.h"
 
 namespace {
 

@@ -9,4 +9,9 @@ namespace tavro {
 /// that a platform reserves.
 void validate_identifier(std::string_view id);
 
+/// The 32 lower-case hexadecimal characters that stand between `prefix` and a dot, and `suffix`,
+/// with nothing else in the name; empty if it is not so.
+std::string_view nonce_between(std::string_view name, std::string_view prefix,
+                               std::string_view suffix);
+
 }  // namespace tavro

@@ -1,8 +1,8 @@
-#include "app/console_report.h"
-#include "app/setup_console.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/input.h"
-#include "platform/interrupt.h"
+#include "platform/process/interrupt.h"
+#include "setup/setup_console.h"
 
 // An installer without a seal still tells and removes what is installed; it takes no package.
 #ifndef TAVRO_INITIAL_PACKAGE_SHA256

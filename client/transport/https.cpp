@@ -10,8 +10,8 @@
 #include "domain/error.h"
 #include "domain/product_name.h"
 #include "domain/relative_path.h"
-#include "platform/files.h"
-#include "platform/system_calls.h"
+#include "platform/files/durable_files.h"
+#include "platform/host/system_calls.h"
 #include "transport/curl_library.h"
 #include "transport/https_request.h"
 

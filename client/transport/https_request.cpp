@@ -11,8 +11,8 @@
 
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/host.h"
-#include "platform/system_calls.h"
+#include "platform/host/host.h"
+#include "platform/host/system_calls.h"
 #include "transport/curl_library.h"
 
 namespace tavro {

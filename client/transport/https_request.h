@@ -9,7 +9,7 @@
 
 #include "domain/progress.h"
 #include "domain/unique_fd.h"
-#include "platform/allocated_file.h"
+#include "platform/storage/allocated_file.h"
 #include "transport/download_response.h"
 #include "transport/https.h"
 

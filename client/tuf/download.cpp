@@ -4,8 +4,9 @@
 
 #include "domain/crypto.h"
 #include "domain/error.h"
-#include "platform/files.h"
-#include "platform/system_calls.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/safe_path.h"
+#include "platform/host/system_calls.h"
 #include "tuf/download_record.h"
 #include "tuf/resumable_target.h"
 #include "tuf/threshold.h"

@@ -4,10 +4,11 @@
 
 #include "domain/crypto.h"
 #include "domain/error.h"
+#include "domain/identifier.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
 #include "domain/relative_path.h"
-#include "platform/files.h"
+#include "platform/files/safe_path.h"
 #include "tuf/tuf_state.h"
 
 namespace tavro {
@@ -114,15 +115,6 @@ void validate_target_resume_state(const json& state, std::string_view temporary)
     require(!nonce_between(temporary, target, partial_suffix).empty(), malformed,
             "Partial-download nonce differs from its path");
   });
-}
-
-std::string_view nonce_between(std::string_view name, std::string_view prefix,
-                               std::string_view suffix) {
-  if (name.size() != prefix.size() + 1 + nonce_size + suffix.size()) return {};
-  const std::string_view nonce = name.substr(prefix.size() + 1, nonce_size);
-  const bool framed =
-      name.starts_with(prefix) && name[prefix.size()] == '.' && name.ends_with(suffix);
-  return framed && is_lower_hex(nonce, nonce_size) ? nonce : std::string_view();
 }
 
 std::string partial_name(std::string_view target, std::string_view nonce) {

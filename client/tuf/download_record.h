@@ -29,11 +29,6 @@ struct DownloadClaim {
   std::string scope_sha256;
 };
 
-/// The 32 lower-case hexadecimal characters that stand between `prefix` and a dot, and `suffix`,
-/// with nothing else in the name; empty if it is not so.
-std::string_view nonce_between(std::string_view name, std::string_view prefix,
-                               std::string_view suffix);
-
 /// The partial file of a nonce, and its record, relative to the target directory.
 std::string partial_name(std::string_view target, std::string_view nonce);
 std::string resume_record_name(std::string_view temporary);

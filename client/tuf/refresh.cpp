@@ -4,7 +4,8 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/files.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/safe_path.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf_state.h"
 

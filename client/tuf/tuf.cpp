@@ -5,8 +5,9 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/files.h"
-#include "platform/native_files.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/running_files.h"
+#include "platform/files/safe_path.h"
 #include "tuf/threshold.h"
 #include "tuf/tuf_state.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/native_lock.h"
+#include "platform/files/file_locks.h"
 #include "tuf/tuf.h"
 
 namespace tavro {

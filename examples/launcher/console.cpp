@@ -5,16 +5,16 @@
 
 #include <iostream>
 
-#include "app/bootstrap_update.h"
-#include "app/cli_entry.h"
-#include "app/console_report.h"
-#include "app/launcher_runtime.h"
-#include "app/launcher_store.h"
-#include "app/maintenance_control.h"
+#include "console/cli_entry.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/interrupt.h"
+#include "launcher/launcher_runtime.h"
+#include "launcher/launcher_store.h"
+#include "maintenance/maintenance_control.h"
+#include "platform/process/interrupt.h"
+#include "self_update/bootstrap_update.h"
 #include "updates.h"
 
 namespace {

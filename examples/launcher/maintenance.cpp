@@ -1,15 +1,15 @@
 // The helper that removes a client while none of its other programs runs. The bootstrap becomes it,
 // or starts it, as `uninstall --data-dir DIR [--remove-data] [--json]`.
 
-#include "app/console_report.h"
-#include "app/maintenance_runtime.h"
-#include "app/setup_command.h"
-#include "app/setup_console.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "maintenance/maintenance_runtime.h"
 #include "maintenance_helper.h"
-#include "platform/interrupt.h"
+#include "platform/process/interrupt.h"
+#include "setup/setup_command.h"
+#include "setup/setup_console.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include "maintenance_helper.h"
 
-#include "app/data_folder.h"
-#include "app/launcher_helper.h"
-#include "app/runtime_image.h"
 #include "domain/error.h"
-#include "platform/native_platform.h"
+#include "installation/data_folder.h"
+#include "launcher/launcher_helper.h"
+#include "launcher/runtime_image.h"
+#include "platform/host/native_platform.h"
 
 namespace example {
 namespace {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/native_lock.h"
+#include "platform/files/file_locks.h"
 
 namespace example {
 

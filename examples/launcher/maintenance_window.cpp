@@ -7,17 +7,17 @@
 #include <iostream>
 #include <thread>
 
-#include "app/brand.h"
-#include "app/cli_entry.h"
-#include "app/console_report.h"
-#include "app/maintenance_runtime.h"
-#include "app/native_setup.h"
-#include "app/setup_dispatch.h"
+#include "console/cli_entry.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
+#include "installation/installed_brand.h"
+#include "maintenance/maintenance_runtime.h"
 #include "maintenance_helper.h"
+#include "setup/native_setup.h"
+#include "setup/setup_dispatch.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 
 #include <iostream>
 
-#include "app/bootstrap_staging.h"
-#include "app/launcher_cleanup.h"
-#include "app/launcher_store.h"
-#include "app/repository_client.h"
+#include "cleanup/launcher_cleanup.h"
 #include "domain/error.h"
+#include "download/repository_client.h"
+#include "launcher/launcher_store.h"
+#include "self_update/bootstrap_staging.h"
 #include "transport/https.h"
 
 namespace example {

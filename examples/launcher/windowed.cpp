@@ -7,13 +7,13 @@
 #include <iostream>
 #include <thread>
 
-#include "app/cli_entry.h"
-#include "app/console_report.h"
-#include "app/launcher_runtime.h"
-#include "app/maintenance_handoff.h"
+#include "console/cli_entry.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "launcher/launcher_runtime.h"
+#include "maintenance/maintenance_handoff.h"
 #include "updates.h"
 
 namespace {

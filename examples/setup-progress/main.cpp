@@ -8,16 +8,17 @@
 #include <iostream>
 #include <mutex>
 
-#include "app/console_report.h"
-#include "app/native_setup.h"
-#include "app/setup_console.h"
-#include "app/setup_dispatch.h"
+#include "console/console_report.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/interrupt.h"
-#include "platform/native_platform.h"
+#include "installation/data_folder.h"
+#include "platform/host/native_platform.h"
+#include "platform/process/interrupt.h"
 #include "progress_bar.h"
+#include "setup/native_setup.h"
+#include "setup/setup_console.h"
+#include "setup/setup_dispatch.h"
 
 namespace {
 

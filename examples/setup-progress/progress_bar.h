@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/native_setup.h"
+#include "setup/native_setup.h"
 
 namespace example {
 

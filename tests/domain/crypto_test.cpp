@@ -2,8 +2,8 @@
 
 #include <openssl/evp.h>
 
-#include "domain/documents.h"
-#include "domain/game_manifest.h"
+#include "documents/documents.h"
+#include "documents/game_manifest.h"
 
 namespace tavro {
 

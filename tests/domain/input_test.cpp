@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include "domain/documents.h"
+#include "documents/documents.h"
 
 namespace tavro {
 

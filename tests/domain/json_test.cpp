@@ -1,6 +1,6 @@
 #include "domain/json.h"
 
-#include "domain/documents.h"
+#include "documents/documents.h"
 
 namespace tavro {
 

@@ -1,6 +1,6 @@
 #include "domain/relative_path.h"
 
-#include "domain/documents.h"
+#include "documents/documents.h"
 #include "domain/identifier.h"
 
 namespace tavro {

@@ -3,9 +3,9 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include "documents/documents.h"
 #include "domain/crypto.h"
 #include "domain/deleter.h"
-#include "domain/documents.h"
 #include "publisher/keys.h"
 
 namespace tavro::signature_test {

@@ -1,8 +1,8 @@
 #include "publisher/command.h"
 
-#include "app/native_package.h"
-#include "domain/documents.h"
-#include "domain/game_manifest.h"
+#include "documents/documents.h"
+#include "documents/game_manifest.h"
+#include "package/native_package.h"
 #include "publisher/repository_state.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"

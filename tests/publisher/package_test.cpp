@@ -1,6 +1,6 @@
 #include "publisher/package.h"
 
-#include "platform/native_platform.h"
+#include "platform/host/native_platform.h"
 #include "publisher/assembly.h"
 #include "support/fail_nth_call.h"
 #include "support/sealed_package.h"

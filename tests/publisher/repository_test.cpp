@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include "platform/files.h"
+#include "platform/files/durable_files.h"
 #include "publisher/check.h"
 #include "support/fail_nth_call.h"
 #include "support/installation.h"

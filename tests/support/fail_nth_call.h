@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "platform/system_calls.h"
+#include "platform/host/system_calls.h"
 #include "support/testing.h"
 
 namespace tavro {

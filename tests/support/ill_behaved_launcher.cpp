@@ -14,18 +14,18 @@
 #include <sstream>
 #include <thread>
 
-#include "app/launcher_helper.h"
-#include "app/launcher_runtime.h"
-#include "app/launcher_startup.h"
-#include "app/launcher_store.h"
-#include "app/maintenance_runtime.h"
-#include "app/runtime_image.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/files.h"
-#include "platform/interrupt.h"
-#include "platform/native_platform.h"
+#include "launcher/launcher_helper.h"
+#include "launcher/launcher_runtime.h"
+#include "launcher/launcher_startup.h"
+#include "launcher/launcher_store.h"
+#include "launcher/runtime_image.h"
+#include "maintenance/maintenance_runtime.h"
+#include "platform/files/durable_files.h"
+#include "platform/host/native_platform.h"
+#include "platform/process/interrupt.h"
 
 namespace tavro {
 namespace {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "app/data_folder.h"
-#include "app/native_install.h"
-#include "app/native_uninstall.h"
+#include "installation/data_folder.h"
+#include "setup/native_install.h"
+#include "setup/native_uninstall.h"
 #include "support/sealed_package.h"
 
 namespace tavro {

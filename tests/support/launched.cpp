@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/native_platform.h"
-#include "platform/snapshot.h"
+#include "platform/archives/snapshot.h"
+#include "platform/host/native_platform.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
 

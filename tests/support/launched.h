@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "app/launcher_store.h"
+#include "launcher/launcher_store.h"
 #include "support/testing.h"
 
 namespace tavro {

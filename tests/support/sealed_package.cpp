@@ -1,7 +1,7 @@
 #include "support/sealed_package.h"
 
-#include "app/package_descriptor.h"
-#include "platform/native_platform.h"
+#include "package/package_descriptor.h"
+#include "platform/host/native_platform.h"
 #include "publisher/archive.h"
 #include "publisher/descriptors.h"
 #include "publisher/package.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/native_package.h"
+#include "package/native_package.h"
 #include "publisher/keys.h"
 #include "support/testing.h"
 

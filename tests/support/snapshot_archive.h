@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "domain/manifest.h"
+#include "documents/manifest.h"
 #include "support/testing.h"
 
 struct archive_entry;

@@ -1,4 +1,4 @@
-#include "platform/system_calls.h"
+#include "platform/host/system_calls.h"
 
 namespace tavro {
 namespace {

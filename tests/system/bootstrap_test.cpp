@@ -9,9 +9,9 @@
 #include <iostream>
 #include <set>
 
-#include "app/launcher_bootstrap.h"
-#include "app/launcher_startup.h"
-#include "app/start_marker.h"
+#include "launcher/launcher_startup.h"
+#include "launcher/start_marker.h"
+#include "start/launcher_bootstrap.h"
 #include "support/installation.h"
 #include "support/launched.h"
 #include "system/installer_program.h"

@@ -12,7 +12,7 @@ cmake_minimum_required(VERSION 3.25)
 project(launcher LANGUAGES C CXX)
 find_package(tavro REQUIRED)
 add_executable(launcher main.cpp)
-target_link_libraries(launcher tavro::app)
+target_link_libraries(launcher tavro::start)
 END
 cmake -G Ninja -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/build"

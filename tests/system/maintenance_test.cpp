@@ -4,9 +4,9 @@
 
 #include <atomic>
 
-#include "app/maintenance_handoff.h"
-#include "app/maintenance_runtime.h"
-#include "platform/child_process.h"
+#include "maintenance/maintenance_handoff.h"
+#include "maintenance/maintenance_runtime.h"
+#include "platform/process/child_process.h"
 #include "support/installation.h"
 #include "support/launched.h"
 #include "system/installer_program.h"

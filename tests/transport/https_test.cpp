@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "platform/allocated_file.h"
+#include "platform/storage/allocated_file.h"
 #include "support/answers.h"
 #include "support/scripted_tls_server.h"
 

@@ -1,6 +1,6 @@
 #include "tuf/metadata.h"
 
-#include "domain/documents.h"
+#include "documents/documents.h"
 #include "support/signed_repository.h"
 
 namespace tavro::metadata_test {

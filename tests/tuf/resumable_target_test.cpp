@@ -1,6 +1,6 @@
 #include "tuf/resumable_target.h"
 
-#include "platform/files.h"
+#include "platform/files/durable_files.h"
 #include "support/fail_nth_call.h"
 #include "tuf/trusted_client.h"
 

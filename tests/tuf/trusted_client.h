@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/allocated_file.h"
+#include "platform/storage/allocated_file.h"
 #include "support/signed_repository.h"
 #include "support/testing.h"
 #include "transport/download_response.h"

@@ -1,0 +1,52 @@
+#include "installation/closed_proof.h"
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "domain/error.h"
+#include "domain/product_name.h"
+
+namespace tavro {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds poll_interval{100};
+
+/// What `take` returns, as soon as no process holds the lock that it takes.
+template <typename Take>
+auto when_free(Clock::time_point deadline, const Cancellation& cancellation, const Take& take) {
+  for (;;) {
+    try {
+      return take();
+    } catch (const Error& error) {
+      if (error.code != "busy") throw;
+    }
+    require(Clock::now() < deadline, "tavro_running", [] {
+      return branded("Tavro or a game from this folder is still running; close it and try again");
+    });
+    cancellation.check();
+    std::this_thread::sleep_for(poll_interval);
+  }
+}
+
+}  // namespace
+
+NativeFileLock wait_for_tavro_closed(const DataPaths& paths, std::chrono::milliseconds timeout,
+                                     const Cancellation& cancellation) {
+  const auto deadline = Clock::now() + timeout;
+  auto lock = when_free(deadline, cancellation, [&] {
+    return NativeFileLock(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  });
+  const auto leases = paths.launcher / "leases" / "versions";
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(leases, ignored)) return lock;
+  // With the bootstrap lock held no new lease is taken, so that each has to be free only once.
+  for (const auto& lease : children(leases))
+    when_free(deadline, cancellation, [&] { return FileLock(lease, false, LockMode::exclusive); });
+  return lock;
+}
+
+}  // namespace tavro

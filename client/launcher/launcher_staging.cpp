@@ -1,0 +1,347 @@
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "installation/data_folder.h"
+#include "launcher/launcher_download.h"
+#include "launcher/launcher_record.h"
+#include "launcher/launcher_store.h"
+#include "platform/archives/snapshot.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/managed_tree.h"
+#include "platform/files/running_files.h"
+#include "platform/files/safe_path.h"
+#include "platform/host/native_platform.h"
+#include "platform/storage/storage_plan.h"
+#include "platform/storage/storage_volume.h"
+#include "tuf/tuf.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+// What the store may hold, whatever a repository signs.
+constexpr unsigned long long store_bytes = 4ULL << 30;
+constexpr unsigned long store_entries = 65536;
+constexpr std::size_t version_entries = 8;
+/// A download takes two entries, its partial file and the record of it.
+constexpr std::size_t new_download_entries = 47;
+/// For the small documents that a run writes beside its payload.
+constexpr unsigned long long document_margin = 1048576;
+
+constexpr std::string_view storage_full = "launcher_storage_full";
+constexpr std::string_view cleanup_command = "self cleanup";
+
+/// A folder of the store, and how many entries it may hold when a run goes on.
+struct Bound {
+  std::string_view folder;
+  std::size_t entries;
+};
+constexpr std::array<Bound, 7> record_bounds = {{{"downloads", 48},
+                                                 {"manifests", 31},
+                                                 {"health", 63},
+                                                 {"leases/attempts", 127},
+                                                 {"intents", 15},
+                                                 {"staging", 15},
+                                                 {"download-intents", 32}}};
+
+/// The lock files of attempts are small, and are never removed while anybody may still hold one.
+bool is_attempt_lock(const fs::directory_entry& entry) {
+  constexpr std::string_view extension = ".lock";
+  constexpr std::size_t nonce_bytes = 32;
+  const std::string name = path_utf8(entry.path().filename());
+  if (name.size() != nonce_bytes + extension.size() || !name.ends_with(extension)) return false;
+  const bool nonce =
+      name.find_first_not_of("0123456789abcdef") == nonce_bytes;  // The dot ends the number.
+  return nonce && entry.symlink_status().type() == fs::file_type::regular;
+}
+
+/// How many entries count, up to one more than `most`.
+std::size_t count_entries(const fs::path& folder, std::size_t most, bool without_attempt_locks) {
+  std::size_t count = 0;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    if (without_attempt_locks && is_attempt_lock(entry)) continue;
+    if (++count > most) break;
+  }
+  return count;
+}
+
+/// As signed; empty when only the longer digest is signed.
+std::string signed_sha256(const json& description) {
+  return description.at("hashes").value("sha256", std::string());
+}
+
+json skipped(std::string_view reason) { return {{"staged", false}, {"skipped", reason}}; }
+
+json already_current(const json& build_id) {
+  return {{"staged", false}, {"already_current", true}, {"build_id", build_id}};
+}
+
+/// A release as its descriptor tells it, and as the store names it.
+struct Release {
+  std::string descriptor;
+  LauncherManifest manifest;
+  json reference;
+
+  static Release parse(std::string descriptor) {
+    auto manifest = LauncherManifest::parse(parse_json(descriptor, launcher_descriptor_bytes));
+    json reference = {{"manifest_sha256", digest(descriptor, "sha256")},
+                      {"build_id", manifest.build_id}};
+    return {std::move(descriptor), std::move(manifest), std::move(reference)};
+  }
+};
+
+/// One run, under the owner lock.
+class Staging {
+ public:
+  Staging(const LauncherStore& store, TufClient& tuf, const Progress& progress,
+          const StagingPhase& phase)
+      : store_(store),
+        tuf_(tuf),
+        progress_(progress),
+        phase_(phase),
+        downloads_(store.directory()),
+        record_(store.load()) {}
+
+  json run(bool optional) {
+    if (optional) {
+      auto answer = reason_to_skip();
+      if (!answer.is_null()) return answer;
+    }
+    require_ready();
+    const Release release = fetch_descriptor();
+    const json archive = authorized_archive(release);
+    if (is_selected(release)) return keep_current(release);
+    require_place(release);
+    fetch_archive(release, archive);
+    publish(release);
+    return select(release);
+  }
+
+ private:
+  fs::path child(std::string_view relative) const {
+    return safe_join(store_.directory(), relative, true);
+  }
+
+  void tell(std::string_view name, bool counts_bytes) const {
+    if (phase_) phase_(name, counts_bytes);
+  }
+
+  // Before anything is fetched.
+
+  /// The published descriptor's digest; nothing when none is published.
+  std::optional<std::string> published_digest() {
+    try {
+      return signed_sha256(tuf_.target(launcher_manifest_target(native_platform())));
+    } catch (const Error& error) {
+      if (error.code != "target_not_found") throw;
+      return std::nullopt;
+    }
+  }
+
+  /// The answer of a check in passing that has nothing to stage; null when it goes on.
+  json reason_to_skip() {
+    const json& active = record_.at("active");
+    if (active.is_null()) return skipped("not_installed");
+    if (stands(child("cleanup.json"))) return skipped("cleanup_pending");
+    if (!record_.at("attempt").is_null()) return skipped("startup_pending");
+    const auto published = published_digest();
+    if (!published) return skipped("not_published");
+    if (*published == active.at("manifest_sha256")) return already_current(active.at("build_id"));
+    if (!record_.at("candidate").is_null()) return skipped("candidate_pending");
+    const json& failed = record_.at("failed_candidate");
+    const json release = failed.is_null() ? failed : failed.at("reference");
+    if (!release.is_null() && *published == release.at("manifest_sha256"))
+      return skipped("failed_before");
+    return nullptr;
+  }
+
+  void require_ready() const {
+    require(!stands(child("cleanup.json")), "launcher_cleanup_pending",
+            "Finish the recorded Tavro cleanup before staging another update", {cleanup_command});
+    require(record_.at("attempt").is_null(), "busy",
+            "A launcher startup must finish before another update is staged");
+    // A receipt that nobody can explain ends the run before any request.
+    launcher_download_receipts(store_.directory());
+  }
+
+  // Budgets
+
+  void require_budget(unsigned long long extra) const {
+    const auto used = tree_bytes(store_.directory(), store_entries);
+    require(used <= store_bytes && extra <= store_bytes - used, storage_full,
+            "Launcher updates exceed their private storage budget");
+    for (const auto& bound : record_bounds) {
+      const bool attempts = bound.folder == "leases/attempts";
+      require(count_entries(child(bound.folder), bound.entries, attempts) <= bound.entries,
+              storage_full, "Retained launcher records reached their bounded capacity",
+              {cleanup_command});
+    }
+  }
+
+  /// Before a target of `length` bytes is taken, of which `expanded` more are made.
+  void admit(unsigned long long length, unsigned long long expanded,
+             const DownloadAdmission& admission) const {
+    require(admission.size <= length, storage_full, "Existing download exceeds its signed budget");
+    const auto missing = admission.complete ? 0 : length - admission.size;
+    require_budget(storage_sum::add(storage_sum::add(expanded, missing), document_margin));
+    const bool new_slot = !admission.complete && !admission.partial;
+    require(!new_slot || count_entries(child("downloads"), new_download_entries, false) <
+                             new_download_entries,
+            storage_full, "A new target needs bounded partial/checkpoint slots", {cleanup_command});
+  }
+
+  // The descriptor
+
+  fs::path download(const std::string& target, const json& reference,
+                    std::function<void(const DownloadAdmission&)> admission) {
+    TufDownloadOptions options;
+    options.resume_scope = launcher_download_resume_scope(target, reference);
+    options.admission = std::move(admission);
+    return tuf_.download(target, child("downloads"), progress_,
+                         downloads_.observer(target, reference), std::move(options));
+  }
+
+  Release fetch_descriptor() {
+    tell("verifying", true);
+    require_budget(0);
+    const std::string target = launcher_manifest_target(native_platform());
+    const auto bytes = length(tuf_.target(target));
+    require(bytes <= launcher_descriptor_bytes, "size_limit",
+            "Launcher descriptor exceeds 512 KiB");
+    const fs::path file = download(
+        target, nullptr, [&](const DownloadAdmission& admission) { admit(bytes, 0, admission); });
+    auto release = Release::parse(read_file(file, launcher_descriptor_bytes));
+    require(release.manifest.platform == native_platform(), "launcher_incompatible",
+            "Launcher payload targets another native platform");
+    return release;
+  }
+
+  /// The archive, which the repository itself must sign as the descriptor declares it.
+  json authorized_archive(const Release& release) {
+    const json archive = tuf_.target(release.manifest.archive_target);
+    require(length(archive) == release.manifest.archive_length &&
+                signed_sha256(archive) == release.manifest.archive_sha256,
+            "content_mismatch", "Launcher archive is not authorized with its declared length/hash");
+    return archive;
+  }
+
+  /// Whether the release is the active one. One build identifier never names two contents.
+  bool is_selected(const Release& release) const {
+    for (const char* key : {"active", "rollback", "candidate"}) {
+      const json& selected = record_.at(key);
+      if (selected.is_null() || selected.at("build_id") != release.manifest.build_id) continue;
+      require(selected == release.reference, "launcher_build_conflict",
+              "An installed launcher build ID has different signed content");
+    }
+    return record_.at("active") == release.reference;
+  }
+
+  json keep_current(const Release& release) {
+    verify_snapshot_tree(release.manifest, store_.payload(release.reference), progress_);
+    downloads_.retire(release.reference);
+    return already_current(release.manifest.build_id);
+  }
+
+  // The payload
+
+  void require_place(const Release& release) const {
+    const json& candidate = record_.at("candidate");
+    require(candidate.is_null() || candidate == release.reference, "launcher_pending",
+            "Start the pending launcher candidate before staging a different build");
+    const fs::path payload = store_.payload(release.reference);
+    require_path_room(store_.root(), payload, release.manifest.longest_native_path());
+    const bool room = count_entries(child("versions"), version_entries, false) < version_entries;
+    require(room || stands(payload), storage_full,
+            "Retained launcher versions reached their bounded capacity", {cleanup_command});
+  }
+
+  void fetch_archive(const Release& release, const json& archive) {
+    require_budget(0);
+    tell("downloading", true);
+    download(release.manifest.archive_target, release.reference,
+             [&](const DownloadAdmission& admission) {
+               admit(length(archive), release.manifest.expanded_length, admission);
+               const auto volume = inspect_storage_volume(store_.directory());
+               require_install_storage(
+                   plan_install_storage(release.manifest, volume, admission.complete,
+                                        admission.allocated, admission.partial),
+                   "launcher");
+             });
+  }
+
+  void keep_descriptor(const Release& release) const {
+    const fs::path path =
+        child("manifests/" + release.reference.at("manifest_sha256").get<std::string>() + ".json");
+    if (!stands(path)) {
+      atomic_create(path, release.descriptor);
+      return;
+    }
+    require(read_file(path, launcher_descriptor_bytes) == release.descriptor, "content_mismatch",
+            "Immutable launcher descriptor changed");
+  }
+
+  void publish(const Release& release) {
+    keep_descriptor(release);
+    // The stored descriptor is what the retirement proves the receipts against.
+    downloads_.retire(release.reference);
+    const fs::path payload = store_.payload(release.reference);
+    if (stands(payload))
+      verify_snapshot_tree(release.manifest, payload, progress_);
+    else
+      extract(release, payload);
+  }
+
+  void extract(const Release& release, const fs::path& payload) const {
+    tell("staging", true);
+    const std::string nonce = random_id();
+    const fs::path intent = child("intents/" + nonce + ".json");
+    const fs::path tree = child("staging/" + nonce);
+    atomic_create(intent, staging_intent(nonce, release.reference).dump());
+    extract_snapshot(release.manifest, child("downloads/" + release.manifest.archive_target), tree,
+                     progress_);
+    native_files::rename_replace(tree, payload);
+    // Both ends of the move are durable before the intent that would explain its beginning goes.
+    sync_directory(tree.parent_path());
+    sync_directory(payload.parent_path());
+    native_files::remove_or_trash(intent, {});
+    sync_directory(intent.parent_path());
+  }
+
+  json select(const Release& release) {
+    tell("activating", false);
+    record_["candidate"] = release.reference;
+    record_["failed_candidate"] = nullptr;
+    store_.save(record_);
+    return {{"staged", true},
+            {"activated", false},
+            {"build_id", release.manifest.build_id},
+            {"manifest_sha256", release.reference.at("manifest_sha256")}};
+  }
+
+  const LauncherStore& store_;
+  TufClient& tuf_;
+  const Progress& progress_;
+  const StagingPhase& phase_;
+  LauncherDownloads downloads_;
+  json record_;
+};
+
+}  // namespace
+
+json LauncherStore::stage(TufClient& tuf, const Progress& progress, const StagingPhase& phase,
+                          bool optional) {
+  const auto lock = owner();
+  return Staging(*this, tuf, progress, phase).run(optional);
+}
+
+}  // namespace tavro

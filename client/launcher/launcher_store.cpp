@@ -1,0 +1,220 @@
+#include "launcher/launcher_store.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
+#include "domain/product_name.h"
+#include "launcher/launcher_record.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/safe_path.h"
+#include "platform/host/native_platform.h"
+#include "platform/storage/storage_volume.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t fallback_entries = 64;
+
+const std::string& version_name(const json& reference, std::string_view missing) {
+  reference_shape(reference);
+  require(!reference.is_null(), "launcher_missing", missing);
+  return reference.at("manifest_sha256").get_ref<const std::string&>();
+}
+
+bool is_version_folder(const fs::directory_entry& entry) {
+  std::error_code error;
+  return fs::is_directory(entry.symlink_status(error)) &&
+         path_utf8(entry.path().filename()).size() == 64;
+}
+
+/// A missing folder holds no version; one that cannot be read is no answer.
+fs::directory_iterator version_entries(const fs::path& folder) {
+  std::error_code error;
+  fs::directory_iterator entries(folder, error);
+  if (error && error != std::errc::no_such_file_or_directory)
+    throw fs::filesystem_error("Cannot list launcher versions", folder, error);
+  return entries;
+}
+
+}  // namespace
+
+fs::path ordinary_root(const fs::path& path) {
+  const auto normal = fs::weakly_canonical(fs::absolute(path)).lexically_normal();
+  // Taken apart and joined again, so that a link that appeared meanwhile is refused.
+  return safe_join(normal.root_path(), path_utf8(normal.relative_path()), false);
+}
+
+LauncherStore::LauncherStore(const fs::path& root, bool staged_install)
+    : LauncherStore(root, Paths{}) {
+  if (!staged_install) require_complete_native_install(root_);
+  private_directory(directory_);
+  constexpr std::array<std::string_view, 9> folders = {
+      "versions", "manifests", "downloads",       "download-intents", "staging",
+      "intents",  "health",    "leases/versions", "leases/attempts"};
+  for (const auto folder : folders) private_directory(child(folder));
+  load();
+}
+
+LauncherStore::LauncherStore(const fs::path& root, ExistingStore) : LauncherStore(root, Paths{}) {
+  require_complete_native_install(root_);
+  inspect_storage_directory(directory_);
+  constexpr std::array<std::string_view, 4> folders = {"manifests", "downloads", "download-intents",
+                                                       "intents"};
+  for (const auto folder : folders) inspect_storage_directory(child(folder));
+  load();
+}
+
+LauncherStore::LauncherStore(const fs::path& root, LaunchView) : LauncherStore(root, Paths{}) {
+  require_complete_native_install(root_);
+}
+
+LauncherStore::LauncherStore(const fs::path& root, Paths)
+    : root_(ordinary_root(root)), directory_(safe_join(root_, "launcher", true)) {}
+
+std::unique_ptr<LauncherStore> LauncherStore::existing(const fs::path& root) {
+  return std::make_unique<LauncherStore>(root, ExistingStore{});
+}
+
+std::unique_ptr<LauncherStore> LauncherStore::for_launch(const fs::path& root) {
+  return std::make_unique<LauncherStore>(root, LaunchView{});
+}
+
+fs::path LauncherStore::child(std::string_view relative) const {
+  return safe_join(directory_, relative, true);
+}
+
+json LauncherStore::load() const {
+  const auto path = directory_ / "installation.json";
+  std::error_code error;
+  // Only a name that is surely absent means a new store; all else must be readable.
+  if (fs::symlink_status(path, error).type() == fs::file_type::not_found)
+    return default_launcher_record();
+  auto record = parse_json(read_file(path, launcher_record_bytes), launcher_record_bytes);
+  check_launcher_record(record);
+  return record;
+}
+
+std::optional<json> LauncherStore::selection() const {
+  constexpr std::array<std::string_view, 4> unusable = {"launcher_state", "unsupported_schema",
+                                                        "invalid_json", "size_limit"};
+  try {
+    return load();
+  } catch (const Error& error) {
+    for (const auto code : unusable)
+      if (error.code == code) return std::nullopt;
+    throw;
+  } catch (const json::exception&) {
+    return std::nullopt;
+  }
+}
+
+json LauncherStore::status() const {
+  auto record = load();
+  record["installed"] = !record.at("active").is_null();
+  return record;
+}
+
+void LauncherStore::save(json state) const {
+  const auto generation = state.at("generation").get<std::uint64_t>();
+  require(generation < UINT64_MAX, "launcher_state", "Launcher state generation is exhausted");
+  state["generation"] = generation + 1;
+  const auto text = state.dump();
+  require(text.size() <= launcher_record_bytes, "size_limit",
+          "Launcher state exceeds its durable bound");
+  atomic_write(child("installation.json"), text);
+}
+
+LauncherManifest LauncherStore::manifest(const json& reference) const {
+  const auto& name = version_name(reference, "Install a verified launcher first");
+  const auto text = read_file(child("manifests/" + name + ".json"), launcher_descriptor_bytes);
+  require(digest(text, "sha256") == name, "content_mismatch", "Stored launcher manifest changed");
+  auto manifest = LauncherManifest::parse(parse_json(text, launcher_descriptor_bytes));
+  require(manifest.build_id == reference.at("build_id") && manifest.platform == native_platform(),
+          "launcher_state", "Launcher identity/platform differs from its local reference");
+  return manifest;
+}
+
+fs::path LauncherStore::payload(const json& reference) const {
+  return child("versions/" + version_name(reference, "No working launcher is installed"));
+}
+
+json LauncherStore::fallback_active() const {
+  json newest;
+  fs::file_time_type newest_time;
+  std::size_t seen = 0;
+  for (const auto& entry : version_entries(child("versions"))) {
+    require(++seen <= fallback_entries, "launcher_state",
+            "Too many launcher versions to choose a fallback");
+    if (!is_version_folder(entry)) continue;
+    try {
+      const auto name = path_utf8(entry.path().filename());
+      const auto text = read_file(child("manifests/" + name + ".json"), launcher_descriptor_bytes);
+      const json reference = {
+          {"manifest_sha256", name},
+          {"build_id", parse_json(text, launcher_descriptor_bytes).at("build_id")}};
+      manifest(reference);
+      const auto time = entry.last_write_time();
+      if (!newest.is_null() && time <= newest_time) continue;
+      newest = reference;
+      newest_time = time;
+    } catch (const std::exception&) {
+      // A version that cannot be proved is no way back; it stays for whoever can read it.
+      continue;
+    }
+  }
+  require(!newest.is_null(), "launcher_missing",
+          [] { return branded("No installed Tavro version could be started"); }, {"self status"});
+  return newest;
+}
+
+std::unique_ptr<FileLock> LauncherStore::owner() const {
+  using clock = std::chrono::steady_clock;
+  const auto path = child("bootstrap.lock");
+  const auto deadline = clock::now() + std::chrono::seconds(2);
+  for (;;) {
+    try {
+      return std::make_unique<FileLock>(path, false, LockMode::exclusive);
+    } catch (const Error& error) {
+      if (error.code != "busy" || clock::now() >= deadline) throw;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+std::unique_ptr<FileLock> LauncherStore::version_guard(const json& reference, LockMode mode) const {
+  const auto& name = version_name(reference, "No launcher version was selected");
+  if (mode == LockMode::exclusive) {
+    try {
+      manifest(reference);
+    } catch (const Error&) {
+      fail("launcher_recovery_uncertain",
+           "This launcher version has an unknown contract; preserve its content");
+    }
+  }
+  return std::make_unique<FileLock>(child("leases/versions/" + name + ".lock"), false, mode);
+}
+
+fs::path present_entry(const LauncherStore& store, const json& reference,
+                       const LauncherManifest& manifest, std::string_view interface) {
+  const auto& path = manifest.entry_point(interface);
+  auto entry = safe_join(store.payload(reference), path, true);
+  std::error_code missing;
+  const auto size = fs::file_size(entry, missing);
+  require(!missing && size == manifest.files.at(path).length, "launcher_damaged",
+          [] { return branded("Tavro's files are damaged. Reinstall Tavro to repair them."); });
+  return entry;
+}
+
+}  // namespace tavro

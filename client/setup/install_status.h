@@ -1,0 +1,32 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "domain/json.h"
+#include "installation/installation_record.h"
+
+namespace tavro {
+
+/// What stands in a data folder. Beyond the first three fields all are empty unless it is
+/// installed.
+struct NativeInstallStatus {
+  std::filesystem::path data_root;
+  bool installed = false;
+  /// A setup run has not finished; never together with `installed`.
+  bool incomplete = false;
+  std::string bootstrap_build;
+  /// Empty when no launcher is known.
+  std::string launcher_build;
+  bool bootstrap_update_pending = false;
+  /// Shortcuts recorded as created by this installation.
+  std::vector<std::filesystem::path> shortcuts;
+  std::optional<NativeSetupRecord> last_operation;
+
+  /// The document of the command `status`.
+  json to_json() const;
+};
+
+}  // namespace tavro

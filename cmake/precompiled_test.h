@@ -1,0 +1,10 @@
+#pragma once
+
+// What tests include beyond that.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <ostream>
+
+#include "precompiled.h"

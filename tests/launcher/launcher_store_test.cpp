@@ -1,0 +1,143 @@
+#include "launcher/launcher_store.h"
+
+#include <future>
+
+#include "platform/archives/snapshot.h"
+#include "support/sealed_package.h"
+
+namespace tavro::launcher_store_test {
+
+class Store : public testing::Test {
+ protected:
+  /// A version of this build, as far as the store looks at one, made so many hours ago.
+  json version(const std::string& build, int age) {
+    auto manifest = json::parse(descriptor);
+    manifest["build_id"] = build;
+    const auto name = digest(manifest.dump(), "sha256");
+    write("manifests/" + name + ".json", manifest.dump());
+    const auto payload = store.directory() / "versions" / name;
+    fs::create_directory(payload);
+    fs::last_write_time(payload, fs::file_time_type::clock::now() - std::chrono::hours(age));
+    return {{"manifest_sha256", name}, {"build_id", build}};
+  }
+  void write(const std::string& path, const std::string& text) {
+    std::ofstream(store.directory() / path) << text;
+  }
+  std::string stored() { return read_file(store.directory() / "installation.json", 100000); }
+
+  void seed() { store.seed_initial(descriptor, package.path("launcher_archive")); }
+
+  TempFolder folder;
+  SealedPackage package{folder.path()};
+  std::string descriptor = read_file(package.path("launcher_manifest"), 524288);
+  fs::path root = folder.path() / "data";
+  LauncherStore store{root};
+};
+
+TEST_F(Store, SavesARecordWithinItsBoundsOrKeepsTheOldOne) {
+  auto record = store.load();
+  EXPECT_FALSE(fs::exists(store.directory() / "installation.json"));
+  record["active"] = version("1.0.0", 0);
+  record["pad"] = "";
+  record["pad"] = std::string(32768 - record.dump().size(), 'x');
+  store.save(record);
+  const auto saved = stored();
+  EXPECT_EQ(saved.size(), 32768U);
+  EXPECT_EQ(LauncherStore::existing(root)->load().at("generation"), 1);
+  EXPECT_TRUE(store.status().at("installed").get<bool>());
+  record["pad"].get_ref<std::string&>() += 'x';
+  EXPECT_EQ(code_of([&] { store.save(record); }), "size_limit");
+  record["generation"] = UINT64_MAX;
+  EXPECT_EQ(code_of([&] { store.save(record); }), "launcher_state");
+  EXPECT_TRUE(stored() == saved);
+}
+
+TEST_F(Store, PreservesARecordThatItCannotUse) {
+  const json reference = {{"manifest_sha256", std::string(64, 'a')}, {"build_id", "1.0.0"}};
+  const json attempt = {{"nonce", std::string(32, 'a')}, {"reference", reference}};
+  auto record = store.load();
+  record.update({{"generation", 1}, {"attempt", attempt}});
+  write("installation.json", record.dump());
+  EXPECT_EQ(store.selection(), record);
+  // Only `generation` and a build that is no identifier are failures that `selection` lets pass.
+  const std::vector<std::tuple<std::string, json, std::string>> rows = {
+      {"/format", "tavro-launcher-store-v2", "unsupported_schema"},
+      {"/generation", 0, "invalid_version"},
+      {"/active", 7, "launcher_state"},
+      {"/rollback", {{"manifest_sha256", std::string(64, 'A')}}, "launcher_state"},
+      {"/attempt/reference/build_id", "A", "invalid_identity"},
+      {"/attempt/reference", nullptr, "launcher_state"},
+      {"/attempt/nonce", std::string(31, 'a'), "launcher_state"},
+      {"/candidate", reference, "launcher_state"},
+      {"/failed_candidate", json::object(), "launcher_state"},
+      {"/pad", std::string(32768, 'x'), "size_limit"},
+      {"", nullptr, "invalid_json"},
+  };
+  for (const auto& [at, value, code] : rows) {
+    auto damaged = record;
+    damaged[json::json_pointer(at)] = value;
+    const auto text = damaged.is_null() ? record.dump().substr(1) : damaged.dump();
+    write("installation.json", text);
+    EXPECT_EQ(code_of([&] { LauncherStore{root}; }), code) << text;
+    EXPECT_EQ(code_of([&] { EXPECT_FALSE(store.selection()); }),
+              code.starts_with("invalid_") && !damaged.is_null() ? code : "");
+    EXPECT_EQ(stored(), text);
+  }
+}
+
+TEST_F(Store, LeasesAVersionOnlyAsFarAsItsContractIsProved) {
+  const auto lease = [&](const json& reference, LockMode mode) {
+    return code_of([&] { store.version_guard(reference, mode); });
+  };
+  const auto good = version("1.0.0", 0);
+  const auto running = store.version_guard(good, LockMode::shared);
+  EXPECT_EQ(lease(good, LockMode::exclusive), "busy");
+  const auto other = version("2.0.0", 0);
+  EXPECT_EQ(lease(other, LockMode::exclusive), "");
+  auto renamed = other;
+  renamed["build_id"] = "2.0.1";
+  EXPECT_EQ(code_of([&] { store.manifest(renamed); }), "launcher_state");
+  write("manifests/" + other["manifest_sha256"].get<std::string>() + ".json", "{}");
+  EXPECT_EQ(code_of([&] { store.manifest(other); }), "content_mismatch");
+  EXPECT_EQ(lease(other, LockMode::exclusive), "launcher_recovery_uncertain");
+  EXPECT_EQ(lease(other, LockMode::shared), "");
+}
+
+TEST_F(Store, FallsBackToTheNewestVersionThatIsProved) {
+  EXPECT_EQ(code_of([&] { store.fallback_active(); }), "launcher_missing");
+  version("1.0.0", 3);
+  const auto expected = version("1.1.0", 2);
+  const auto damaged = store.payload(version("1.2.0", 1));
+  write("manifests/" + damaged.filename().string() + ".json", "{\"build_id\":\"1.2.0\"}");
+  const auto linked = store.payload(version("1.3.0", 0));
+  fs::remove(linked);
+  fs::create_directory_symlink(damaged, linked);
+  for (int i = 0; i < 60; ++i) write("versions/" + std::to_string(i), "");
+  EXPECT_EQ(store.fallback_active(), expected);
+  write("versions/one too many", "");
+  EXPECT_EQ(code_of([&] { store.fallback_active(); }), "launcher_state");
+}
+
+TEST_F(Store, GivesItsOwnerLockToOneAndToTheNextInTime) {
+  auto owner = store.owner();
+  EXPECT_EQ(code_of([&] { store.owner(); }), "busy");
+  auto next = std::async(std::launch::async, [&] { return store.owner(); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  owner.reset();
+  EXPECT_TRUE(next.get());
+}
+
+TEST_F(Store, IsSeededOnceWithACandidate) {
+  seed();
+  const auto candidate = store.load().at("candidate");
+  verify_snapshot_tree(store.manifest(candidate), store.payload(candidate));
+  EXPECT_FALSE(store.status().at("installed").get<bool>());
+  const auto before = stored();
+  EXPECT_EQ(code_of([&] { seed(); }), "already_installed");
+  EXPECT_EQ(stored(), before);
+  std::ofstream(root / ".tavro-setup-incomplete") << "{}";
+  EXPECT_EQ(code_of([&] { LauncherStore{root}; }), "native_install_incomplete");
+  EXPECT_EQ(code_of([&] { LauncherStore(root, true); }), "");
+}
+
+}  // namespace tavro::launcher_store_test

@@ -1,0 +1,116 @@
+#include "setup/native_install.h"
+
+#include "support/installation.h"
+#include "support/snapshot_archive.h"
+
+namespace tavro::native_install_test {
+
+using Parts = std::vector<std::string>;
+
+class Install : public testing::Test {
+ protected:
+  Installation at;
+  const DataPaths& paths = at.paths;
+  const fs::path outside = at.folder.path() / "outside";
+};
+
+TEST_F(Install, MakesAPrivateFolder) {
+  const auto result = at.install();
+  EXPECT_EQ(result.replaced, (Parts{"bootstrap", "launcher", "trust"}));
+  EXPECT_TRUE(fs::is_regular_file(result.bootstrap));
+  EXPECT_TRUE(result.to_json().at("shortcut_problem").is_null());
+  EXPECT_EQ(at.status().last_operation->action, "install");
+  for (const auto& folder : {paths.root, paths.native, paths.launcher, paths.trust})
+    EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all) << folder;
+}
+
+TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
+  const std::string in = " in " + paths.root.string();
+  const std::string foreign = "unsafe_path: Choose an empty folder or an earlier Tavro data folder";
+  const std::vector<std::tuple<std::function<void()>, bool, std::string>> rows = {
+      {[&] { at.add_player_data(); }, true, "not_installed: Tavro is not installed" + in},
+      {[&] { put_file(paths.root / "notes.txt", ""); }, false, foreign},
+      {[&] { put_file(paths.installation, "{}"); }, true,
+       "unsupported_schema: Installation record is malformed: " + paths.installation.string()},
+      {[&] { at.install(); }, false,
+       "already_installed: Tavro is already installed" + in + "; use repair"},
+  };
+  for (const auto& [prepare, repair, failure] : rows) {
+    fs::remove_all(paths.root);
+    prepare();
+    const auto before = tree_content(at.folder.path());
+    EXPECT_EQ(failure_of([&, &repair = repair] { at.install(repair); }), failure);
+    EXPECT_EQ(tree_content(at.folder.path()), before) << failure;
+  }
+  fs::remove_all(paths.root);
+  const auto seal = std::exchange(at.package.seal, std::string(64, 'a'));
+  EXPECT_EQ(code_of([&] { at.install(); }), "native_install_trust");
+  EXPECT_FALSE(stands(paths.root));
+  at.package.seal = seal;
+  fs::create_directories(paths.native);
+  fs::create_symlink("nowhere", paths.incomplete_marker);
+  EXPECT_TRUE(at.status().incomplete) << "a marker is one whatever it is";
+  EXPECT_EQ(failure_of([&] { at.install(); }), "unsafe_path: Refusing to replace a symbolic link");
+  for (const auto& root : {at.package.folder, at.package.folder / "data", at.folder.path()}) {
+    at.paths = DataPaths(root);
+    EXPECT_EQ(failure_of([&] { at.install(); }),
+              "unsafe_path: The package and data folders overlap");
+  }
+}
+
+TEST_F(Install, TakesAnEarlierFolderAndKeepsWhatIsNotItsOwn) {
+  const std::vector<std::function<void()>> folders = {
+      [&] { put_file(paths.setup_lock, ""), fs::permissions(paths.setup_lock, fs::perms(0600)); },
+      [&] { at.add_player_data(), put_file(paths.root / "notes.txt", "mine"); },
+      [&] { at.install(), at.add_player_data(), put_file(paths.incomplete_marker, ""); },
+      [&] { put_file(paths.incomplete_marker, ""), put_file(paths.launcher, "a file"); },
+  };
+  for (const auto& prepare : folders) {
+    fs::remove_all(paths.root);
+    prepare();
+    const auto before = tree_content(paths.root);
+    EXPECT_EQ(at.install().replaced.size(), 3U);
+    EXPECT_TRUE(at.status().installed);
+    auto after = tree_content(paths.root);
+    for (const auto* kept : {"userdata/game/save.bin", "settings.json", "notes.txt"})
+      EXPECT_EQ(after.count(kept), before.count(kept)) << kept;
+  }
+}
+
+TEST_F(Install, RepairsOnlyWhatDoesNotProveIntact) {
+  at.install();
+  at.add_player_data();
+  copy_tree(paths.root, at.folder.path() / "good");
+  put_file(outside / "stray.old", "not ours");
+  put_file(outside / "root.json", "{}");
+  const auto others = tree_content(outside);
+  const auto link = [&](const fs::path& part) {
+    fs::remove_all(part);
+    fs::create_directory_symlink(outside, part);
+  };
+  const auto version = [&] { return *fs::directory_iterator(paths.launcher / "versions"); };
+  const std::vector<std::pair<std::function<void()>, Parts>> rows = {
+      {[&] { put_file(paths.bootstrap / "bin/stray.old", "left by an update"); }, {}},
+      {[&] { put_file(paths.bootstrap_manifest, "{}"); }, {"bootstrap"}},
+      {[&] { link(paths.bootstrap); }, {"bootstrap"}},
+      {[&] { put_file(version().path() / "stray", ""); }, {"launcher"}},
+      {[&] { fs::create_symlink(outside, version().path() / "link"); }, {"launcher"}},
+      {[&] { fs::remove(paths.launcher / "installation.json"); }, {"launcher"}},
+      {[&] { link(paths.launcher); }, {"launcher"}},
+      {[&] { put_file(paths.trust / "root.json", "{"); }, {"trust"}},
+      {[&] { link(paths.trust), put_file(paths.bootstrap / "stray", ""); }, {"bootstrap", "trust"}},
+      {[&] { put_file(paths.incomplete_marker, ""); }, {"launcher"}},
+  };
+  for (std::size_t row = 0; row < rows.size(); ++row) {
+    SCOPED_TRACE(row);
+    copy_tree(at.folder.path() / "good", paths.root);
+    rows[row].first();
+    EXPECT_EQ(at.repair().replaced, rows[row].second);
+    EXPECT_TRUE(at.repair().replaced.empty());
+    EXPECT_TRUE(at.keeps_player_data());
+    EXPECT_EQ(tree_content(outside), others);
+    EXPECT_FALSE(stands(paths.bootstrap / "bin/stray.old"));
+  }
+}
+
+}  // namespace tavro::native_install_test
