@@ -91,8 +91,11 @@ function(tavro_room folder)
   cmake_path(GET folder PARENT_PATH parent)
   file(MAKE_DIRECTORY ${view}/${parent})
   file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${view}/${folder} SYMBOLIC)
-  target_include_directories(tavro_${name} PUBLIC
-    $<BUILD_INTERFACE:${view}> $<INSTALL_INTERFACE:include/tavro>)
+  file(GLOB headers RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS *.h)
+  list(TRANSFORM headers PREPEND ${view}/${folder}/)
+  target_sources(tavro_${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${view} FILES ${headers})
+  # Each compiles alone: built by the target all_verify_interface_header_sets.
+  set_target_properties(tavro_${name} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
   target_compile_features(tavro_${name} PUBLIC cxx_std_20)
   target_link_libraries(tavro_${name}
     PUBLIC nlohmann_json::nlohmann_json ${ROOM_LINKS}
