@@ -60,7 +60,7 @@ json& resource_entry(json& descriptor, std::string_view resource) {
 
 }  // namespace
 
-std::string sample_icon() { return std::string("\0\0\1\0\1\0", 6) + std::string(16, '\0'); }
+std::string sample_icon() { return std::string("\0\0\1\0\1\0", 6).append(16, '\0'); }
 
 SealedPackage::SealedPackage(const fs::path& where, const SealedPackageOptions& options)
     : folder(where / "package"), key_(SigningKey::generate(KeyType::ed25519)) {
@@ -117,7 +117,9 @@ fs::path SealedPackage::path(std::string_view resource) const {
   return folder / resource_entry(document, resource).at("path").get<std::string>();
 }
 
-json SealedPackage::descriptor() const { return json::parse(read_file(path("descriptor"), 1 << 20)); }
+json SealedPackage::descriptor() const {
+  return json::parse(read_file(path("descriptor"), 1 << 20));
+}
 
 void SealedPackage::edit_descriptor(const std::function<void(json&)>& change) {
   json document = descriptor();
