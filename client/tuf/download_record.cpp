@@ -20,7 +20,6 @@ constexpr char malformed[] = "download_resume_state";
 constexpr char not_admitted[] = "download_resume_capacity";
 constexpr unsigned max_entries = 4096;
 constexpr unsigned max_records = 32;
-constexpr std::size_t nonce_size = 32;
 constexpr std::size_t digest_size = 64;
 constexpr std::string_view partial_suffix = ".partial";
 constexpr std::string_view record_suffix = ".resume.json";
