@@ -15,6 +15,7 @@
 #include "self_update/bootstrap_apply.h"
 #include "self_update/bootstrap_release.h"
 #include "self_update/bootstrap_staging.h"
+#include "self_update/start_check.h"
 #include "support/fail_nth_call.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
