@@ -52,6 +52,17 @@ void tell_waiting(const std::exception& problem) {
   tell_about_update(branded("A Tavro update waits: ") + problem.what() + ".");
 }
 
+/// A failing update stops no start. What it left is for the next one.
+void apply(const BootstrapPaths& paths, const fs::path& image) {
+  try {
+    apply_staged_bootstrap(paths, image, check_limit);
+  } catch (const Error& error) {
+    if (error.code != "busy") tell_waiting(error);
+  } catch (const std::exception& error) {
+    tell_waiting(error);
+  }
+}
+
 }  // namespace
 
 std::optional<fs::path> installed_data_root(const fs::path& image) {
@@ -98,13 +109,10 @@ void apply_pending_bootstrap_update(const fs::path& image) {
     const auto check = process_environment(bootstrap_start_check_environment, environment_bytes);
     if (!check.empty()) std::exit(0);
     const auto root = installed_data_root(image);
-    if (!root || stands(DataPaths(*root).incomplete_marker)) return;
-    apply_staged_bootstrap(BootstrapPaths(*root), image, check_limit);
-  } catch (const Error& error) {
-    // A failing update stops no start. What it left is for the next one.
-    if (error.code != "busy") tell_waiting(error);
-  } catch (const std::exception& error) {
-    tell_waiting(error);
+    if (root && !stands(DataPaths(*root).incomplete_marker)) apply(BootstrapPaths(*root), image);
+  } catch (const std::exception&) {
+    // Whatever is wrong with this process is told by the start that follows.
+    return;
   }
 }
 

@@ -1,0 +1,196 @@
+// The bootstrap that replaces itself: real images, ended anywhere and then started as a user does.
+// The next start is always the image that stands; a bad one is bad whoever starts it.
+
+#include <sys/wait.h>
+
+#include <csignal>
+
+#include "installation/bootstrap_paths.h"
+#include "platform/host/native_platform.h"
+#include "publisher/descriptors.h"
+#include "self_update/bootstrap_update.h"
+#include "support/installation.h"
+#include "support/launched.h"
+#include "support/snapshot_archive.h"
+#include "system/installer_program.h"
+
+namespace tavro::self_update_test {
+
+using namespace testing;
+using Files = std::map<std::string, std::string>;
+
+const std::string entry = "bin/tavro-bootstrap", shell = "#!/bin/sh\n";
+const std::string only_in_place = shell + "case $0 in */bootstrap-update/*) exit 0;; esac\n";
+
+SealedPackageOptions real_programs() {
+  SealedPackageOptions options;
+  options.bootstrap_image = program("tavro-bootstrap");
+  options.launcher_image = program("ill-behaved-launcher");
+  return options;
+}
+
+class SelfUpdate : public Test {
+ protected:
+  SelfUpdate() {
+    client.install();
+    EXPECT_EQ(Launched(image, "attach interrupt health exit:3", {}).status(), 3);
+    before = tree_content(paths.installed);
+  }
+
+  /// Lets a release with this entry point wait.
+  void stage(const std::string& content) {
+    after = {{entry, content}, {"share/added", "new"}, {"share/part-0/file-0.bin", "new"}};
+    for (const auto& [path, text] : after)
+      write_tree({{path, text, path == entry ? mode_t{0755} : mode_t{0644}}}, paths.update);
+    const SourceTree tree(paths.update);
+    const auto archive = client.folder.path() / random_id();
+    const std::string platform(native_platform());
+    const auto document = bootstrap_document(snapshot_document(
+        tree, {"2", platform, entry, "a.zst"}, write_archive(tree, archive, {1, 1}, {})));
+    fs::permissions(paths.update, fs::perms::owner_all);
+    put_file(paths.pending, document.dump());
+    copy_tree(native, start);
+  }
+  /// As it was staged. Programs are shared with the copy, since nothing writes into them.
+  void restore() const {
+    fs::remove_all(native);
+    fs::copy(start, native, fs::copy_options::recursive | fs::copy_options::create_hard_links);
+    for (const auto& entry_below : fs::directory_iterator(start))
+      if (entry_below.is_regular_file())
+        fs::copy_file(entry_below, native / entry_below.path().filename(),
+                      fs::copy_options::overwrite_existing);
+  }
+  Launched run(const Launched::Environment& environment = {}) const {
+    return {image, "who exit:7", environment};
+  }
+  /// A start that works; what it says before its launcher does.
+  std::string works() const {
+    auto started = run();
+    std::string said = started.rest();
+    EXPECT_EQ(started.status(), 7) << said;
+    EXPECT_TRUE(said.ends_with("1.0.0\n")) << said;
+    return said.substr(0, said.size() - std::min<std::size_t>(said.size(), 6));
+  }
+  void expect_settled(const Files& files) const {
+    EXPECT_EQ(tree_content(paths.installed) == files, true);
+    for (const auto& gone : {paths.pending, paths.update, paths.old_files})
+      EXPECT_FALSE(stands(gone)) << gone;
+  }
+
+  Installation client{real_programs()};
+  const BootstrapPaths paths{client.paths.root};
+  const fs::path native = client.paths.native, start = client.folder.path() / "start",
+                 image = paths.installed / entry;
+  Files before, after;
+};
+
+TEST_F(SelfUpdate, LeavesAClientThatStartsWhereverARunIsKilled) {
+  int lost = 0;
+  for (const auto& content :
+       {before.at(entry) + "\n", shell + "exit 1\n", only_in_place + "exit 1\n"}) {
+    fs::remove_all(paths.update);
+    stage(content);
+    const auto die_at = [&](int call) {
+      SCOPED_TRACE(content.substr(0, 60) + " call " + std::to_string(call));
+      restore();
+      auto struck = run({{"LD_PRELOAD", program("libsignal_at_call.so")},
+                         {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+                         {"TAVRO_TEST_SIGNAL", std::to_string(SIGKILL)},
+                         {"TAVRO_TEST_CALL", std::to_string(call)}});
+      struck.rest();
+      const int status = struck.status();
+      // An image that starts everywhere but in place stands there while it is tested a second time.
+      if (content.starts_with(only_in_place) && read_file(image, 256U << 20) == content)
+        return ++lost, true;
+      works();
+      works();
+      expect_settled(content.starts_with(shell) ? before : after);
+      return status == 128 + SIGKILL && !HasFailure();
+    };
+    int call = 1;
+    while (die_at(call)) ++call;
+    EXPECT_GT(call, 60);
+    copy_tree(start, native);
+  }
+  EXPECT_LT(lost, 20);
+}
+
+TEST_F(SelfUpdate, SaysWhatItWaitsForAndHearsASignalOnceTheTreeIsWhole) {
+  const auto tested = HasSubstr("update is being tested");
+  const auto old_image = before.at(entry);
+  for (const auto& content : {shell + "exec sleep 60\n", only_in_place + "exec sleep 60\n"}) {
+    fs::remove_all(paths.update);
+    stage(content);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+      auto stopped = run();
+      EXPECT_THAT(stopped.line(), tested);
+      EXPECT_EQ(read_file(image, 256U << 20) == old_image, content.starts_with(shell + "exec"));
+      if (signal == SIGTERM) {
+        // Who starts meanwhile gets a launcher at once, or once the files have stopped moving.
+        auto other = run();
+        if (content.starts_with(shell + "exec")) EXPECT_EQ(other.line(), "1.0.0");
+        kill(stopped.id(), signal);
+        EXPECT_THAT(other.rest() + "1.0.0\n", EndsWith("1.0.0\n"));
+        EXPECT_EQ(other.status(), 7);
+      } else {
+        kill(stopped.id(), signal);
+      }
+      stopped.rest();
+      EXPECT_EQ(stopped.status(), 128 + signal);
+      EXPECT_TRUE(tree_content(paths.installed) == before && bootstrap_update_pending(paths.root));
+    }
+  }
+  EXPECT_THAT(works(), AllOf(tested, HasSubstr("build 2 does not start on this machine")));
+  expect_settled(before);
+}
+
+TEST_F(SelfUpdate, LeadsOutOfEverythingThatStandsInTheWayOfAnUpdate) {
+  stage(before.at(entry) + "\n");
+  const auto folder = [](const fs::path& path) { fs::remove(path), fs::create_directory(path); };
+  const auto link = [](const fs::path& path) {
+    fs::remove(path), fs::create_symlink("/nowhere", path);
+  };
+  struct Row {
+    fs::path file;
+    std::function<void(const fs::path&)> damage;
+    bool given_up = false;
+  };
+  const std::vector<Row> rows = {
+      {paths.pending, [](const auto& path) { put_file(path, "{"); }, true},
+      {paths.update / "share/added", [](const auto& path) { fs::remove(path); }, true},
+      {paths.update / "share/added", [](const auto& path) { put_file(path, "neW"); }, true},
+      {paths.pending, [](const auto& path) { put_file(path, std::string(600000, ' ')); }},
+      {paths.pending, folder},
+      {paths.pending, link},
+      {paths.lock, folder},
+      {paths.lock, link},
+      {paths.lock, [](const auto& path) { put_file(path, "x"); }},
+      {paths.lock, [](const auto& path) { fs::permissions(path, fs::perms(0644)); }}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows.data());
+    restore();
+    if (!stands(paths.lock)) put_file(paths.lock, "");
+    fs::permissions(paths.lock, fs::perms(0600));
+    row.damage(row.file);
+    EXPECT_TRUE(bootstrap_update_pending(paths.root));
+    const auto told = bootstrap_update_obstacle(paths.root);
+    // A content of the right length is only looked at by the start.
+    if (row.file != paths.update / "share/added" || !stands(row.file))
+      EXPECT_THAT(told, HasSubstr(row.file));
+    const auto said = works();
+    EXPECT_THAT(said,
+                AllOf(HasSubstr(row.file), HasSubstr(row.given_up ? "given up" : "remove it")));
+    if (row.given_up) {
+      expect_settled(before);
+      EXPECT_EQ(works(), "");
+      continue;
+    }
+    EXPECT_EQ(works(), said);
+    // What the user is told helps.
+    fs::remove(row.file);
+    works();
+    expect_settled(row.file == paths.lock ? after : before);
+  }
+}
+
+}  // namespace tavro::self_update_test
