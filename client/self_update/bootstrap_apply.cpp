@@ -11,6 +11,7 @@
 #include "installation/data_folder.h"
 #include "installation/installed_brand.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "self_update/bootstrap_moves.h"
@@ -128,6 +129,9 @@ class WaitingUpdate {
   void give_up(const std::string& reason) {
     if (!moves_.undo(Undo::for_good)) return;
     moves_.synchronize();
+    // First, to make room for the note. A run that ends here leaves a record without its files,
+    // which the next start gives up as well.
+    remove_path_quietly(paths_.update);
     note_rejected_bootstrap(paths_, text_);
     remove_record();
     tell_about_update(branded("A Tavro update was given up: ") + reason +
@@ -172,6 +176,7 @@ void apply_staged_bootstrap(const BootstrapPaths& paths, const fs::path& image,
                             milliseconds check_limit) {
   if (!stands(paths.pending) && !stands(paths.old_files)) return;
   use_installed_brand(paths.root);
+  if (stands(paths.pending)) require_writable_volume(paths);
   const HeldSignals signals;
   const auto update = installation_lock(paths.lock, NativeLockSharing::read, LockMode::exclusive);
   std::string text;

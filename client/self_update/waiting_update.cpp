@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <exception>
 #include <system_error>
 
@@ -56,6 +58,7 @@ std::string missing_file(const BootstrapPaths& paths, const SnapshotManifest& re
 }
 
 std::string obstacle(const BootstrapPaths& paths) {
+  require_writable_volume(paths);
   for (const auto& lock : {paths.lock, DataPaths(paths.root).bootstrap_lock})
     if (auto text = foreign_lock(lock); !text.empty()) return text + ".";
   const auto text = read_waiting_update(paths);
@@ -80,6 +83,12 @@ std::string read_waiting_update(const BootstrapPaths& paths) {
   } catch (const Error& error) {
     fail(error.code, path_utf8(paths.pending) + ": " + error.what() + remedy());
   }
+}
+
+void require_writable_volume(const BootstrapPaths& paths) {
+  const auto native = path_utf8(paths.lock.parent_path());
+  require(::access(native.c_str(), W_OK) == 0 || errno != EROFS, "file_write",
+          [&] { return native + " is on a volume that is read-only"; });
 }
 
 NativeFileLock installation_lock(const fs::path& path, NativeLockSharing sharing, LockMode mode) {

@@ -12,6 +12,9 @@ namespace tavro {
 /// of this user, and as `read_file`; the sentence names the file and what to do about it.
 std::string read_waiting_update(const BootstrapPaths& paths);
 
+/// Throws `file_write` where the installation lies on a volume that is read-only now.
+void require_writable_volume(const BootstrapPaths& paths);
+
 /// A lock of the installation, under the rules of `NativeFileLock`; a failure other than `busy`
 /// names the file and what to do about it.
 NativeFileLock installation_lock(const std::filesystem::path& path, NativeLockSharing sharing,
