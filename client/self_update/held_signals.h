@@ -16,12 +16,12 @@ class HeldSignals {
   HeldSignals& operator=(const HeldSignals&) = delete;
   ~HeldSignals();
 
+  static constexpr std::array stops = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
   /// Whether the process was asked to stop.
   static bool requested() noexcept;
 
  private:
-  static constexpr std::array stops = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-
   std::array<struct sigaction, stops.size()> former_{};
   struct sigaction former_pipe_ {};
 };

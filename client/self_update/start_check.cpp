@@ -1,6 +1,8 @@
 #include "self_update/start_check.h"
 
+#include <algorithm>
 #include <exception>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -55,10 +57,14 @@ std::optional<int> run_image(ChildProcess& child, milliseconds limit) {
   return std::nullopt;
 }
 
-/// The signal that ended the image may be on its way to this process as well.
-bool stop_arrives() {
+/// Whether what ended the image was meant for this process too, where it may still be on its way.
+bool was_stopped(std::optional<int> status) {
+  constexpr int killed = 128;
+  const bool by_signal = status && std::ranges::any_of(HeldSignals::stops, [&](int signal) {
+                           return *status == killed + signal;
+                         });
   const auto deadline = Clock::now() + check_grace;
-  while (!HeldSignals::requested() && Clock::now() < deadline)
+  while (by_signal && !HeldSignals::requested() && Clock::now() < deadline)
     std::this_thread::sleep_for(check_period);
   return HeldSignals::requested();
 }
@@ -73,7 +79,7 @@ StartVerdict check_start(const std::filesystem::path& image, milliseconds limit,
                        ChildGroup::inherited, ChildControl::none);
     const auto status = run_image(child, limit);
     if (status == 0) return StartVerdict::passed;
-    return stop_arrives() ? StartVerdict::stopped : StartVerdict::failed;
+    return was_stopped(status) ? StartVerdict::stopped : StartVerdict::failed;
   } catch (const Error& error) {
     // An image that cannot be run is told from a process that cannot be made by the help it offers.
     const bool made = error.code != "process_start" || !error.next_commands.empty();

@@ -1,7 +1,9 @@
 // The bootstrap that replaces itself: real images, ended anywhere and then started as a user does.
 // The next start is always the image that stands; a bad one is bad whoever starts it.
 
-#include <sys/wait.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -122,11 +124,14 @@ TEST_F(SelfUpdate, SaysWhatItWaitsForAndHearsASignalOnceTheTreeIsWhole) {
     fs::remove_all(paths.update);
     stage(where + "exec sleep 60\n");
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+      (void)std::signal(signal, SIG_DFL);  // also where tests run in the background
       auto stopped = run();
       EXPECT_THAT(stopped.line(), tested);
       EXPECT_EQ(read_file(image, 256U << 20) == after.at(entry), in_place);
       // Who starts while nothing has moved gets a launcher at once.
-      if (!in_place) EXPECT_EQ(works(), "");
+      if (!in_place) {
+        EXPECT_EQ(works(), "");
+      }
       kill(stopped.id(), signal);
       stopped.rest();
       EXPECT_EQ(stopped.status(), 128 + signal);
@@ -174,8 +179,9 @@ TEST_F(SelfUpdate, LeadsOutOfEverythingThatStandsInTheWayOfAnUpdate) {
     EXPECT_TRUE(bootstrap_update_pending(paths.root));
     const auto told = bootstrap_update_obstacle(paths.root);
     // A content of the right length is only looked at by the start.
-    if (row.file != paths.update / "share/added" || !stands(row.file))
+    if (row.file != paths.update / "share/added" || !stands(row.file)) {
       EXPECT_THAT(told, HasSubstr(row.file));
+    }
     const auto said = works();
     EXPECT_THAT(said,
                 AllOf(HasSubstr(row.file), HasSubstr(row.given_up ? "given up" : "remove it")));
@@ -190,6 +196,42 @@ TEST_F(SelfUpdate, LeadsOutOfEverythingThatStandsInTheWayOfAnUpdate) {
     works();
     expect_settled(row.file == paths.lock ? after : before);
   }
+}
+
+/// Copies the folder into a file system of its own and uses all its room up.
+bool fill_disk(const fs::path& folder) {
+  const fs::path small = folder.parent_path() / "small";
+  fs::create_directory(small);
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=48m,mode=0700") != 0) return false;
+  copy_tree(folder, small / "data");
+  std::ofstream rest(small / "rest");
+  while (rest << std::string(4096, 'x') << std::flush) continue;
+  return mount((small / "data").c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+bool make_read_only(const fs::path& folder) {
+  return mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+         mount(nullptr, folder.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
+TEST_F(SelfUpdate, CostsNoStartWhereItCannotBeWritten) {
+  if (geteuid() != 0) GTEST_SKIP() << "only the superuser mounts";
+  stage(before.at(entry) + "\n");
+  for (const auto& [limit, why] : {std::pair(&make_read_only, "a volume that is read-only."),
+                                   {&fill_disk, "free space and try again."}}) {
+    Launched started([&, limited = limit] {
+      const bool apart = unshare(CLONE_NEWNS) == 0 &&
+                         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+      if (!apart || !limited(paths.root)) return 99;
+      setenv("TAVRO_TEST_LAUNCHER", "who exit:7", 1);
+      return Launched::become(image, {}, {});
+    });
+    const auto said = started.rest();
+    EXPECT_THAT(said, AllOf(HasSubstr("A Tavro update waits: "), HasSubstr(why)));
+    EXPECT_EQ(started.status(), 7) << said;
+  }
+  works();
+  expect_settled(after);
 }
 
 }  // namespace tavro::self_update_test
