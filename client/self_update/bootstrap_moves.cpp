@@ -244,8 +244,9 @@ void BootstrapMoves::take_back(const Move& move, Undo undo) {
     native_files::remove_or_trash(move.target, {});
     return;
   }
-  // A folder that the update made in the place of a file; only an empty one can go.
-  if (is_directory_itself(move.target)) native_files::remove_or_trash(move.target, {});
+  // A folder for a file, or a file for a folder; of folders only an empty one can go.
+  if (is_directory_itself(move.target) != is_directory_itself(move.aside))
+    native_files::remove_or_trash(move.target, {});
   native_files::rename_replace(move.aside, move.target);
 }
 

@@ -225,6 +225,11 @@ TEST_F(BootstrapUpdate, EndsWithOneOfTheTwoWhereverRunsEnd) {
       copy_tree(fresh, paths.root);
       EXPECT_GT(end_everywhere(fault, settled, [&] { stage(); }), 90);
       EXPECT_GT(end_everywhere(fault, settled, [&] { apply(); }), 50);
+      // The same where a file can have only one name.
+      SystemCalls calls = system_calls();
+      calls.link = [](auto...) { return errno = EPERM, -1; };
+      const SystemCallScope without_links(calls);
+      EXPECT_GT(end_everywhere(fault, settled, [&] { apply(); }), 50);
     }
   }
   EXPECT_TRUE(marked);

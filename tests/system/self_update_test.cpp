@@ -57,10 +57,11 @@ class SelfUpdate : public Test {
   void restore() const {
     fs::remove_all(native);
     fs::copy(start, native, fs::copy_options::recursive | fs::copy_options::create_hard_links);
-    for (const auto& entry_below : fs::directory_iterator(start))
-      if (entry_below.is_regular_file())
-        fs::copy_file(entry_below, native / entry_below.path().filename(),
-                      fs::copy_options::overwrite_existing);
+    for (const auto& document : children(start)) {
+      if (!fs::is_regular_file(document)) continue;
+      fs::remove(native / document.filename());
+      fs::copy_file(document, native / document.filename());
+    }
   }
   Launched run(const Launched::Environment& environment = {}) const {
     return {image, "who exit:7", environment};
