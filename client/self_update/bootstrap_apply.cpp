@@ -113,10 +113,19 @@ class WaitingUpdate {
     return "build " + release_->build_id + " does not start on this machine";
   }
 
+  /// One that cannot be read does not tell which files are no longer needed.
+  void require_working_manifest() const {
+    try {
+      (void)working_bootstrap(paths_);
+    } catch (const Error& error) {
+      fail(error.code, path_utf8(paths_.manifest) + ": " + error.what() +
+                           branded("; repair Tavro by running its installer again"));
+    }
+  }
+
   void put_in_place() {
     try {
-      // A manifest that cannot be read does not tell which files are no longer needed.
-      (void)working_bootstrap(paths_);
+      require_working_manifest();
       moves_.put_in_place();
     } catch (const std::exception&) {
       moves_.undo(Undo::for_later);
@@ -127,7 +136,10 @@ class WaitingUpdate {
   /// Takes the update away. While a part of it cannot be moved back it keeps waiting, so that the
   /// next start goes on with that: without the record, the old files would count as leftovers.
   void give_up(const std::string& reason) {
-    if (!moves_.undo(Undo::for_good)) return;
+    require(moves_.undo(Undo::for_good), "file_write", [&] {
+      return reason + ", and its files in " + path_utf8(paths_.installed) +
+             " cannot all be moved back";
+    });
     moves_.synchronize();
     // First, to make room for the note. A run that ends here leaves a record without its files,
     // which the next start gives up as well.
