@@ -1,4 +1,4 @@
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 
 #include "documents/bitmap.h"
 #include "documents/documents.h"
