@@ -15,6 +15,7 @@
 #include "launcher/runtime_image.h"
 #include "launcher/start_marker.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/native_platform.h"
 #include "platform/process/interrupt.h"
@@ -165,9 +166,10 @@ void report_launcher_health(LauncherRuntime* runtime) {
 
 void confirm_launcher_start(const fs::path& root) noexcept {
   try {
-    fs::remove(start_marker(root));
-  } catch (const std::exception&) {
     // The marker of a launcher that is up only costs the next start a look at its tree.
+    native_files::remove_quietly(start_marker(root));
+  } catch (const std::exception&) {
+    // Memory ran out, or the folder's name is none: nothing is lost with the marker.
   }
 }
 

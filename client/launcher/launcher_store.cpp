@@ -52,8 +52,8 @@ fs::directory_iterator version_entries(const fs::path& folder) {
 
 fs::path ordinary_root(const fs::path& path) {
   const auto normal = fs::weakly_canonical(fs::absolute(path)).lexically_normal();
-  // Taken apart and joined again, so that a link that appeared meanwhile is refused.
-  return safe_join(normal.root_path(), path_utf8(normal.relative_path()), false);
+  require_unlinked(normal);
+  return normal;
 }
 
 LauncherStore::LauncherStore(const fs::path& root, bool staged_install)

@@ -43,10 +43,7 @@ const std::string& helper_path(const LauncherManifest& manifest, std::string_vie
 struct ReadyFile {
   const fs::path& path;
 
-  ~ReadyFile() {
-    std::error_code ignored;
-    fs::remove(path, ignored);
-  }
+  ~ReadyFile() { native_files::remove_quietly(path); }
 };
 
 /// A name that nobody can guess, so that nobody else can speak for the helper.

@@ -20,6 +20,7 @@
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
 #include "platform/files/managed_tree.h"
+#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/uninstall_entry.h"
 #include "setup/install_plan.h"
@@ -112,16 +113,14 @@ void stage(const DataPaths& paths, const NativePackage& package, const InstallPl
 /// anywhere, it is not taken for an installation, and a further run knows it for its own. The lock
 /// goes last, and the folder only if it is empty by then: another run may have entered.
 void discard_new_folder(const DataPaths& paths) {
-  std::error_code ignored;
-  fs::remove(paths.installation, ignored);
+  native_files::remove_quietly(paths.installation);
   bool emptied = true;
   for (const auto& entry : children(paths.root))
     if (entry != paths.native && entry != paths.incomplete_marker && entry != paths.setup_lock)
       emptied = remove_path_quietly(entry) && emptied;
   if (!emptied || !remove_path_quietly(paths.native)) return;
-  fs::remove(paths.incomplete_marker, ignored);
-  fs::remove(paths.setup_lock, ignored);
-  fs::remove(paths.root, ignored);
+  for (const auto& last : {paths.incomplete_marker, paths.setup_lock, paths.root})
+    native_files::remove_quietly(last);
 }
 
 /// Takes back what a failed install did to a folder that it found, unless the commit had begun.
@@ -129,10 +128,9 @@ void discard_new_folder(const DataPaths& paths) {
 void discard_additions(const DataPaths& paths) {
   remove_path_quietly(paths.staging);
   if (!is_absent(paths.incomplete_marker) || !is_absent(paths.installation)) return;
-  std::error_code ignored;
-  fs::remove(paths.bootstrap_lock, ignored);
+  native_files::remove_quietly(paths.bootstrap_lock);
   remove_path_quietly(paths.native);
-  fs::remove(paths.setup_lock, ignored);
+  native_files::remove_quietly(paths.setup_lock);
 }
 
 /// Best effort, so that the failure itself is what the caller hears of.

@@ -32,9 +32,8 @@ void remove_entry(const fs::path& path, const fs::path& trash, std::vector<fs::p
   if (is_directory_itself(path)) {
     for (const auto& child : children(path)) remove_entry(child, trash, deferred);
     // A directory may stay behind for an entry that could only be set aside.
-    std::error_code ignored;
     if (!deferred.empty()) {
-      fs::remove(path, ignored);
+      native_files::remove_quietly(path);
       return;
     }
   }
@@ -100,17 +99,16 @@ void remove_installation_record(const DataPaths& paths) {
 /// Without the marker the folder counts as removed, so that the removals must be durable first. The
 /// setup lock goes right before it: from then on another run may enter and set a marker of its own.
 void remove_locks_and_marker(const DataPaths& paths) {
-  std::error_code ignored;
-  fs::remove(paths.bootstrap_lock, ignored);
+  native_files::remove_quietly(paths.bootstrap_lock);
   sync_directory(paths.root);
-  fs::remove(paths.setup_lock, ignored);
+  native_files::remove_quietly(paths.setup_lock);
   clear_incomplete(paths);
 }
 
 /// The folder itself, if nothing of the player's is left in it; best effort.
 void remove_root(const fs::path& root, bool remove_data) {
   std::error_code ignored;
-  if (remove_data || fs::is_empty(root, ignored)) fs::remove(root, ignored);
+  if (remove_data || fs::is_empty(root, ignored)) native_files::remove_quietly(root);
 }
 
 DataPaths installed_paths(const fs::path& data_root) {

@@ -90,7 +90,7 @@ struct StartChannels {
 
 [[noreturn]] void report_failure(int start_channel) noexcept {
   const int error = errno;
-  retried([&] { return ::write(start_channel, &error, sizeof error); });
+  host::write_to_pipe(start_channel, &error, sizeof error);
   ::_exit(failed_start);
 }
 
@@ -102,6 +102,8 @@ struct StartChannels {
   const auto must = [report](bool done) noexcept {
     if (!done) report_failure(report);
   };
+  // What this process inherited itself may lack the mark.
+  host::close_on_exec_from(STDERR_FILENO + 1);
   must(launch.interrupt == nullptr || launch.interrupt->prepare_child());
   must(launch.group == ChildGroup::inherited || ::setpgid(0, 0) == 0);
   char signal = 0;

@@ -33,8 +33,8 @@ class ChildProcess {
  public:
   /// Starts `executable` in `directory`, both absolute and no links, and returns once the new image
   /// runs. `arguments` come after the executable's own name: at most 64, each of 4096 bytes, of
-  /// 32768 together. `environment` overrides what is inherited. Nothing that this client opened
-  /// passes to the child except the interrupt channel.
+  /// 32768 together. `environment` overrides what is inherited. Nothing that is open passes to
+  /// the child, also not what this process inherited, except the three streams and the channel.
   ///
   /// `started`, when set, gets the process number while the child is still held back: if it throws,
   /// no code of the image has run, and the exception passes on. `handles` belong to other systems
@@ -56,7 +56,8 @@ class ChildProcess {
   unsigned long long pid() const noexcept { return pid_; }
 
   /// The exit status once the child has ended, 128 plus the number of a signal that ended it; never
-  /// blocks. Throws `process_wait` when the system cannot tell.
+  /// blocks. Throws `process_wait` when the system cannot tell, as in a program that ignores
+  /// SIGCHLD: there no end is kept.
   std::optional<int> poll();
 
   /// Blocks, without a limit, until the child has ended. `cancelled`, which may be empty, is asked
