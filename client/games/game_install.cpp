@@ -97,7 +97,11 @@ bool GameInstall::has_sound_stage(const GameRelease& release) {
 }
 
 void GameInstall::stage(TufClient& tuf, const GameRelease& release) {
-  if (has_sound_stage(release)) return;
+  if (!has_sound_stage(release)) bring_in(tuf, release);
+  GameDownloads(writer_).forget();
+}
+
+void GameInstall::bring_in(TufClient& tuf, const GameRelease& release) {
   GameArchive archive(release.manifest, release.manifest_ref);
   archive.require_published(tuf);
   require_room(plan(release), release.manifest.game_id);

@@ -49,6 +49,7 @@ class GameInstall {
   void settle_ready(const GameVersion& version);
   void record_activation(const GameVersion& version);
   void finish_activation(const GameVersion& version);
+  void bring_in(TufClient& tuf, const GameRelease& release);
   bool has_sound_stage(const GameRelease& release);
 
   GameWriter& writer_;

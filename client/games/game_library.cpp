@@ -262,8 +262,11 @@ GameRepair GameLibrary::repair(std::string_view game_id, TufClient& tuf,
   GameWriter game = owner(game_id);
   const auto lease = game.lease(*game.record.active, LockMode::exclusive);
   const GameDifferences differences = verify(game_id, progress);
-  if (differences.is_sound()) return {};
-  return repair_game(game, tuf, differences, progress);
+  const GameRepair repair =
+      differences.is_sound() ? GameRepair() : repair_game(game, tuf, differences, progress);
+  // What a repair that was cut off fetched is of no use any more.
+  GameDownloads(game).forget();
+  return repair;
 }
 
 GameChange GameLibrary::roll_back(std::string_view game_id, const GameProgress& progress) const {

@@ -95,7 +95,6 @@ GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameDifferences
     for (const std::string& path : differences.to_repair) replacement.move(path);
     replacement.make_durable();
   });
-  GameDownloads(writer).forget();
   return replacement.done;
 }
 

@@ -54,6 +54,10 @@ Leased lease_active(const GameStore& store) {
 }
 
 fs::path proved_program(const GameManifest& manifest, const fs::path& folder) {
+  const auto place = posix_files::node_at(folder);
+  require(place && S_ISDIR(place->st_mode), "unsafe_path", [&] {
+    return "The folder of the game is missing or a link: " + path_utf8(folder);
+  });
   const fs::path program = safe_join(folder, manifest.executable, true);
   const PackageFile& declared = manifest.files.at(manifest.executable);
   const auto node = posix_files::node_at(program);

@@ -293,6 +293,7 @@ TEST_F(Games, LeavesAVersionFolderThatIsALink) {
     EXPECT_EQ(code_of(attempt), "unsafe_path");
   EXPECT_TRUE(fs::exists(world.data / "moved/data/level"));
   fs::remove(folder);
+  fs::remove_all(world.data / "moved");
   library.remove("space", PlayerData::kept);
   expect_clean();
 }
