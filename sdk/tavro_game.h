@@ -1,6 +1,7 @@
 /* How a game reports its session to the launcher that started it: one header, no library.
 
-   Include it wherever you call it; in exactly one source file, define TAVRO_GAME_IMPLEMENTATION first:
+   Include it wherever you call it; in exactly one source file, define TAVRO_GAME_IMPLEMENTATION
+   first:
 
        #define TAVRO_GAME_IMPLEMENTATION
        #include "tavro_game.h"
@@ -9,14 +10,13 @@
          tavro_game_begin();                                  // at once
          load_everything();
          tavro_game_ready();                                  // when the player can play
-         tavro_game_breadcrumb("level", "entered the cave");  // what a report of a crash should tell
-         run();
-         return tavro_game_end(0);                            // said goodbye: a clean exit
+         tavro_game_breadcrumb("level", "entered the cave");  // what a report of a crash should
+   tell run(); return tavro_game_end(0);                            // said goodbye: a clean exit
        }
 
-   Started by hand, without a launcher, all of this does nothing, and the game runs as it is. Each call
-   replaces a small file in one step; none waits for the disk. C99 or C++ on a POSIX system. Not for
-   several threads at once. */
+   Started by hand, without a launcher, all of this does nothing, and the game runs as it is. Each
+   call replaces a small file in one step; none waits for the disk. C99 or C++ on a POSIX system.
+   Not for several threads at once. */
 #ifndef TAVRO_GAME_H
 #define TAVRO_GAME_H
 
@@ -212,8 +212,7 @@ int tavro_game_ready(void) {
 }
 
 int tavro_game_breadcrumb(const char* category, const char* message) {
-  tavro_game_crumb* crumb =
-      &tavro_game_now.crumb[tavro_game_now.crumbs % TAVRO_GAME_BREADCRUMBS];
+  tavro_game_crumb* crumb = &tavro_game_now.crumb[tavro_game_now.crumbs % TAVRO_GAME_BREADCRUMBS];
   tavro_game_copy(crumb->category, TAVRO_GAME_CATEGORY_BYTES, category);
   tavro_game_copy(crumb->message, TAVRO_GAME_MESSAGE_BYTES, message);
   ++tavro_game_now.crumbs;

@@ -18,8 +18,7 @@ constexpr int byte_bits = 8;
 template <typename Bytes>
 void put_number(Bytes& bytes, std::size_t offset, std::uint64_t number) {
   for (std::size_t i = 0; i < sizeof number; ++i)
-    bytes[offset + i] =
-        static_cast<typename Bytes::value_type>((number >> (byte_bits * i)) & 0xFF);
+    bytes[offset + i] = static_cast<typename Bytes::value_type>((number >> (byte_bits * i)) & 0xFF);
 }
 
 std::uint64_t number_at(std::string_view bytes, std::size_t offset) {
@@ -32,8 +31,8 @@ std::uint64_t number_at(std::string_view bytes, std::size_t offset) {
 }  // namespace
 
 EncryptedHead EncryptedHead::parse(std::string_view bytes) {
-  require(bytes.size() == kEncryptedHeaderBytes && number_at(bytes, chunk_offset) ==
-                                                       kEncryptedChunkBytes,
+  require(bytes.size() == kEncryptedHeaderBytes &&
+              number_at(bytes, chunk_offset) == kEncryptedChunkBytes,
           "encrypted_format", "The encrypted archive has no known head");
   EncryptedHead head;
   head.archive_length = number_at(bytes, length_offset);

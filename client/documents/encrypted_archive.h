@@ -21,8 +21,8 @@ namespace tavro {
 ///     80   4  the beginning of each nonce, random
 ///     84  12  zeros
 ///
-/// The nonce of a record is that beginning and the chunk's number from 0, 8 bytes little-endian; the
-/// associated data is the whole head, so that no record opens under another head or at another
+/// The nonce of a record is that beginning and the chunk's number from 0, 8 bytes little-endian;
+/// the associated data is the whole head, so that no record opens under another head or at another
 /// place, and no shorter archive passes.
 struct EncryptedHead {
   std::uint64_t archive_length = 0;

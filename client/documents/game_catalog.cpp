@@ -18,7 +18,8 @@ constexpr std::uint64_t max_download = chunked_archive_length(kMaxSnapshotBytes)
 
 std::uint64_t bounded_length(const json& value, std::uint64_t most) {
   const std::uint64_t length = size_value(value);
-  require(length >= 1 && length <= most, invalid, "A length of the game catalogue is out of bounds");
+  require(length >= 1 && length <= most, invalid,
+          "A length of the game catalogue is out of bounds");
   return length;
 }
 
@@ -31,9 +32,8 @@ CatalogBuild read_build(const json& value, const std::string& expected_target) {
   require(build.installed_length <= kMaxSnapshotBytes, invalid,
           "A length of the game catalogue is out of bounds");
   const json& manifest = value.at("manifest");
-  require(has_text(manifest, "target", expected_target), invalid, [&] {
-    return "The game catalogue names another manifest than " + expected_target;
-  });
+  require(has_text(manifest, "target", expected_target), invalid,
+          [&] { return "The game catalogue names another manifest than " + expected_target; });
   build.manifest_sha256 = sha256(manifest.at("sha256"));
   build.manifest_length = bounded_length(manifest.at("length"), kMaxGameManifestBytes);
   return build;
@@ -122,9 +122,8 @@ json GameCatalog::to_json() const {
                          {{"target", game_manifest_target(id, platform, name)},
                           {"sha256", build.manifest_sha256},
                           {"length", build.manifest_length}}}};
-    listed.push_back({{"game_id", id},
-                      {"display_name", game.display_name},
-                      {"channels", std::move(channels)}});
+    listed.push_back(
+        {{"game_id", id}, {"display_name", game.display_name}, {"channels", std::move(channels)}});
   }
   return {{"schema_version", 1},
           {"kind", catalog_kind},

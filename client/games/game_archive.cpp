@@ -100,7 +100,8 @@ class EncryptedSource {
   std::uint64_t number_ = 0;
 };
 
-/// Runs the decoder, through which only the text of a failure passes, and raises the failure itself.
+/// Runs the decoder, through which only the text of a failure passes, and raises the failure
+/// itself.
 template <typename Source, typename Work>
 void with_own_failures(Source&& source, Work&& work) {
   std::exception_ptr own;
@@ -164,8 +165,7 @@ void GameArchive::extract(const SnapshotManifest& part, const ReservedTree& tree
     return;
   }
   const UniqueFd file = open_archive(archive_file_);
-  extract_from(
-      [&](char* buffer, std::size_t size) { return read_block(file, buffer, size); });
+  extract_from([&](char* buffer, std::size_t size) { return read_block(file, buffer, size); });
 }
 
 }  // namespace tavro

@@ -26,9 +26,9 @@ class GameArchive {
   /// Brings archive and key in.
   void fetch(TufClient& tuf, GameDownloads& downloads, const GameProgress& progress);
 
-  /// Writes the files of `part` into its reserved tree, straight from the fetched file: an encrypted
-  /// archive is opened chunk by chunk, and lies nowhere in clear. Throws `key_mismatch` for a key
-  /// that does not open it, `encrypted_format`, and as `extract_snapshot_part`.
+  /// Writes the files of `part` into its reserved tree, straight from the fetched file: an
+  /// encrypted archive is opened chunk by chunk, and lies nowhere in clear. Throws `key_mismatch`
+  /// for a key that does not open it, `encrypted_format`, and as `extract_snapshot_part`.
   void extract(const SnapshotManifest& part, const ReservedTree& tree,
                const GameProgress& progress) const;
 

@@ -38,8 +38,7 @@ json proved(const json& document) {
           "The record of this game's downloads has another schema; it was kept");
   return read_fields("invalid_state", "The record of this game's downloads is malformed", [&] {
     const json& entries = document.at("downloads");
-    require(has_text(document, "kind", kind) && entries.is_array() &&
-                entries.size() <= max_entries,
+    require(has_text(document, "kind", kind) && entries.is_array() && entries.size() <= max_entries,
             "invalid_state", "The record of this game's downloads is malformed");
     for (const json& entry : entries) {
       // Both are removed by these names.
@@ -72,11 +71,10 @@ void require_authorized(const json& description, const GameTarget& target) {
 void require_room(const fs::path& directory, unsigned long long bytes) {
   const StorageVolume volume = inspect_storage_volume(directory);
   // A volume in memory without a bound tells no capacity.
-  require(volume.capacity_bytes == 0 || bytes <= volume.available_bytes, "insufficient_space",
-          [&] {
-            return "The download needs " + std::to_string(bytes - volume.available_bytes) +
-                   " more bytes at " + path_utf8(directory) + "; free space first";
-          });
+  require(volume.capacity_bytes == 0 || bytes <= volume.available_bytes, "insufficient_space", [&] {
+    return "The download needs " + std::to_string(bytes - volume.available_bytes) +
+           " more bytes at " + path_utf8(directory) + "; free space first";
+  });
 }
 
 }  // namespace
@@ -101,8 +99,9 @@ fs::path GameDownloads::fetch(TufClient& tuf, const GameTarget& target,
   options.resume_scope =
       canonical_json({{"kind", kind}, {"target", target.path}, {"reference", manifest_ref}});
   options.admission = [&](const DownloadAdmission& state) {
-    if (!state.complete) require_room(directory, target.length - std::min<unsigned long long>(
-                                                     target.length, state.allocated));
+    if (!state.complete)
+      require_room(directory,
+                   target.length - std::min<unsigned long long>(target.length, state.allocated));
   };
   const Progress counted = [&](auto done, auto total) {
     return !progress || progress(phase, done, total);
@@ -172,8 +171,8 @@ void GameDownloads::remove_files(const json& entry) const {
   std::error_code ignored;
   if (!fs::is_directory(folder, ignored)) return;
   std::vector<fs::path> dead;
-  for (const std::string& name : {text_member(entry, "temporary"), record,
-                                  std::string(text_member(entry, "target"))})
+  for (const std::string& name :
+       {text_member(entry, "temporary"), record, std::string(text_member(entry, "target"))})
     dead.push_back(safe_join(directory, name, true));
   std::size_t entries = 0;
   const std::string record_name = path_utf8(fs::path(record).filename());

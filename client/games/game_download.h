@@ -18,9 +18,9 @@ struct GameTarget {
   std::string sha256;
 };
 
-/// The downloads of one game. A document of the game names each file before its first byte is taken,
-/// so that whatever a crash leaves in the folder can be gone on with, or taken away again. An archive
-/// of a game may be larger than what the receipts of the launcher's own downloads admit.
+/// The downloads of one game. A document of the game names each file before its first byte is
+/// taken, so that whatever a crash leaves in the folder can be gone on with, or taken away again.
+/// An archive of a game may be larger than what the receipts of the launcher's own downloads admit.
 class GameDownloads {
  public:
   /// The writer must outlive this object.
@@ -30,8 +30,8 @@ class GameDownloads {
   /// gone on with. `phase` names the progress. `manifest_ref` binds a partial file to one release.
   ///
   /// Throws `content_mismatch` when the repository signs something else under this path than the
-  /// release says, `insufficient_space`, `download_ownership` (a partial file that nobody recorded),
-  /// `cancelled`, and what the client throws.
+  /// release says, `insufficient_space`, `download_ownership` (a partial file that nobody
+  /// recorded), `cancelled`, and what the client throws.
   std::filesystem::path fetch(TufClient& tuf, const GameTarget& target,
                               const std::string& manifest_ref, const GameProgress& progress,
                               std::string_view phase);

@@ -114,7 +114,8 @@ void GameInstall::bring_in(TufClient& tuf, const GameRelease& release) {
     GameDownloads downloads(writer_);
     archive.fetch(tuf, downloads, progress_);
     archive.extract(release.manifest, tree, progress_);
-    const json ready = make_install_ready(release.manifest, version.to_json(), paths.versions, tree);
+    const json ready =
+        make_install_ready(release.manifest, version.to_json(), paths.versions, tree);
     atomic_write(paths.ready, ready.dump());
   });
 }

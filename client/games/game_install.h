@@ -11,8 +11,8 @@
 namespace tavro {
 
 /// How a build comes to stand in a data folder, step by step, for the one writer of the game. A
-/// preparation document goes before the tree, a readiness document before its use; each step that was
-/// cut off is completed or taken back by `settle`, which goes before everything else.
+/// preparation document goes before the tree, a readiness document before its use; each step that
+/// was cut off is completed or taken back by `settle`, which goes before everything else.
 class GameInstall {
  public:
   GameInstall(GameWriter& writer, const GameProgress& progress)

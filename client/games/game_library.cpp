@@ -45,7 +45,8 @@ std::vector<std::string> foreign_versions(const GameStore& store, const GameReco
   return foreign;
 }
 
-/// A build that runs stays the active one until it has ended. While the lease is held nothing starts.
+/// A build that runs stays the active one until it has ended. While the lease is held nothing
+/// starts.
 bool take_from_starts(const GameWriter& game, std::unique_ptr<FileLock>& lease) {
   if (!game.record.active) return true;
   try {
@@ -99,9 +100,8 @@ std::vector<GameStatus> GameLibrary::list() const {
       games.push_back(std::move(unread));
     }
   }
-  std::sort(games.begin(), games.end(), [](const auto& left, const auto& right) {
-    return left.game_id < right.game_id;
-  });
+  std::sort(games.begin(), games.end(),
+            [](const auto& left, const auto& right) { return left.game_id < right.game_id; });
   return games;
 }
 
@@ -130,8 +130,7 @@ GameCatalog GameLibrary::available(TufClient& tuf) const {
 }
 
 GameRelease GameLibrary::release(std::string_view game_id, TufClient& tuf,
-                                 const GameRequest& request,
-                                 const std::string& own_channel) const {
+                                 const GameRequest& request, const std::string& own_channel) const {
   GameOffers offers(root_, tuf);
   const std::string id(game_id);
   if (!request.manifest_sha256.empty()) {
@@ -236,8 +235,8 @@ GameChange GameLibrary::finish_update(std::string_view game_id,
   std::unique_ptr<FileLock> lease;
   if (game.record.active) lease = game.lease(*game.record.active, LockMode::exclusive);
   const GameManifest manifest = game.manifest(*staged);
-  const auto differences = compare_game_files(
-      manifest, game.paths().staged(staged->version), in_phase(progress, "verifying"));
+  const auto differences = compare_game_files(manifest, game.paths().staged(staged->version),
+                                              in_phase(progress, "verifying"));
   require(differences.is_sound(), "content_mismatch",
           "The staged build was changed; discard it and update again");
   work.activate();

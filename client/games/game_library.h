@@ -67,13 +67,14 @@ struct GameUpdate {
   GamePlan plan;
 };
 
-/// The games of one data folder: what a launcher's pages and commands are made of. One writer a game
-/// at a time: `busy`. Each operation completes first what an earlier one left when it was cut off, and
-/// none touches saves and state of a player but `remove` with `PlayerData::removed`. Belongs to one
-/// thread; other processes may use the same folder meanwhile.
+/// The games of one data folder: what a launcher's pages and commands are made of. One writer a
+/// game at a time: `busy`. Each operation completes first what an earlier one left when it was cut
+/// off, and none touches saves and state of a player but `remove` with `PlayerData::removed`.
+/// Belongs to one thread; other processes may use the same folder meanwhile.
 ///
-/// All operations throw `invalid_identity` for what is no identifier, and the codes of the record and
-/// of the stored manifest (see game_store.h); those that change a game also those of game_install.h.
+/// All operations throw `invalid_identity` for what is no identifier, and the codes of the record
+/// and of the stored manifest (see game_store.h); those that change a game also those of
+/// game_install.h.
 class GameLibrary {
  public:
   /// Touches nothing. Throws `unsafe_path` and `native_install_incomplete`.

@@ -28,8 +28,8 @@ std::string last_part(std::string text) {
 
 GameOutput::GameOutput(std::filesystem::path path)
     : path_(std::move(path)),
-      file_(posix_files::open(
-          path_, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600)) {
+      file_(posix_files::open(path_, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
+                              0600)) {
   require(file_ && leave_standard_streams(file_) && close_on_exec(file_), "file_write",
           [&] { return "Cannot create the output file of the game: " + path_utf8(path_); });
 }
@@ -48,7 +48,8 @@ std::string GameOutput::keep() {
   return end;
 }
 
-/// The file may grow meanwhile, and what cannot be read is not worth the report of how a game ended.
+/// The file may grow meanwhile, and what cannot be read is not worth the report of how a game
+/// ended.
 std::string GameOutput::end_of_file() const {
   const auto node = posix_files::node_of(file_.get());
   if (!node) return {};

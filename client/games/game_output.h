@@ -7,8 +7,8 @@
 
 namespace tavro {
 
-/// Where a game's output and errors go: a file, which takes them also when nobody reads on, and which
-/// is cut now and then so that a game that talks without end does not fill the disk.
+/// Where a game's output and errors go: a file, which takes them also when nobody reads on, and
+/// which is cut now and then so that a game that talks without end does not fill the disk.
 class GameOutput {
  public:
   /// Creates the file. Throws `file_write`.
@@ -20,7 +20,8 @@ class GameOutput {
   /// Sets all but the end aside once the file holds more than a mebibyte. What is written at that
   /// very moment may be lost.
   void trim();
-  /// The end of all output, at most `kGameOutputBytes`, which from now on is all that the file holds.
+  /// The end of all output, at most `kGameOutputBytes`, which from now on is all that the file
+  /// holds.
   std::string keep();
 
  private:

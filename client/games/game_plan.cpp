@@ -31,8 +31,8 @@ GamePlan plan_game_files(const GameManifest& manifest, const SnapshotManifest& p
       plan_install_storage(planned, volume, false, archive_on_disk, archive_on_disk != 0);
   const json& budget = plan.storage.at("volume");
   plan.build_id = manifest.build_id;
-  plan.fetch_bytes = game_download_length(manifest) -
-                     std::min<std::uint64_t>(archive_on_disk, archive.length);
+  plan.fetch_bytes =
+      game_download_length(manifest) - std::min<std::uint64_t>(archive_on_disk, archive.length);
   plan.installed_bytes = part.expanded_length;
   plan.peak_bytes = number(budget, "additional_bytes");
   plan.peak_entries = number(budget, "additional_file_entries");

@@ -27,8 +27,8 @@ struct GamePlan {
   json storage;
 };
 
-/// The plan of `part`, which has its files from `manifest`, as its archive is fetched and as much of
-/// that is on disk. Throws what `plan_install_storage` throws.
+/// The plan of `part`, which has its files from `manifest`, as its archive is fetched and as much
+/// of that is on disk. Throws what `plan_install_storage` throws.
 GamePlan plan_game_files(const GameManifest& manifest, const SnapshotManifest& part,
                          const GameTarget& archive, unsigned long long archive_on_disk,
                          const std::filesystem::path& directory);

@@ -65,7 +65,7 @@ std::string_view outcome_name(GameOutcome outcome);
 struct GameStartSeen {
   std::string session_id;
   std::string build_id;
-  /// Seconds since 1970.
+  /// Milliseconds since 1970.
   std::uint64_t started = 0;
   std::uint64_t ended = 0;
   GameOutcome outcome = GameOutcome::unknown;

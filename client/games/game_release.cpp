@@ -45,8 +45,8 @@ void drop_partial_files(const fs::path& folder, const std::string& final_name) {
 GameOffers::GameOffers(fs::path data_root, TufClient& tuf)
     : cache_(std::move(data_root) / "game-offers"), tuf_(tuf) {}
 
-std::string GameOffers::fetch(const std::string& target, std::size_t most,
-                              std::string_view missing, const std::string& meaning, bool keep) {
+std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
+                              const std::string& meaning, bool keep) {
   json description;
   try {
     description = tuf_.target(target);
@@ -55,7 +55,8 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most,
     fail(missing, meaning);
   }
   const auto bytes = length(description);
-  require(bytes <= most, "size_limit", [&] { return "The repository's file is too large: " + target; });
+  require(bytes <= most, "size_limit",
+          [&] { return "The repository's file is too large: " + target; });
   private_directory(cache_);
   const FileLock lock(cache_ / "offers.lock", false, LockMode::exclusive);
   const fs::path file = safe_join(cache_, target, true);
@@ -91,7 +92,9 @@ GameRelease GameOffers::release(const std::string& game_id, const std::string& n
   require(!is_lower_hex(name, digest_characters) || digest(text, "sha256") == name,
           "content_mismatch", "The repository's manifest is not that of the build asked for");
   GameRelease release{GameManifest::parse(parse_json(text, kMaxGameManifestBytes)),
-                      {}, digest(text, "sha256"), target};
+                      {},
+                      digest(text, "sha256"),
+                      target};
   require(release.manifest.game_id == game_id, "content_mismatch",
           "The repository's manifest is that of another game");
   require(release.manifest.platform == platform, "platform_mismatch",

@@ -13,7 +13,8 @@ namespace tavro {
 
 class TufClient;
 
-/// A release as the repository offers it, proved to be of the game and platform that were asked for.
+/// A release as the repository offers it, proved to be of the game and platform that were asked
+/// for.
 struct GameRelease {
   GameManifest manifest;
   /// By which it is stored.
@@ -47,8 +48,8 @@ class GameOffers {
   TufClient& tuf_;
 };
 
-/// Throws `catalog_mismatch` unless the catalogue tells the truth of the newest release of a channel,
-/// as far as it lists it.
+/// Throws `catalog_mismatch` unless the catalogue tells the truth of the newest release of a
+/// channel, as far as it lists it.
 void require_as_listed(const GameCatalog& catalog, std::string_view channel,
                        const GameRelease& release);
 

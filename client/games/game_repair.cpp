@@ -62,7 +62,8 @@ class Replacement {
     for (auto end = relative.find('/'); end != relative.npos; end = relative.find('/', end + 1)) {
       const std::string folder = relative.substr(0, end);
       const auto node = posix_files::node_at(to_ / folder);
-      if (node && !S_ISDIR(node->st_mode)) done.set_aside.push_back(set_aside(to_ / folder, folder));
+      if (node && !S_ISDIR(node->st_mode))
+        done.set_aside.push_back(set_aside(to_ / folder, folder));
       private_directory(to_ / folder);
     }
   }

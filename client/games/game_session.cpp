@@ -55,9 +55,8 @@ Leased lease_active(const GameStore& store) {
 
 fs::path proved_program(const GameManifest& manifest, const fs::path& folder) {
   const auto place = posix_files::node_at(folder);
-  require(place && S_ISDIR(place->st_mode), "unsafe_path", [&] {
-    return "The folder of the game is missing or a link: " + path_utf8(folder);
-  });
+  require(place && S_ISDIR(place->st_mode), "unsafe_path",
+          [&] { return "The folder of the game is missing or a link: " + path_utf8(folder); });
   const fs::path program = safe_join(folder, manifest.executable, true);
   const PackageFile& declared = manifest.files.at(manifest.executable);
   const auto node = posix_files::node_at(program);
@@ -83,6 +82,11 @@ std::optional<GameStartSeen> read_seen(const fs::path& path) {
     // What cannot be read tells nothing of a start, and stays.
     return std::nullopt;
   }
+}
+
+std::uint64_t now_in_milliseconds() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<milliseconds>(now).count());
 }
 
 struct SeenSession {
@@ -159,7 +163,7 @@ struct GameSession::Impl {
     output.emplace(folder / "output.log");
     report.seen.session_id = id;
     report.seen.build_id = leased.version.build_id;
-    report.seen.started = game_clock();
+    report.seen.started = now_in_milliseconds();
     // Before any code of the game runs, so that no start goes unseen.
     const auto note = [&](unsigned long long) {
       atomic_write(folder / start_name, result_document(report.seen).dump());
@@ -201,7 +205,7 @@ struct GameSession::Impl {
 
   void end(int status) {
     report.seen.status = status;
-    report.seen.ended = game_clock();
+    report.seen.ended = now_in_milliseconds();
     report.seen.outcome = outcome_of(report, sdk_required, goodbye);
     report.output = output->keep();
     atomic_write(folder / result_name, result_document(report.seen).dump());

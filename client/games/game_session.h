@@ -38,8 +38,8 @@ struct GameReport {
   std::string output;
 };
 
-/// One run of a game: its process, the lease of its build, and what it reports. Destroying the object
-/// leaves a running game running, and its end unseen. Belongs to one thread.
+/// One run of a game: its process, the lease of its build, and what it reports. Destroying the
+/// object leaves a running game running, and its end unseen. Belongs to one thread.
 class GameSession {
  public:
   /// Starts the active build with these arguments. Throws `not_installed`, `content_mismatch` (the

@@ -26,8 +26,7 @@ constexpr std::size_t manifest_folder_entries = 65536;
 
 /// The same failure, with the file that it is about.
 [[noreturn]] void fail_about(const Error& error, const fs::path& path) {
-  throw Error(error.code, std::string(error.what()) + ": " + path_utf8(path),
-              error.next_commands);
+  throw Error(error.code, std::string(error.what()) + ": " + path_utf8(path), error.next_commands);
 }
 
 /// A lock whose failure reads as what it means here.
@@ -201,7 +200,8 @@ void GameWriter::sweep(bool must) {
 
 void GameWriter::retire(const GameVersion& version) {
   const auto held = lease(version, LockMode::exclusive);
-  // Without a manifest an earlier call got this far, and what still stands there is somebody else's.
+  // Without a manifest an earlier call got this far, and what still stands there is somebody
+  // else's.
   if (bears_name(paths().version(version.version)) &&
       bears_name(paths().manifest(version.manifest_ref)))
     retire_snapshot_files(manifest(version), paths().version(version.version));

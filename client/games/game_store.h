@@ -16,8 +16,8 @@ namespace tavro {
 
 /// Told where a long work stands; false stops it at a safe boundary with `cancelled`. `done` and
 /// `total` count the bytes of the phase. May be empty.
-using GameProgress = std::function<bool(std::string_view phase, unsigned long long done,
-                                        unsigned long long total)>;
+using GameProgress =
+    std::function<bool(std::string_view phase, unsigned long long done, unsigned long long total)>;
 
 /// One game in a data folder, for reading. Nothing is kept in memory, created or changed.
 class GameStore {

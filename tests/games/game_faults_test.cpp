@@ -21,7 +21,8 @@ const std::vector<Operation>& operations() {
     world.library().update(world.game, world.tuf(), {.channel = "stable"});
   };
   static const std::vector<Operation> all = {
-      {"install", [](GameWorld&) {}, installed, [](GameWorld& world) { return world.stands("two"); }},
+      {"install", [](GameWorld&) {}, installed,
+       [](GameWorld& world) { return world.stands("two"); }},
       {"update",
        [](GameWorld& world) {
          world.library().install(world.game, world.tuf(), {.channel = "old"});
@@ -49,12 +50,10 @@ const std::vector<Operation>& operations() {
       {"preload", [](GameWorld&) {},
        [](GameWorld& world) { world.library().preload(world.game, world.tuf(), {}); },
        [](GameWorld& world) { return world.record().preload->build_id == "two"; }},
-      {"activate",
-       [](GameWorld& world) { world.library().preload(world.game, world.tuf(), {}); },
+      {"activate", [](GameWorld& world) { world.library().preload(world.game, world.tuf(), {}); },
        [](GameWorld& world) { world.library().finish_update(world.game, {}); },
        [](GameWorld& world) { return world.stands("two"); }},
-      {"discard",
-       [](GameWorld& world) { world.library().preload(world.game, world.tuf(), {}); },
+      {"discard", [](GameWorld& world) { world.library().preload(world.game, world.tuf(), {}); },
        [](GameWorld& world) { world.library().discard(world.game); },
        [](GameWorld& world) { return !fs::exists(world.paths().record); }},
       {"remove", both,

@@ -162,8 +162,8 @@ TEST_F(Games, LiesOpenOnlyWhereItIsInstalled) {
   GameRequest request;
   request.progress = [&](auto, auto, auto) {
     for (const auto& [path, content] : tree_content(world.data))
-      EXPECT_FALSE(content.size() >= archive.size() && content.find(archive.substr(0, 64)) !=
-                                                           std::string::npos)
+      EXPECT_FALSE(content.size() >= archive.size() &&
+                   content.find(archive.substr(0, 64)) != std::string::npos)
           << path;
     return true;
   };
@@ -186,8 +186,7 @@ TEST_F(Games, RefusesWhatIsNotTheGameAskedFor) {
   const std::string other = digest("x", "sha256");
   const std::vector<Row> rows = {
       {"another game", "content_mismatch", [](json& m) { m["game_id"] = "other"; }},
-      {"another platform", "platform_mismatch",
-       [](json& m) { m["platform"] = "windows-x86_64"; }},
+      {"another platform", "platform_mismatch", [](json& m) { m["platform"] = "windows-x86_64"; }},
       {"no manifest", "unsupported_schema", [](json& m) { m = json::array(); }},
       {"another archive than signed", "content_mismatch",
        [&](json& m) { m["encrypted"]["artifact"]["sha256"] = other; }},
@@ -286,8 +285,7 @@ TEST_F(Games, LeavesAVersionFolderThatIsALink) {
   fs::rename(folder, world.data / "moved");
   fs::create_directory_symlink(world.data / "moved", folder);
   for (const auto& attempt : std::vector<std::function<void()>>{
-           [&] { library.verify("space", {}); },
-           [&] { library.repair("space", world.tuf(), {}); },
+           [&] { library.verify("space", {}); }, [&] { library.repair("space", world.tuf(), {}); },
            [&] { library.launch("space", {}); },
            [&] { library.remove("space", PlayerData::kept); }})
     EXPECT_EQ(code_of(attempt), "unsafe_path");

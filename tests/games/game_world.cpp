@@ -90,9 +90,12 @@ GameWorld::GameWorld() {
 json GameWorld::manifest_of_build(const Build& build) {
   const std::string archive = zstd_of(tar_of(build.files));
   const std::string target = "game-" + game + "-" + build.id + ".tar.zst";
-  json manifest = {{"schema_version", 1},         {"minimum_launcher", 1},
-                   {"game_id", game},             {"display_name", "Space"},
-                   {"build_id", build.id},        {"platform", native_platform()},
+  json manifest = {{"schema_version", 1},
+                   {"minimum_launcher", 1},
+                   {"game_id", game},
+                   {"display_name", "Space"},
+                   {"build_id", build.id},
+                   {"platform", native_platform()},
                    {"executable", build.files[0].path},
                    {"archive", described(target, archive)}};
   manifest["archive"]["format"] = kSnapshotFormat;

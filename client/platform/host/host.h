@@ -72,6 +72,10 @@ int exchange_names(int left_directory, const char* left, int right_directory,
 int open_pipe(int (&ends)[2]) noexcept;
 int open_socket_pair(int (&ends)[2]) noexcept;
 
+/// Makes every descriptor from `first` on close-on-exec, also those that this process was itself
+/// started with. Safe between fork and exec. False with `errno` set.
+bool close_on_exec_from(int first) noexcept;
+
 /// Sends on a stream socket without a signal when nobody can receive: that is `EPIPE`. Bytes sent,
 /// or -1 with `errno` set.
 long send_without_signal(int socket, const void* bytes, std::size_t size) noexcept;

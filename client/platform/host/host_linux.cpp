@@ -4,6 +4,7 @@
 #include <linux/fs.h>
 #include <linux/posix_acl.h>
 #include <linux/posix_acl_xattr.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -148,6 +149,18 @@ int open_pipe(int (&ends)[2]) noexcept { return ::pipe2(ends, O_CLOEXEC); }
 
 int open_socket_pair(int (&ends)[2]) noexcept {
   return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+}
+
+bool close_on_exec_from(int first) noexcept {
+  if (::close_range(static_cast<unsigned>(first), ~0U, CLOSE_RANGE_CLOEXEC) == 0) return true;
+  // An older kernel: one by one, as far as there can be any.
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+  constexpr rlim_t most = 1048576;
+  const auto end = static_cast<int>(std::min(limit.rlim_cur, most));
+  for (int descriptor = first; descriptor < end; ++descriptor)
+    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  return true;
 }
 
 long send_without_signal(int socket, const void* bytes, std::size_t size) noexcept {

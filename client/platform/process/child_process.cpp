@@ -112,11 +112,11 @@ struct StartChannels {
   if (!activated) ::_exit(failed_start);
   must(retried([&] { return ::chdir(launch.directory); }) == 0);
   must(retried([&] { return ::dup2(channels.input.get(), STDIN_FILENO); }) >= 0);
-  if (launch.output >= 0)
-    must(retried([&] { return ::dup2(launch.output, STDERR_FILENO); }) >= 0);
+  if (launch.output >= 0) must(retried([&] { return ::dup2(launch.output, STDERR_FILENO); }) >= 0);
   if (launch.output >= 0 || launch.streams == ChildStreams::output_to_errors)
     must(retried([] { return ::dup2(STDERR_FILENO, STDOUT_FILENO); }) >= 0);
   channels.input.reset();
+  must(launch.output < 0 || host::close_on_exec_from(STDERR_FILENO + 1));
   retried([&] { return ::execve(launch.executable, launch.arguments, launch.environment); });
   report_failure(report);
 }
@@ -175,9 +175,14 @@ ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::st
                         interrupt_->child_environment());
   const auto argv = image_vector(words);
   const auto envp = image_vector(variables);
-  const Launch launch = {executable.c_str(), directory.c_str(), argv.data(),
-                         envp.data(),        streams,           group,
-                         interrupt_.get(),   output};
+  const Launch launch = {executable.c_str(),
+                         directory.c_str(),
+                         argv.data(),
+                         envp.data(),
+                         streams,
+                         group,
+                         interrupt_.get(),
+                         output};
   StartChannels channels;
   const pid_t child = ::fork();
   if (child == 0) become_image(launch, channels);

@@ -39,7 +39,8 @@ class ChildProcess {
   /// `started`, when set, gets the process number while the child is still held back: if it throws,
   /// no code of the image has run, and the exception passes on. `handles` belong to other systems
   /// and must be empty here. `output`, unless it is -1, is a descriptor of the caller's that both
-  /// output and errors of the child go to, whatever `streams` says.
+  /// output and errors of the child go to, whatever `streams` says; such a child gets no other
+  /// descriptor but its input, not even one that this process inherited itself.
   ///
   /// Throws with nothing left running: `launch_handles`, `launch_executable`, `launch_directory`,
   /// `argument_limit`, `argument_encoding`, `process_control` (an environment that names the
