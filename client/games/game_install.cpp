@@ -39,13 +39,21 @@ std::optional<GameVersion> GameInstall::staged() const {
 }
 
 void GameInstall::settle() {
+  try {
+    settle_documents();
+  } catch (const Error& error) {
+    fail_about(error, writer_.paths().staging);
+  }
+  writer_.sweep(false);
+}
+
+void GameInstall::settle_documents() {
   const json preparation = writer_.document(writer_.paths().preparation);
   const auto version = staged();
   // That of the staged build itself only waits to be dropped; a repair beside it has its own.
   if (!preparation.is_null() && (!version || version_of(preparation) != *version))
     settle_preparation(preparation);
   if (version) settle_ready(*version);
-  writer_.sweep(false);
 }
 
 void GameInstall::settle_preparation(const json& preparation) {

@@ -45,6 +45,7 @@ class GameInstall {
                  const SnapshotManifest& part, const std::function<void(ReservedTree&)>& use);
 
  private:
+  void settle_documents();
   void settle_preparation(const json& preparation);
   void settle_ready(const GameVersion& version);
   void record_activation(const GameVersion& version);

@@ -113,6 +113,14 @@ std::vector<SeenSession> seen_sessions(const GameStore& store) {
   return sessions;
 }
 
+bool runs_any_build(const GameWriter& writer) {
+  std::vector<GameVersion> builds = writer.record.retired;
+  for (const auto& build : {writer.record.active, writer.record.previous})
+    if (build) builds.push_back(*build);
+  return std::any_of(builds.begin(), builds.end(),
+                     [&](const GameVersion& build) { return writer.is_running(build); });
+}
+
 GameOutcome outcome_of(const GameReport& report, bool sdk_required, bool goodbye) {
   const bool signalled = report.seen.status > signal_statuses;
   if (sdk_required && !report.seen.ready_seen) return GameOutcome::never_ready;
@@ -264,7 +272,11 @@ void settle_game_sessions(GameWriter& writer) {
   auto sessions = seen_sessions(writer);
   if (sessions.empty()) return;
   writer.record.last_start = sessions.back().seen;
-  std::erase_if(sessions, [](const SeenSession& session) { return !session.ended; });
+  // One whose observer went away never ends on paper; when nothing runs, it has ended all the same.
+  const bool something_runs = std::any_of(sessions.begin(), sessions.end(),
+                                          [](const auto& session) { return !session.ended; }) &&
+                              runs_any_build(writer);
+  std::erase_if(sessions, [&](const auto& session) { return !session.ended && something_runs; });
   const std::size_t old = sessions.size() - std::min(sessions.size(), kept_sessions);
   for (std::size_t i = 0; i < old; ++i) remove_plain_tree(sessions[i].folder);
 }

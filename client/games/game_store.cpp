@@ -4,6 +4,7 @@
 
 #include <array>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include "documents/game_catalog.h"
@@ -23,11 +24,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t manifest_folder_entries = 65536;
-
-/// The same failure, with the file that it is about.
-[[noreturn]] void fail_about(const Error& error, const fs::path& path) {
-  throw Error(error.code, std::string(error.what()) + ": " + path_utf8(path), error.next_commands);
-}
+constexpr int lease_attempts = 10;
+constexpr std::chrono::milliseconds lease_period{20};
 
 /// A lock whose failure reads as what it means here.
 FileLock take_lock(const fs::path& path, LockMode mode, std::string_view code,
@@ -54,6 +52,10 @@ bool says_nothing(const GameRecord& record) {
 }
 
 }  // namespace
+
+void fail_about(const Error& error, const fs::path& path) {
+  throw Error(error.code, std::string(error.what()) + ": " + path_utf8(path), error.next_commands);
+}
 
 std::string manifest_reference(const GameManifest& manifest) {
   return digest(manifest.document.dump(), "sha256");
@@ -94,18 +96,28 @@ GameManifest GameStore::manifest(const GameVersion& version) const {
   return manifest;
 }
 
-std::unique_ptr<FileLock> GameStore::lease(const GameVersion& version, LockMode mode) const {
+FileLock GameStore::try_lease(const GameVersion& version, LockMode mode) const {
   const std::string_view meaning = mode == LockMode::exclusive
                                        ? "The game is running; end it first"
                                        : "The game is being changed; wait until this has finished";
-  return std::make_unique<FileLock>(
-      take_lock(paths_.lease(version.version), mode, "game_running", meaning));
+  return take_lock(paths_.lease(version.version), mode, "game_running", meaning);
+}
+
+std::unique_ptr<FileLock> GameStore::lease(const GameVersion& version, LockMode mode) const {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return std::make_unique<FileLock>(try_lease(version, mode));
+    } catch (const Error& error) {
+      if (error.code != "game_running" || attempt == lease_attempts) throw;
+    }
+    std::this_thread::sleep_for(lease_period);
+  }
 }
 
 bool GameStore::is_running(const GameVersion& version) const {
   if (!bears_name(paths_.lease(version.version))) return false;
   try {
-    lease(version, LockMode::exclusive);
+    try_lease(version, LockMode::exclusive);
     return false;
   } catch (const Error& error) {
     if (error.code != "game_running") throw;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "documents/game_manifest.h"
+#include "domain/error.h"
 #include "games/game_paths.h"
 #include "games/game_record.h"
 #include "platform/files/file_locks.h"
@@ -36,13 +37,15 @@ class GameStore {
   /// `content_mismatch`, `platform_mismatch`, and what reading and parsing raise.
   GameManifest manifest(const GameVersion& version) const;
 
-  /// The lease of a version: shared by whoever runs it, exclusive to change it. Throws
-  /// `game_running` when it cannot be had.
+  /// The lease of a version: shared by whoever runs it, exclusive to change it. Waits a moment,
+  /// since `is_running` of another process holds it for one, then throws `game_running`.
   std::unique_ptr<FileLock> lease(const GameVersion& version, LockMode mode) const;
   /// Whether anybody holds the lease now. Asks only where one was ever taken.
   bool is_running(const GameVersion& version) const;
 
  private:
+  FileLock try_lease(const GameVersion& version, LockMode mode) const;
+
   GamePaths paths_;
 };
 
@@ -80,6 +83,9 @@ class GameWriter : public GameStore {
 
   FileLock lock_;
 };
+
+/// The same failure, with the file or folder that it is about.
+[[noreturn]] void fail_about(const Error& error, const std::filesystem::path& path);
 
 /// The digest by which a manifest is stored.
 std::string manifest_reference(const GameManifest& manifest);

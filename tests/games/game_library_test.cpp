@@ -2,6 +2,7 @@
 
 #include "games/game_world.h"
 #include "platform/files/durable_files.h"
+#include "start/direct_start.h"
 
 namespace tavro::games_test {
 
@@ -24,6 +25,8 @@ TEST_F(Games, ComesIsUpdatedRolledBackAndTakenAway) {
   EXPECT_TRUE(world.install().active);
   EXPECT_TRUE(world.stands("one"));
   EXPECT_FALSE(world.install().changed);
+  // The record is the one that starts go by when no launcher can run.
+  EXPECT_EQ(locate_installed_game(world.data, "space").directory, world.active_folder());
   world.publish(build_of("two"));
   EXPECT_TRUE(library.check("space", world.tuf()).newer);
   EXPECT_EQ(library.update("space", world.tuf(), {}).build_id, "two");
@@ -114,6 +117,18 @@ TEST_F(Games, IsPreloadedAndActivatedWithoutTheNetwork) {
   library.update("space", world.tuf(), {});
   EXPECT_TRUE(world.stands("two"));
   EXPECT_FALSE(library.finish_update("space", {}).changed);
+  expect_clean();
+}
+
+TEST_F(Games, KeepsWhatSomebodyPutIntoAStage) {
+  library.preload("space", world.tuf(), {});
+  const fs::path mine = world.paths().staged(world.record().preload->version) / "mine";
+  write_bytes(mine, "mine");
+  EXPECT_EQ(code_of([&] { library.discard("space"); }), "unexpected_file");
+  EXPECT_EQ(code_of([&] { library.remove("space", PlayerData::removed); }), "unexpected_file");
+  EXPECT_EQ(read_file(mine, 9), "mine");
+  fs::remove(mine);
+  library.discard("space");
   expect_clean();
 }
 
