@@ -59,6 +59,7 @@ struct Launch {
   ChildStreams streams;
   ChildGroup group;
   InterruptPipe* interrupt;
+  int output;
 };
 
 /// The start channel (read by the parent) tells whether the image runs: its end comes with a
@@ -113,7 +114,8 @@ struct StartChannels {
   if (!activated) ::_exit(failed_start);
   must(retried([&] { return ::chdir(launch.directory); }) == 0);
   must(retried([&] { return ::dup2(channels.input.get(), STDIN_FILENO); }) >= 0);
-  if (launch.streams == ChildStreams::output_to_errors)
+  if (launch.output >= 0) must(retried([&] { return ::dup2(launch.output, STDERR_FILENO); }) >= 0);
+  if (launch.output >= 0 || launch.streams == ChildStreams::output_to_errors)
     must(retried([] { return ::dup2(STDERR_FILENO, STDOUT_FILENO); }) >= 0);
   channels.input.reset();
   retried([&] { return ::execve(launch.executable, launch.arguments, launch.environment); });
@@ -159,7 +161,7 @@ ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::st
                            const std::map<std::string, std::string>& environment,
                            ChildStreams streams, ChildEnvironment inherited,
                            std::function<void(unsigned long long)> started, ChildGroup group,
-                           ChildControl control, const std::vector<long>& handles) {
+                           ChildControl control, const std::vector<long>& handles, int output) {
   require_startable(executable, arguments, directory, environment, handles);
   if (control == ChildControl::interrupt) {
     require(streams == ChildStreams::output_inherited && group == ChildGroup::own,
@@ -174,9 +176,14 @@ ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::st
                         interrupt_->child_environment());
   const auto argv = image_vector(words);
   const auto envp = image_vector(variables);
-  const Launch launch = {executable.c_str(), directory.c_str(), argv.data(),
-                         envp.data(),        streams,           group,
-                         interrupt_.get()};
+  const Launch launch = {executable.c_str(),
+                         directory.c_str(),
+                         argv.data(),
+                         envp.data(),
+                         streams,
+                         group,
+                         interrupt_.get(),
+                         output};
   StartChannels channels;
   const pid_t child = ::fork();
   if (child == 0) become_image(launch, channels);

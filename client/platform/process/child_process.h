@@ -38,7 +38,9 @@ class ChildProcess {
   ///
   /// `started`, when set, gets the process number while the child is still held back: if it throws,
   /// no code of the image has run, and the exception passes on. `handles` belong to other systems
-  /// and must be empty here.
+  /// and must be empty here. `output`, unless it is -1, is a descriptor of the caller's that both
+  /// output and errors of the child go to, whatever `streams` says; such a child gets no other
+  /// descriptor but its input, not even one that this process inherited itself.
   ///
   /// Throws with nothing left running: `launch_handles`, `launch_executable`, `launch_directory`,
   /// `argument_limit`, `argument_encoding`, `process_control` (an environment that names the
@@ -48,7 +50,8 @@ class ChildProcess {
                const std::filesystem::path& directory,
                const std::map<std::string, std::string>& environment, ChildStreams streams,
                ChildEnvironment inherited, std::function<void(unsigned long long)> started,
-               ChildGroup group, ChildControl control, const std::vector<long>& handles = {});
+               ChildGroup group, ChildControl control, const std::vector<long>& handles = {},
+               int output = -1);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
