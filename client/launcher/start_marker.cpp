@@ -48,4 +48,12 @@ void mark_start(const fs::path& root, std::string_view manifest_sha256, std::int
   }
 }
 
+void clear_failed_starts(const fs::path& root) noexcept {
+  try {
+    fs::remove(start_marker(root));
+  } catch (const std::exception&) {
+    // A marker that stays only costs the next start a look at its tree.
+  }
+}
+
 }  // namespace tavro

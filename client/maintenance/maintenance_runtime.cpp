@@ -56,7 +56,7 @@ fs::path new_ready_file(const fs::path& copy) {
 }  // namespace
 
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& store,
-                                                                const json& reference,
+                                                                const LauncherReference& reference,
                                                                 std::string_view role,
                                                                 const fs::path&,
                                                                 const MaintenanceProgress&) {
@@ -72,6 +72,12 @@ std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& s
   std::unique_ptr<MaintenanceRuntime> runtime(new MaintenanceRuntime);
   runtime->image_ = std::move(image);
   return runtime;
+}
+
+std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(
+    LauncherStore& store, const json& reference, std::string_view role, const fs::path& root,
+    const MaintenanceProgress& progress) {
+  return prepare(store, present_reference(reference, "Install a verified launcher first"), role, root, progress);
 }
 
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::attach(std::string_view, std::string_view) {

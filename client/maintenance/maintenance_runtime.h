@@ -35,6 +35,11 @@ class MaintenanceRuntime {
   /// Finds the version's helper for `role` ("maintenance" or "maintenance-gui") and proves it
   /// against the descriptor. It runs in place, so `root` and `progress` are not used. Throws
   /// `maintenance_unavailable`, `content_mismatch`, and what the store and a missing file throw.
+  static std::unique_ptr<MaintenanceRuntime> prepare(LauncherStore& store,
+                                                     const LauncherReference& reference,
+                                                     std::string_view role,
+                                                     const std::filesystem::path& root,
+                                                     const MaintenanceProgress& progress);
   static std::unique_ptr<MaintenanceRuntime> prepare(LauncherStore& store, const json& reference,
                                                      std::string_view role,
                                                      const std::filesystem::path& root,

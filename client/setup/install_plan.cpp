@@ -43,10 +43,10 @@ void prove_bootstrap(const DataPaths& paths) {
 
 void prove_launcher(const DataPaths& paths) {
   const auto store = LauncherStore::existing(paths.root);
-  const json record = store->status();
-  const json& active = record.at("active");
-  const json& reference = active.is_null() ? record.at("candidate") : active;
-  verify_snapshot_tree(store->manifest(reference), store->payload(reference));
+  const auto record = store->record();
+  const auto& reference = record.active ? record.active : record.candidate;
+  require(reference.has_value(), "launcher_missing", "Install a verified launcher first");
+  verify_snapshot_tree(store->manifest(*reference), store->payload(*reference));
 }
 
 void prove_trust(const DataPaths& paths) {

@@ -17,10 +17,9 @@ namespace {
 /// no failure of the status.
 std::string launcher_build(const std::filesystem::path& root) {
   try {
-    const json record = LauncherStore::existing(root)->status();
-    const json& reference =
-        record.at("active").is_null() ? record.at("candidate") : record.at("active");
-    return reference.is_null() ? std::string() : reference.at("build_id").get<std::string>();
+    const auto record = LauncherStore::existing(root)->record();
+    const auto& reference = record.active ? record.active : record.candidate;
+    return reference ? reference->build_id : std::string();
   } catch (const std::exception&) {
     return {};
   }

@@ -42,7 +42,7 @@ void require_startable(const fs::path& executable, const std::vector<std::string
           "The installed game executable is missing or linked");
   require(names_directory(directory), "launch_directory",
           "Game working directory is missing or linked");
-  require_image_arguments(arguments, argument_texts);
+  require_child_arguments(arguments);
   for (const auto& [name, value] : environment)
     require_environment_entry(name, value, "Process environment entry is invalid");
   require(!environment.contains(launcher_interrupt_reader_environment), "process_control",
@@ -155,6 +155,10 @@ int exit_status_of(int status) noexcept {
 }
 
 }  // namespace
+
+void require_child_arguments(const std::vector<std::string>& arguments) {
+  require_image_arguments(arguments, argument_texts);
+}
 
 ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::string>& arguments,
                            const fs::path& directory,

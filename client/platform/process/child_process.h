@@ -27,14 +27,18 @@ enum class ChildGroup : std::uint32_t { inherited = 0, own = 1 };
 /// Whether the child can be asked to stop by an `InterruptPipe`.
 enum class ChildControl : std::uint32_t { none = 0, interrupt = 1 };
 
+/// The rules for a child's arguments: at most 64, each of 4096 bytes without NUL, of 32768 together.
+/// Else `argument_limit`. For a caller that must know before it commits itself to a start.
+void require_child_arguments(const std::vector<std::string>& arguments);
+
 /// One started program. The object owns it until its end is known, but never stops it on its own:
 /// destroying the object leaves a running child running. Belongs to one thread.
 class ChildProcess {
  public:
   /// Starts `executable` in `directory`, both absolute and no links, and returns once the new image
-  /// runs. `arguments` come after the executable's own name: at most 64, each of 4096 bytes, of
-  /// 32768 together. `environment` overrides what is inherited. Nothing that is open passes to
-  /// the child, also not what this process inherited, except the three streams and the channel.
+  /// runs. `arguments` come after the executable's own name and pass `require_child_arguments`.
+  /// `environment` overrides what is inherited. Nothing that is open passes to the child, also not
+  /// what this process inherited, except the three streams and the channel.
   ///
   /// `started`, when set, gets the process number while the child is still held back: if it throws,
   /// no code of the image has run, and the exception passes on. `handles` belong to other systems
