@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <system_error>
 
 #include "domain/input.h"
 #include "domain/json.h"
@@ -45,6 +46,15 @@ void mark_start(const fs::path& root, std::string_view manifest_sha256, std::int
     replace_private_file(start_marker(root), marker.dump());
   } catch (const std::exception&) {
     // A start that cannot be counted is still a start.
+  }
+}
+
+void clear_failed_starts(const fs::path& root) noexcept {
+  try {
+    std::error_code ignored;
+    fs::remove(start_marker(root), ignored);
+  } catch (const std::exception&) {
+    // The count is a help, not a condition.
   }
 }
 
