@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <system_error>
 
 #include "domain/input.h"
 #include "domain/json.h"
@@ -50,7 +51,7 @@ void mark_start(const fs::path& root, std::string_view manifest_sha256, std::int
 
 void clear_failed_starts(const fs::path& root) noexcept {
   try {
-    fs::remove(start_marker(root));
+    native_files::remove_quietly(start_marker(root));
   } catch (const std::exception&) {
     // A marker that stays only costs the next start a look at its tree.
   }

@@ -46,10 +46,18 @@ struct ReadyFile {
   ~ReadyFile() { native_files::remove_quietly(path); }
 };
 
+fs::path temporary_folder() {
+  std::error_code error;
+  const fs::path folder = fs::canonical(fs::temp_directory_path(error), error);
+  require(!error && fs::is_directory(folder, error), "maintenance_startup",
+          "The temporary folder cannot be used; set TMPDIR to a folder that exists");
+  return folder;
+}
+
 /// A name that nobody can guess, so that nobody else can speak for the helper.
 fs::path new_ready_file(const fs::path& copy) {
   // Other users write there too, so that a link in the way is followed once, and here.
-  const auto folder = copy.empty() ? fs::canonical(fs::temp_directory_path()) : copy;
+  const auto folder = copy.empty() ? temporary_folder() : copy;
   return folder / ("tavro-maintenance-ready-" + random_id());
 }
 

@@ -68,8 +68,8 @@ class MaintenanceRuntime {
   std::unique_ptr<ChildProcess> launch_console(const std::vector<std::string>& arguments);
 
   /// Starts the helper and returns once it has shown itself. Throws `maintenance_startup` when it
-  /// ended or `limit` passed before that, in which case it is stopped; as `ChildProcess`; and
-  /// `std::filesystem::filesystem_error` when the system has no temporary folder.
+  /// ended or `limit` passed before that, in which case it is stopped, and when the system has no
+  /// temporary folder; otherwise as `ChildProcess`.
   std::unique_ptr<ChildProcess> launch_gui(const std::vector<std::string>& arguments,
                                            std::chrono::milliseconds limit);
 
