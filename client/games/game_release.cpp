@@ -43,8 +43,8 @@ void drop_partial_files(const fs::path& folder, const std::string& final_name) {
 
 }  // namespace
 
-GameOffers::GameOffers(fs::path data_root, TufClient& tuf)
-    : cache_(std::move(data_root) / "game-offers"), tuf_(tuf) {}
+GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf)
+    : cache_(data_root / "game-offers"), tuf_(tuf) {}
 
 std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
                               const std::string& meaning, bool keep) {
