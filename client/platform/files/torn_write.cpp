@@ -1,7 +1,6 @@
 #include "platform/files/torn_write.h"
 
 #include <nlohmann/json.hpp>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,9 +25,9 @@ void remove_leftovers(const std::filesystem::path& folder,
     for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
          entry.increment(error)) {
       const std::string name = entry->path().filename().native();
-      const bool known = std::any_of(
-          documents.begin(), documents.end(),
-          [&](std::string_view document) { return is_temporary_name(name, document); });
+      const bool known =
+          std::any_of(documents.begin(), documents.end(),
+                      [&](std::string_view document) { return is_temporary_name(name, document); });
       if (!known) continue;
       const auto node = posix_files::node_at(entry->path());
       if (node && S_ISREG(node->st_mode) && node->st_uid == ::geteuid() && node->st_nlink == 1)
