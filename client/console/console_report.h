@@ -18,8 +18,8 @@ enum class ReportForm { text, text_and_commands, json_line };
 /// be told all the same.
 std::string compact_line(const json& document);
 
-/// Writes the text to standard output, with a newline or as it is. Throws `output` when it does not arrive there:
-/// a full disk, a closed stream, a reader that has gone.
+/// Writes the text to standard output, with a newline or as it is. Throws `output` when it does not
+/// arrive there: a full disk, a closed stream, a reader that has gone.
 void write_line(std::string_view text);
 void write_text(std::string_view text);
 

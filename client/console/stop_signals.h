@@ -17,8 +17,8 @@ class StopSignals {
 };
 
 /// Fills the places of standard streams that were closed before the start, so that no file of the
-/// program gets their numbers and with them what is written for the user. Reading them ends, writing
-/// them fails.
+/// program gets their numbers and with them what is written for the user. Reading them ends,
+/// writing them fails.
 void hold_standard_streams() noexcept;
 
 }  // namespace tavro

@@ -89,8 +89,7 @@ void write(const fs::path& root, const Entries& entries) {
 
 bool unchanged(const OwnedShortcut& entry) {
   const fs::path path = path_from_utf8(entry.path);
-  return is_plain_file(path) &&
-         digest(read_file(path, shortcut_bytes), "sha256") == entry.sha256;
+  return is_plain_file(path) && digest(read_file(path, shortcut_bytes), "sha256") == entry.sha256;
 }
 
 bool holds(const fs::path& path, std::string_view text) noexcept {

@@ -122,19 +122,15 @@ std::vector<Place> document_places(const DataPaths& paths) {
 
 /// A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
 void require_free(const fs::path& path) {
-  const UniqueFd file =
-      posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
   if (!file) return;
   const auto& calls = system_calls();
-  const bool held =
-      retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
-      errno == EWOULDBLOCK;
+  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+                    errno == EWOULDBLOCK;
   require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
 }
 
-fs::path aside_name(const fs::path& path) {
-  return path.native() + ".set-aside-" + random_id();
-}
+fs::path aside_name(const fs::path& path) { return path.native() + ".set-aside-" + random_id(); }
 
 std::string set_aside_as(const fs::path& aside) {
   return " and was set aside as " + path_utf8(aside.filename());

@@ -17,9 +17,9 @@ namespace tavro {
 std::vector<std::string> file_problems(const DataPaths& paths);
 
 /// Makes a lock fit to be taken: a lock file of this user becomes private again, and whatever else
-/// stands in its place is set aside, unless it may be held. Answers what was done, in the same form;
-/// what cannot be mended is left for the lock to refuse. Throws `busy` for a lock file with content
-/// that a process holds, `file_write`, and as `sync_directory`.
+/// stands in its place is set aside, unless it may be held. Answers what was done, in the same
+/// form; what cannot be mended is left for the lock to refuse. Throws `busy` for a lock file with
+/// content that a process holds, `file_write`, and as `sync_directory`.
 std::vector<std::string> mend_setup_lock(const DataPaths& paths);
 /// The same for all other locks; the caller holds the setup lock.
 std::vector<std::string> mend_locks(const DataPaths& paths);

@@ -54,8 +54,7 @@ void write_quietly(const fs::path& root, const Entries& entries) noexcept {
 }
 
 /// False when the very file stands there already.
-bool create_or_adopt(const DesktopShortcut& shortcut, const fs::path& path,
-                     std::string_view text) {
+bool create_or_adopt(const DesktopShortcut& shortcut, const fs::path& path, std::string_view text) {
   ledger_file::remove_leftovers(path);
   try {
     create_native_shortcut(shortcut, path);

@@ -75,10 +75,9 @@ PackageResources parse_resources(const json& document, std::optional<DescriptorB
 
 /// A theme as the package folder holds it, its files under the package's names.
 Theme parse_package_theme(const fs::path& folder, const SealedTheme& sealed) {
-  return parse_theme(parse_json(sealed.definition, kThemeDefinitionBytes),
-                     [&](const std::string& name) {
-                       return folder / (std::string(package_theme_prefix) + name);
-                     });
+  return parse_theme(
+      parse_json(sealed.definition, kThemeDefinitionBytes),
+      [&](const std::string& name) { return folder / (std::string(package_theme_prefix) + name); });
 }
 
 void check_icon(std::string_view icon) {

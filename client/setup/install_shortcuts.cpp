@@ -63,9 +63,8 @@ void repair_shortcuts(const DataPaths& paths, NativeInstallResult& result) {
       result.mended.push_back(path_utf8(path) + " takes the place of one for another data folder");
     append(result.shortcuts, made);
   });
-  guarded(problem, [&] {
-    append(result.shortcuts, restore_owned_native_shortcuts(paths.root, target));
-  });
+  guarded(problem,
+          [&] { append(result.shortcuts, restore_owned_native_shortcuts(paths.root, target)); });
 }
 
 void make_first_shortcut(const DataPaths& paths, const NativePackage& package,

@@ -178,8 +178,7 @@ void remove_cut_off_writes(const DataPaths& paths) {
 }
 
 void append(std::vector<std::string>& all, std::vector<std::string> more) {
-  all.insert(all.end(), std::make_move_iterator(more.begin()),
-             std::make_move_iterator(more.end()));
+  all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
 }
 
 /// One run, as far as it works under the locks.

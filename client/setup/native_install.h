@@ -34,8 +34,8 @@ struct NativeInstallResult {
   std::vector<std::string> replaced;
   /// Shortcuts made or restored.
   std::vector<std::filesystem::path> shortcuts;
-  /// Beyond the parts: files whose form was mended, one sentence part each, such as "/data/x was made
-  /// private again". In the document only when there are any.
+  /// Beyond the parts: files whose form was mended, one sentence part each, such as "/data/x was
+  /// made private again". In the document only when there are any.
   std::vector<std::string> mended;
   /// The first failure of the steps after the commit, which fail nothing; empty when none.
   std::string shortcut_problem;

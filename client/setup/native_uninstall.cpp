@@ -42,8 +42,8 @@ void remove_entry(const fs::path& path, const fs::path& trash, std::vector<fs::p
   if (!native_files::remove_or_trash(path, trash)) deferred.push_back(path);
 }
 
-/// Outside the data folder. Where nothing has to be set aside, a temporary folder that cannot be used
-/// stops no removal.
+/// Outside the data folder. Where nothing has to be set aside, a temporary folder that cannot be
+/// used stops no removal.
 fs::path folder_for_trash(const fs::path& root) {
   try {
     return native_files::temporary_directory(root);

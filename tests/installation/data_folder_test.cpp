@@ -20,6 +20,19 @@ TEST(DataFolder, AcceptsOnlyAFolderThatCanBeOne) {
   };
   for (const auto& [path, failure] : rows)
     EXPECT_EQ(failure_of([&path = path] { data_folder(path); }), failure) << path;
+  if (geteuid() != 0) {
+    fs::create_directories(base / "closed");
+    fs::permissions(base / "closed", fs::perms::none);
+    EXPECT_THAT(failure_of([&] { data_folder(base / "closed"); }),
+                testing::StartsWith("permissions: No permission to enter the data folder"));
+    fs::permissions(base / "closed", fs::perms::owner_all);
+  }
+  const fs::path before = fs::current_path();
+  fs::create_directories(base / "gone");
+  fs::current_path(base / "gone");
+  fs::remove(base / "gone");
+  EXPECT_EQ(code_of([] { data_folder("relative"); }), "unsafe_path");
+  fs::current_path(before);
   EXPECT_TRUE(within("/a/b/..c", "/a/b") && !within("/a/bc", "/a/b"));
 }
 

@@ -142,6 +142,20 @@ TEST_F(ShortcutLedger, LeavesNoShortcutThatItDoesNotKnowWhereverWritingFails) {
   EXPECT_GT(strike_each_call(Fault::fail, EIO, reset, work, check), 12);
 }
 
+TEST_F(ShortcutLedger, OwnsEveryFileWhereverItIsKilled) {
+  const auto reset = [&] {
+    fs::remove(ledger), fs::remove_all(at / "menu"), fs::create_directory(at / "menu");
+  };
+  const auto check = [&](const Stop& stop) {
+    EXPECT_TRUE(!fs::exists(entry(0)) || owned_native_shortcuts(root).size() == 1) << stop.call;
+    if (stop.nth % 2 == 0) create(entry(0));
+    remove_owned_native_shortcuts(root);
+    EXPECT_TRUE(fs::is_empty(at / "menu")) << stop.nth << stop.call;
+  };
+  const auto work = [&] { create(entry(0)); };
+  EXPECT_GT(strike_each_call(Fault::kill, EIO, reset, work, check), 12);
+}
+
 TEST(MenuIcon, IsTheLargestImageThatDesktopsShow) {
   const auto image = [](int width, std::uint32_t size, std::uint32_t offset) {
     std::string text{static_cast<char>(width)};

@@ -42,6 +42,17 @@ class SealedFolder : public testing::Test {
   SealedPackage package{folder.path(), full_options(folder.path())};
 };
 
+TEST(SealedTheme, ThatBreaksARuleRefusesThePackage) {
+  const TempFolder folder;
+  SealedPackageOptions options = full_options(folder.path());
+  json definition = theme_definition();
+  definition["colors"]["text"] = definition["colors"]["background"];
+  write_tree({{"theme.json", definition.dump()}}, options.theme);
+  const SealedPackage package{folder.path(), options};
+  EXPECT_THAT(failure_of([&] { read_native_package(package.folder, package.seal); }),
+              StartsWith("invalid_theme: Theme contrast is below 4.5:1 for text on background"));
+}
+
 TEST_F(SealedFolder, NeedsTheSealOfItsDescriptor) {
   const auto seal = std::exchange(package.seal, std::string(64, 'a'));
   EXPECT_THAT(failure(), StartsWith("native_install_trust: This package is not the one"));

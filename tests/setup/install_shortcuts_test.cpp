@@ -71,11 +71,66 @@ TEST(InstallShortcuts, FailNothing) {
   EXPECT_EQ(at.status().last_operation->outcome, "succeeded");
   fs::remove(menu.parent_path());
   const fs::path made = NativeInstaller::create_shortcut(at.paths.root, "", {}, {});
-  put_file(at.paths.native / "shortcuts.json", "torn");
-  EXPECT_NE(at.repair().shortcut_problem, "");
+  put_file(at.paths.native / "shortcuts.json", R"({"schema_version": 2})");
+  EXPECT_NE(at.repair().shortcut_problem, "") << "a newer version's list stays";
   EXPECT_EQ(code_of([&] { at.status(); }), "shortcut_ledger");
-  EXPECT_TRUE(at.uninstall().data_removed);
+  EXPECT_THAT(at.uninstall().changed_shortcuts, ElementsAre(made));
   EXPECT_TRUE(stands(made));
+}
+
+TEST(InstallShortcuts, FindTheirOwnerAgain) {
+  Installation at;
+  const fs::path launcher = at.install().shortcuts.front();
+  const fs::path game = NativeInstaller::create_shortcut(at.paths.root, "fox", {}, "Fox \\ Den");
+  const fs::path ledger = at.paths.native / "shortcuts.json";
+  put_file(ledger, "torn");
+  EXPECT_THAT(at.repair().mended, testing::SizeIs(3));
+  EXPECT_THAT(at.status().shortcuts, testing::UnorderedElementsAre(launcher, game));
+  fs::remove(ledger);
+  EXPECT_FALSE(NativeInstaller::make_shortcut(at.paths.root, "", {}, {}).created);
+  put_file(ledger, "torn");
+  put_file(game, "the user's");
+  EXPECT_THAT(at.uninstall().changed_shortcuts, ElementsAre(game));
+  EXPECT_FALSE(stands(launcher));
+}
+
+TEST(InstallShortcuts, OneThatCannotBeReadDoesNotKeepTheOthers) {
+  Installation at;
+  const fs::path launcher = at.install().shortcuts.front();
+  const fs::path huge = NativeInstaller::create_shortcut(at.paths.root, "a", {}, {});
+  const fs::path last = NativeInstaller::create_shortcut(at.paths.root, "b", {}, {});
+  put_file(huge, std::string(65537, 'x'));
+  EXPECT_EQ(code_of([&] { NativeInstaller::remove_shortcuts(at.paths.root); }), "size_limit");
+  EXPECT_FALSE(stands(launcher) || stands(last));
+  EXPECT_THAT(at.uninstall().changed_shortcuts, ElementsAre(huge));
+}
+
+TEST(InstallShortcuts, FollowARenamedFolderAndLeaveThoseOfAnotherOne) {
+  Installation at;
+  const fs::path before = at.install().shortcuts.front(), old = at.paths.root;
+  at.paths = DataPaths(at.folder.path() / "renamed");
+  copy_tree(old, at.paths.root);
+  const fs::path copied = at.repair().shortcuts.at(0);
+  EXPECT_TRUE(copied != before && stands(copied) && stands(before));
+  at.uninstall();
+  EXPECT_TRUE(stands(before));
+  fs::rename(old, at.paths.root);
+  EXPECT_THAT(at.repair().shortcuts, ElementsAre(copied));
+  EXPECT_FALSE(stands(before));
+  EXPECT_THAT(at.status().shortcuts, ElementsAre(copied));
+}
+
+TEST(InstallShortcuts, NameWhatTheyRefuse) {
+  Installation at;
+  at.install();
+  const fs::path taken = at.folder.path() / "Taken.desktop", way = at.folder.path() / "way";
+  put_file(taken, "");
+  fs::create_directory_symlink(at.folder.path(), way);
+  const auto refusal = [&](const fs::path& path) {
+    return failure_of([&] { NativeInstaller::create_shortcut(at.paths.root, "", path, {}); });
+  };
+  EXPECT_THAT(refusal(taken), testing::EndsWith(": " + taken.string()));
+  EXPECT_THAT(refusal(way / "New.desktop"), testing::EndsWith(": " + way.string()));
 }
 
 }  // namespace tavro::install_shortcuts_test

@@ -47,9 +47,12 @@ class Commit : public testing::Test {
 
   bool is_old(const fs::path& part) { return stands(part / "old"); }
 
-  /// Only what names its files is looked at before a front end shows it.
   static fs::path write_theme(const fs::path& folder) {
-    put_file(folder / "theme.json", R"({"notices": ["a.txt"]})");
+    json definition = theme_definition();
+    definition.erase("fonts");
+    definition.erase("images");
+    definition["notices"] = {"a.txt"};
+    put_file(folder / "theme.json", definition.dump());
     put_file(folder / "a.txt", "notice");
     return folder;
   }

@@ -50,7 +50,6 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
   fs::create_directories(paths.native);
   fs::create_symlink("nowhere", paths.incomplete_marker);
   EXPECT_TRUE(at.status().incomplete) << "a marker is one whatever it is";
-  EXPECT_EQ(failure_of([&] { at.install(); }), "unsafe_path: Refusing to replace a symbolic link");
   for (const auto& root : {at.package.folder, at.package.folder / "data", at.folder.path()}) {
     at.paths = DataPaths(root);
     EXPECT_EQ(failure_of([&] { at.install(); }),
@@ -110,6 +109,96 @@ TEST_F(Install, RepairsOnlyWhatDoesNotProveIntact) {
     EXPECT_TRUE(at.keeps_player_data());
     EXPECT_EQ(tree_content(outside), others);
     EXPECT_FALSE(stands(paths.bootstrap / "bin/stray.old"));
+  }
+}
+
+/// Each damage is told with the name of the file, mended by a repair, and no obstacle to a removal.
+TEST_F(Install, MendsTheFormOfItsFiles) {
+  at.install();
+  const fs::path good = at.folder.path() / "good";
+  copy_tree(paths.root, good);
+  const auto open_up = [](const fs::path& file) { fs::permissions(file, fs::perms(0664)); };
+  const auto fill = [](const fs::path& file) { put_file(file, "x"); };
+  const auto folder = [](const fs::path& file) {
+    fs::remove_all(file);
+    put_file(file / "kept", "");
+  };
+  const auto link = [&](const fs::path& file) {
+    fs::remove_all(file);
+    fs::create_symlink(outside, file);
+  };
+  const fs::path lock = paths.launcher / "bootstrap.lock", leases = paths.launcher / "leases";
+  const fs::path theme = paths.native / "theme";
+  const std::vector<std::pair<fs::path, std::function<void(const fs::path&)>>> rows = {
+      {paths.setup_lock, open_up},
+      {paths.bootstrap_lock, open_up},
+      {lock, open_up},
+      {paths.native / "shortcuts.lock", open_up},
+      {paths.setup_lock, fill},
+      {paths.bootstrap_lock, fill},
+      {paths.setup_lock, folder},
+      {paths.bootstrap_lock, link},
+      {leases, [](const fs::path& path) { fs::remove_all(path), put_file(path, ""); }},
+      {paths.incomplete_marker, folder},
+      {paths.incomplete_marker, link},
+      {paths.bootstrap_manifest, folder},
+      {paths.repository, link},
+      {paths.setup_status, folder},
+      {paths.installation, folder},
+      {theme, fill},
+  };
+  const auto told = [&](const fs::path& file) {
+    const auto status = failure_of([&] { at.status(); });
+    std::string problems = status;
+    if (status.empty())
+      for (const auto& problem : at.status().problems) problems += problem + '\n';
+    return problems.find(file.string()) != problems.npos;
+  };
+  for (const auto& [file, damage] : rows) {
+    SCOPED_TRACE(file);
+    const auto prepare = [&, &file = file, &damage = damage] {
+      copy_tree(good, paths.root);
+      if (file != paths.incomplete_marker && !stands(file)) put_file(file, "");
+      damage(file);
+    };
+    prepare();
+    EXPECT_TRUE(told(file) || file == paths.incomplete_marker);
+    const auto mended = at.repair().mended;
+    ASSERT_EQ(mended.size(), 1U);
+    EXPECT_THAT(mended.front(), testing::StartsWith(file.string()));
+    EXPECT_TRUE(at.status().installed && at.status().problems.empty());
+    EXPECT_TRUE(at.repair().mended.empty());
+    prepare();
+    EXPECT_TRUE(at.uninstall().data_removed);
+  }
+}
+
+TEST_F(Install, ClearsWhatFailedStartsAndCutOffWritesLeft) {
+  at.install();
+  const std::string id(32, 'a');
+  const std::vector<fs::path> left = {paths.launcher / "start-attempt.json",
+                                      paths.root / (".tavro-setup-incomplete." + id + ".tmp"),
+                                      paths.root / ("repository.json." + id + ".tmp"),
+                                      paths.native / ("bootstrap.json." + id + ".tmp"),
+                                      paths.native / ("shortcuts.json." + id + ".tmp")};
+  for (const auto& file : left) {
+    put_file(file, "{");
+    fs::permissions(file, fs::perms(0600));
+  }
+  at.repair();
+  for (const auto& file : left) EXPECT_FALSE(stands(file)) << file;
+}
+
+TEST_F(Install, WorksInAFolderOfAnyName) {
+  for (const auto* name : {"back\\slash", "co:lon", "line\nbreak"}) {
+    SCOPED_TRACE(name);
+    at.paths = DataPaths(at.folder.path() / name);
+    EXPECT_EQ(failure_of([&] { at.install(); }), "");
+    EXPECT_TRUE(at.status().installed);
+    const bool shown = std::string(name).find('\n') == std::string::npos;
+    EXPECT_EQ(at.status().shortcuts.size(), shown ? 1U : 0U);
+    EXPECT_TRUE(at.repair().replaced.empty());
+    EXPECT_TRUE(at.uninstall().data_removed);
   }
 }
 

@@ -108,7 +108,8 @@ TEST_F(SetupConsole, FindsTheUserFolderInTheEnvironment) {
   setenv("HOME", "/home/player", 1);
   EXPECT_EQ(user_data_root(), "/home/player/.local/share/Tavro");
   setenv("HOME", "player", 1);
-  const Outcome refused = run({"--help", "--json"});
+  const Outcome refused = run({"status", "--json"});
+  EXPECT_EQ(run({"--help"}).status + run({"status", "--data-dir", "/nowhere"}).status, 0);
   setenv("HOME", home.c_str(), 1);
   EXPECT_EQ(refused.output + refused.errors, "HOME must identify an absolute user directory\n");
 }
@@ -121,6 +122,16 @@ TEST_F(SetupConsole, LooksForAPackageOnlyInsideItsApplication) {
   EXPECT_EQ(adjacent_initial_package(program), "");
   std::filesystem::create_directories(contents / "Resources/initial-package");
   EXPECT_EQ(adjacent_initial_package(program), contents / "Resources/initial-package");
+}
+
+TEST_F(SetupConsole, FailsWhereItsAnswerDoesNotArrive) {
+  for (const Arguments& line : {Arguments{"status"}, {"status", "--json"}, {"--help"}}) {
+    std::cout.setstate(std::ios::badbit);
+    const Outcome lost = run(line);
+    std::cout.clear();
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_THAT(lost.errors, testing::HasSubstr("cannot be written to standard output"));
+  }
 }
 
 // What the real installer says of these is told where it runs.
@@ -140,6 +151,8 @@ TEST_F(SetupConsole, SumsUpInOneSentenceUnderABrand) {
       {Kind::uninstall, R"({"data_root":"/T","kept":["a"],"changed_shortcuts":["b"]})",
        "Removed Fox from /T. Saves and settings were kept. Changed shortcuts were left in place."},
       {Kind::shortcut_remove, R"({"removed":["a","b"]})", "Removed 2 shortcut(s)."},
+      {Kind::shortcut_create, R"({"created":"/a"})", "Created /a."},
+      {Kind::shortcut_create, R"({"created":"/a","existing":true})", "It was there already: /a."},
   };
   set_product_name("Fox");
   SetupCommand command;

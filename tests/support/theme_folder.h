@@ -7,10 +7,9 @@
 
 namespace tavro {
 
-/// A theme that keeps every rule, in a new folder, and its definition. The pictures are made by
-/// ImageMagick, the fonts are those of Debian.
-inline json make_theme(const fs::path& folder) {
-  const json definition = json::parse(R"({"schema_version": 1, "kind": "tavro-theme",
+/// The definition of a theme that keeps every rule.
+inline json theme_definition() {
+  return json::parse(R"({"schema_version": 1, "kind": "tavro-theme",
       "colors": {"background": "#14181f", "panel": "#1d232e", "raised": "#28303e",
           "well": "#14181F", "border": "#546073", "button": "#303744", "text": "#f0f3f7",
           "muted": "#aab5c4", "accent": "#2563c9", "accent_hover": "#2a68cf",
@@ -24,6 +23,12 @@ inline json make_theme(const fs::path& folder) {
       "fonts": {"regular": "Cantarell-Regular.otf", "title": "DejaVuSans-Bold.ttf"},
       "images": {"icon": {"file": "icon.bmp"}, "banner": {"file": "Banner.BMP", "pixel_art": true}},
       "notices": ["licence.txt"]})");
+}
+
+/// A theme that keeps every rule, in a new folder, and its definition. The pictures are made by
+/// ImageMagick, the fonts are those of Debian.
+inline json make_theme(const fs::path& folder) {
+  const json definition = theme_definition();
   write_tree({{"theme.json", definition.dump()}, {"licence.txt", "Fonts: see their authors."}},
              folder);
   EXPECT_EQ(

@@ -94,11 +94,13 @@ TEST_P(Strike, ByAKillLeavesAFolderThatTheNextRunCompletes) {
   EXPECT_GT(call, 60);
 }
 
+/// Every signal that ends a program from outside takes the same way out.
 TEST_P(Strike, ByCtrlCUndoesOrCompletesTheRun) {
+  constexpr int signals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
   int stopped = 0, recorded = 0;
   for (long call = 1;; call += stride) {
     SCOPED_TRACE(call);
-    const Ending ended = strike(SIGINT, call);
+    const Ending ended = strike(signals[call / stride % 4], call);
     EXPECT_EQ(fs::exists(world.save()), had_save);
     EXPECT_FALSE(fs::exists(world.root / ".tavro-setup-incomplete"));
     if (ended.status == 4) {

@@ -36,7 +36,8 @@ std::filesystem::path native_menu_directory();
 std::filesystem::path native_menu_entry(const std::filesystem::path& root, std::string_view game,
                                         std::string_view name);
 
-/// The bytes of the shortcut's file. Throws `shortcut_path`, `shortcut_text`, and what the form adds.
+/// The bytes of the shortcut's file. Throws `shortcut_path`, `shortcut_text`, and what the form
+/// adds.
 std::string native_shortcut_text(const DesktopShortcut& shortcut);
 
 /// What such bytes, which may come from anywhere, say of themselves: the program and the name, and
