@@ -81,8 +81,6 @@ void fetch_tree(const BootstrapPaths& paths, const SnapshotManifest& manifest, T
                 const Progress& progress) {
   require_path_room(paths.root, paths.partial, manifest.longest_native_path());
   require_authorized(manifest, tuf);
-  // Without its record a tree is a leftover. It goes first, to make room.
-  remove_path_quietly(paths.update);
   const fs::path native = paths.update.parent_path();
   const auto volume = inspect_storage_volume(native);
   require_install_storage(plan_install_storage(manifest, volume, false, 0, false), {});
@@ -104,6 +102,8 @@ BootstrapStaging stage_bootstrap_update(const fs::path& root, TufClient& tuf,
   const NativeFileLock lock(paths.lock, true, NativeLockSharing::read, LockMode::exclusive);
   if (stands(paths.pending)) return {false, "pending", {}};
   remove_torn_writes(paths, {paths.pending, paths.rejected, paths.old_files});
+  // Without its record a tree is a leftover, also of a removal that was cut off.
+  remove_path_quietly(paths.update);
   BootstrapStaging result;
   {
     const Scratch scratch(paths);

@@ -111,12 +111,12 @@ int remove_tree_in(int directory, const char* name) {
 int remove_file_in(int directory, const std::string& name, dev_t device, ino_t inode) {
   if (!is_file(directory, name.c_str(), device, inode)) return ESTALE;
   const std::string aside = std::string(set_aside_prefix) + "." + random_id() + ".tmp";
-  if (host::rename_new(directory, name.c_str(), directory, aside.c_str()) != 0)
+  if (host::rename_new_in(directory, name.c_str(), directory, aside.c_str()) != 0)
     // Where a rename cannot be told to replace nothing, the look at the name has to do.
     return errno == EINVAL || errno == ENOSYS ? remove_in(directory, name.c_str()) : errno;
   const bool own = is_file(directory, aside.c_str(), device, inode);
   const int error = own ? remove_in(directory, aside.c_str()) : ESTALE;
-  if (error != 0) host::rename_new(directory, aside.c_str(), directory, name.c_str());
+  if (error != 0) host::rename_new_in(directory, aside.c_str(), directory, name.c_str());
   return error;
 }
 

@@ -61,7 +61,8 @@ int clear_access_lists(int descriptor, bool directory) noexcept;
 
 /// A rename that fails with `EEXIST` when `to` exists. 0, or -1 with `errno` set; never done in two
 /// steps where the file system cannot do it in one.
-int rename_new(int from_directory, const char* from, int to_directory, const char* to) noexcept;
+int rename_new(const char* from, const char* to) noexcept;
+int rename_new_in(int from_directory, const char* from, int to_directory, const char* to) noexcept;
 
 /// Exchanges two names in one step. 0, or -1 with `errno` set.
 int exchange_names(int left_directory, const char* left, int right_directory,

@@ -134,7 +134,11 @@ int clear_access_lists(int descriptor, bool directory) noexcept {
   return directory && answer == 0 ? clear_list(descriptor, default_list) : answer;
 }
 
-int rename_new(int from_directory, const char* from, int to_directory, const char* to) noexcept {
+int rename_new(const char* from, const char* to) noexcept {
+  return rename_new_in(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+int rename_new_in(int from_directory, const char* from, int to_directory, const char* to) noexcept {
   return retried([&] {
     return system_calls().renameat2(from_directory, from, to_directory, to, RENAME_NOREPLACE);
   });

@@ -23,6 +23,8 @@ constexpr SystemCalls real_calls{
     .link = ::link,
     .unlink = ::unlink,
     .unlinkat = ::unlinkat,
+    .rmdir = ::rmdir,
+    .mkdir = ::mkdir,
     .mkdirat = ::mkdirat,
     .fchmod = ::fchmod,
     .ftruncate = ::ftruncate,

@@ -21,6 +21,8 @@ struct SystemCalls {
   int (*link)(const char* from, const char* to);
   int (*unlink)(const char* path);
   int (*unlinkat)(int directory, const char* name, int flags);
+  int (*rmdir)(const char* path);
+  int (*mkdir)(const char* path, mode_t mode);
   int (*mkdirat)(int directory, const char* name, mode_t mode);
   int (*fchmod)(int descriptor, mode_t mode);
   int (*ftruncate)(int descriptor, off_t size);

@@ -36,6 +36,14 @@ class Neighbour {
   std::thread thread_;
 };
 
+/// A refusal is as good as a removal.
+void attempt(const std::function<void()>& removal) {
+  try {
+    removal();
+  } catch (const std::exception&) {
+  }
+}
+
 class Removal : public ::testing::Test {
  protected:
   TempFolder folder;
@@ -48,16 +56,15 @@ TEST_F(Removal, TouchesNothingForeignWhateverIsExchangedMeanwhile) {
                                             [&] { remove_plain_tree(root); },
                                             [&] { remove_path_quietly(root); }};
   for (const auto& removal : removals)
-    for (int round = 0; round < 150; ++round) {
+    for (int round = 0; round < 60; ++round) {
       write_tree(sample, root);
-      for (const char* own : {"a/file", "b/file", "empty/x"}) write_bytes(foreign / own, "foreign");
-      fs::remove(foreign / "empty/x");
+      for (const char* name : {"a", "b", "empty"}) fs::create_directories(foreign / name);
+      for (const char* name : {"a/file", "b/file"}) write_bytes(foreign / name, "foreign");
       fs::create_directories(root / "data/empty");
       fs::create_directory_symlink(foreign, at / "link");
       {
         const Neighbour neighbour(root / "data", at / "link");
-        // A refusal is as good as a removal.
-        failure_of(removal);
+        attempt(removal);
       }
       ASSERT_TRUE(fs::exists(foreign / "a/file") && fs::exists(foreign / "b/file") &&
                   fs::exists(foreign / "empty"))
@@ -68,13 +75,13 @@ TEST_F(Removal, TouchesNothingForeignWhateverIsExchangedMeanwhile) {
 
 TEST_F(Removal, OfAReservedTreeOrFileKeepsTheStranger) {
   int kept = 0;
-  for (int round = 0; round < 150; ++round) {
+  for (int round = 0; round < 60; ++round) {
     fs::create_directory(root), fs::create_directory(foreign);
     write_bytes(root / "file", "own"), write_bytes(foreign / "file", "foreign");
     const auto identity = inspect_storage_directory(root);
     {
       const Neighbour neighbour(root, foreign);
-      failure_of([&] { dispose_install_root(root, identity, true); });
+      attempt([&] { dispose_install_root(root, identity, true); });
     }
     for (const auto& path : {root, foreign})
       kept += fs::exists(path / "file") && fs::file_size(path / "file") == 7 ? 1 : 0;
@@ -84,13 +91,13 @@ TEST_F(Removal, OfAReservedTreeOrFileKeepsTheStranger) {
     {
       AllocatedFile file(root / "file", 3, {});
       const Neighbour neighbour(root / "file", root / "stranger");
-      failure_of([&] { auto gone = std::move(file); });
+      attempt([&] { auto gone = std::move(file); });
     }
     for (const auto& entry : fs::directory_iterator(root))
       kept += fs::file_size(entry.path()) == 7 ? 1 : 0;
     fs::remove_all(root);
   }
-  EXPECT_EQ(kept, 2 * 150);
+  EXPECT_EQ(kept, 2 * 60);
 }
 
 TEST_F(Removal, CanBeCutAnywhereAndIsCompletedByTheNext) {
