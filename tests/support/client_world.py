@@ -1,5 +1,5 @@
 """A client in the richest state that its own programs bring it to, and the user around it."""
-import json, os, shutil, signal, subprocess
+import concurrent.futures, json, os, shutil, signal, subprocess
 
 PROGRAMS = ("tavro-publish", "tavro-install-sealed-at-start", "tavro-bootstrap", "example-launcher",
             "example-launcher-next", "ill-behaved-launcher")
@@ -108,6 +108,11 @@ class World:
         self.repository, self.place, self.user = repository, place, user
         self.data = f"{place}/world/data"
 
+    def give(self, path):
+        """To the user, with all that is in it."""
+        if self.user is not None:
+            subprocess.run(["chown", "-hR", f"{self.user}:{self.user}", path], check=True)
+
     def run(self, name, image, *words):
         who = dict(user=self.user, group=self.user, extra_groups=[]) if self.user is not None else {}
         around = f"{self.place}/world"
@@ -161,26 +166,32 @@ def build_clients(repository, places):
     """A client in each place, given as (place, user): installed, started, with shortcuts, a rejected
     bootstrap, player data, and a launcher and a bootstrap that wait for the next start."""
     worlds = [World(repository, *place) for place in places]
-    for world in worlds:
+
+    def install(world):
         make_foreign(world.place)
-        if world.user is not None:
-            subprocess.run(["chown", "-R", f"{world.user}:{world.user}", world.place], check=True)
+        world.give(world.place)
         world.expect(world.with_package("install"))
         world.expect(world.start("self", "status"))
         world.expect(world.installer("shortcut", "create", "--game", "space-game"))
-    repository.add_bootstrap("1.1.0", f"{repository.work}/broken")
-    for world in worlds:
+
+    def reject_bootstrap(world):
         world.expect(world.start("self", "update"))
         world.expect(world.start("self", "status"))
         world.expect(world.start("--gui"))
-    repository.add_launcher("2.0.0", f"{repository.bin}/example-launcher-next")
-    repository.add_bootstrap("1.2.0", f"{repository.bin}/tavro-bootstrap")
-    for world in worlds:
+
+    def await_update(world):
         world.expect(world.start("self", "update"))
         write(f"{world.data}/settings.json", '{"volume": 7}\n')
         write(f"{world.data}/userdata/space-game/save.dat", "chapter 9\n")
-        if world.user is not None:
-            for name in ("settings.json", "userdata", "userdata/space-game", "userdata/space-game/save.dat"):
-                os.chown(f"{world.data}/{name}", world.user, world.user)
+        for name in ("settings.json", "userdata"):
+            world.give(f"{world.data}/{name}")
         os.rename(f"{world.place}/world", f"{world.place}/rich")
+
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        list(pool.map(install, worlds))
+        repository.add_bootstrap("1.1.0", f"{repository.work}/broken")
+        list(pool.map(reject_bootstrap, worlds))
+        repository.add_launcher("2.0.0", f"{repository.bin}/example-launcher-next")
+        repository.add_bootstrap("1.2.0", f"{repository.bin}/tavro-bootstrap")
+        list(pool.map(await_update, worlds))
     return worlds
