@@ -143,7 +143,7 @@ class World:
         return self.installer(command, "--package", f"{self.repository.work}/package")
 
     def start(self, *words):
-        return self.run(" ".join(words) if words[-1] == "update" else "start",
+        return self.run("start" if words == ("self", "status") else " ".join(words),
                         f"{self.data}/native/bootstrap/bin/tavro-bootstrap", *words)
 
     def expect(self, ending):
