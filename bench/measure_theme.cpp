@@ -9,7 +9,7 @@
 #include <iostream>
 #include <memory>
 
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 #include "in_turn.h"
 
 namespace {

@@ -39,13 +39,17 @@ tavro_prefer_static(archive_library "${TAVRO_STATIC_ARCHIVE}" LibArchive::LibArc
 tavro_prefer_static(utf8proc_library "${TAVRO_STATIC_UTF8PROC}" PkgConfig::UTF8PROC)
 
 add_library(tavro_settings INTERFACE)
-# GCC 12 takes `"text" + std::string` for an overlapping copy when it optimises: no -Wrestrict.
+# When it optimises, GCC 12 takes `"text" + std::string` for an overlapping copy or one without a bound,
+# and a JSON value made of a string for an array of strings: none of those three warnings. What they
+# would find, the address sanitizer does.
 # Position independent by one option for libraries and programs, where CMake would take two: they share
 # the precompiled headers.
 target_compile_options(tavro_settings INTERFACE
   -fPIC -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${TAVRO_WERROR}>:-Werror>
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${TAVRO_PRECOMPILE}>>:-fpch-preprocess>
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release>>:-Wno-array-bounds>
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release>>:-Wno-stringop-overflow>
   $<$<CONFIG:Release>:-fstack-protector-strong -ffunction-sections -fdata-sections>)
 target_compile_definitions(tavro_settings INTERFACE
   _FILE_OFFSET_BITS=64
@@ -87,8 +91,11 @@ function(tavro_room folder)
   cmake_path(GET folder PARENT_PATH parent)
   file(MAKE_DIRECTORY ${view}/${parent})
   file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${view}/${folder} SYMBOLIC)
-  target_include_directories(tavro_${name} PUBLIC
-    $<BUILD_INTERFACE:${view}> $<INSTALL_INTERFACE:include/tavro>)
+  file(GLOB headers RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS *.h)
+  list(TRANSFORM headers PREPEND ${view}/${folder}/)
+  target_sources(tavro_${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${view} FILES ${headers})
+  # Each compiles alone: built by the target all_verify_interface_header_sets.
+  set_target_properties(tavro_${name} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
   target_compile_features(tavro_${name} PUBLIC cxx_std_20)
   target_link_libraries(tavro_${name}
     PUBLIC nlohmann_json::nlohmann_json ${ROOM_LINKS}

@@ -1,4 +1,4 @@
-# The libraries that the floors link; read by this build, and by those that use what it installs.
+# The libraries that the rooms link; read by this build, and by those that use what it installs.
 
 find_package(Threads REQUIRED)
 find_package(OpenSSL 3 REQUIRED)

@@ -13,11 +13,8 @@ foreach(name IN LISTS TAVRO_EXPORTED)
   set_target_properties(tavro_${name} PROPERTIES EXPORT_NAME ${name})
 endforeach()
 list(TRANSFORM TAVRO_EXPORTED PREPEND tavro_)
-install(TARGETS ${TAVRO_EXPORTED} EXPORT tavro)
-foreach(room IN LISTS rooms)
-  file(GLOB headers client/${room}/*.h)
-  install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavro/${room})
-endforeach()
+install(TARGETS ${TAVRO_EXPORTED} EXPORT tavro
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavro)
 # How a linker wants them named: the highest first.
 list(REVERSE rooms)
 string(REPLACE / _ TAVRO_ROOM_WORDS "${rooms}")

@@ -8,7 +8,7 @@
 #include <array>
 #include <memory>
 
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 #include "domain/crypto.h"
 #include "domain/deleter.h"
 #include "domain/error.h"

@@ -18,8 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t max_role_name = 100;
-
 json empty_body(std::string_view type) {
   return {{"_type", type}, {"spec_version", "1.0.31"}, {"version", 0}};
 }
@@ -31,20 +29,6 @@ json empty_targets() {
 }
 
 void raise(json& body) { body["version"] = positive_version(body.at("version")) + 1; }
-
-std::set<std::string> ids_of(const json& authority) {
-  return authority.at("keyids").get<std::set<std::string>>();
-}
-
-std::string type_of(const std::string& role) {
-  const bool other = role == "root" || role == "timestamp" || role == "snapshot";
-  return other ? role : "targets";
-}
-
-unsigned long long limit_of(const std::string& role) {
-  if (role == "root") return client_limits.root_bytes;
-  return role == "timestamp" ? client_limits.timestamp_bytes : client_limits.metadata_bytes;
-}
 
 json reference_to(const json& body, const std::string& text) {
   return {{"version", body.at("version")},
@@ -68,29 +52,6 @@ void require_selected_unexpired(const RepositoryState& state) {
     });
 }
 
-/// What a client proves of a document that this authority has signed.
-void require_signed(const std::string& role, const json& document, const Authority& authority) {
-  std::size_t signers = 0;
-  const std::set<std::string> ids = ids_of(authority.record);
-  for (const json& signature : document.at("signatures"))
-    signers += ids.contains(signature.at("keyid").get_ref<const std::string&>()) ? 1 : 0;
-  const unsigned long long needed = positive_version(authority.record.at("threshold"));
-  require(signers >= needed, "signature_threshold", [&] {
-    return "Role " + role + " needs " + std::to_string(needed) + " of its keys, and " +
-           std::to_string(signers) + " are given";
-  });
-  verify_threshold_by_proved_keys(document, authority.keys, authority.record);
-}
-
-std::string bounded_text(const std::string& role, const json& document) {
-  std::string text = document_text(document);
-  require(text.size() <= limit_of(role), "size_limit", [&] {
-    return "Role " + role + " would sign " + std::to_string(text.size()) +
-           " bytes; clients take at most " + std::to_string(limit_of(role));
-  });
-  return text;
-}
-
 /// The rules of a path, told with the path: a command may name many.
 void require_portable(const std::string& path) {
   try {
@@ -98,57 +59,6 @@ void require_portable(const std::string& path) {
   } catch (const Error& error) {
     fail(error.code, "Cannot publish " + path + ": " + error.what());
   }
-}
-
-/// A name that is one file name under every server.
-void require_role_name(const std::string& name) {
-  const auto plain = [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '_';
-  };
-  require(!name.empty() && name.size() <= max_role_name && std::ranges::all_of(name, plain),
-          "invalid_role", "A role name has 1 to 100 letters, digits, hyphens and underscores");
-  require(!is_top_level(name), "invalid_role",
-          [&] { return "Role " + name + " is the root's to give; choose another name"; });
-}
-
-json delegation_record(const Delegation& delegation) {
-  require(delegation.paths.empty() != delegation.hash_prefixes.empty(), "usage",
-          "Choose what is delegated with either --path or --hash-prefix");
-  json record = authority_record(delegation.keys);
-  const std::size_t keys = record.at("keyids").size();
-  require(delegation.keys.threshold <= keys, "invalid_threshold", [&] {
-    return "Role " + delegation.name + " cannot need " + std::to_string(delegation.keys.threshold) +
-           " of its " + std::to_string(keys) + " keys";
-  });
-  record["name"] = delegation.name;
-  record["terminating"] = delegation.terminating;
-  if (!delegation.paths.empty())
-    record["paths"] = delegation.paths;
-  else
-    record["path_hash_prefixes"] = delegation.hash_prefixes;
-  return record;
-}
-
-/// Removes the record, and the keys that no other record lists.
-void erase_delegation(json& body, const std::string& name) {
-  json& delegations = body.at("delegations");
-  json& roles = delegations.at("roles");
-  std::erase_if(roles.get_ref<json::array_t&>(),
-                [&](const json& record) { return record.at("name") == name; });
-  std::set<std::string> listed;
-  for (const json& record : roles) listed.merge(ids_of(record));
-  std::erase_if(delegations.at("keys").get_ref<json::object_t&>(),
-                [&](const auto& entry) { return !listed.contains(entry.first); });
-}
-
-RoleKeys role_keys(const json& root, const char* role) {
-  const json& authority = root.at("roles").at(role);
-  RoleKeys keys;
-  for (const json& id : authority.at("keyids"))
-    keys.records.push_back(root.at("keys").at(id.get<std::string>()));
-  keys.threshold = positive_version(authority.at("threshold"));
-  return keys;
 }
 
 void make_served_folders(const fs::path& repository) {
@@ -159,34 +69,6 @@ void make_served_folders(const fs::path& repository) {
 }
 
 }  // namespace
-
-json Signers::sign(const json& body, const std::set<std::string>& ids) {
-  std::vector<const SigningKey*> chosen;
-  for (const SigningKey& key : keys_)
-    if (ids.contains(key.id())) {
-      chosen.push_back(&key);
-      used_.insert(key.id());
-    }
-  return sign_metadata(body, chosen);
-}
-
-void Signers::require_all_used() const {
-  for (const SigningKey& key : keys_)
-    require(used_.contains(key.id()), "key_unused",
-            [&] { return "No role that is signed now lists the key " + key.id(); });
-}
-
-RootRequest root_request(const json& root) {
-  RootRequest request;
-  request.version = positive_version(root.at("version"));
-  request.expires = root.at("expires");
-  request.consistent_snapshot = root.value("consistent_snapshot", false);
-  request.root = role_keys(root, "root");
-  request.timestamp = role_keys(root, "timestamp");
-  request.snapshot = role_keys(root, "snapshot");
-  request.targets = role_keys(root, "targets");
-  return request;
-}
 
 Repository::Repository(const fs::path& folder)
     : folder_(folder),
@@ -278,12 +160,7 @@ void Repository::delegate(const std::string& delegator, const Delegation& delega
   const std::string present = delegator_of(state_, name);
   require(present.empty() || present == delegator, "invalid_role",
           [&] { return "Role " + name + " is delegated by " + present + " already"; });
-  if (!body.contains("delegations"))
-    body["delegations"] = {{"keys", json::object()}, {"roles", json::array()}};
-  if (!present.empty()) erase_delegation(body, name);
-  for (const json& record : delegation.keys.records)
-    body["delegations"]["keys"][key_id(record)] = record;
-  body["delegations"]["roles"].push_back(delegation_record(delegation));
+  put_delegation(body, delegation);
   if (present.empty()) {
     require(state_.roles.size() < client_limits.delegated_roles, "size_limit", [] {
       return "Clients visit at most " + std::to_string(max_delegated_roles) + " delegated roles";
@@ -327,10 +204,7 @@ void Repository::rotate(const RootRequest& request) {
 }
 
 std::string Repository::signed_text(const std::string& role, const json& body, Signers& signers) {
-  const Authority authority = authority_of(state_, role);
-  const json document = signers.sign(body, ids_of(authority.record));
-  shape(document, type_of(role));
-  require_signed(role, document, authority);
+  const json document = signed_document(role, body, {authority_of(state_, role)}, signers);
   require_unexpired(body,
                     [&] { return "What role " + role + " signs would have expired already"; });
   return bounded_text(role, document);
@@ -338,13 +212,11 @@ std::string Repository::signed_text(const std::string& role, const json& body, S
 
 /// Signed by the old root keys and the new ones; from here on the new ones count.
 void Repository::publish_root(Signers& signers) {
-  const json& old = state_.root;
-  std::set<std::string> ids = ids_of(old.at("roles").at("root"));
-  ids.merge(ids_of(next_root_->at("roles").at("root")));
-  const json document = signers.sign(*next_root_, ids);
-  shape(document, "root");
-  require_signed("root", document, {old.at("roles").at("root"), old.at("keys")});
-  require_signed("root", document, {next_root_->at("roles").at("root"), next_root_->at("keys")});
+  const auto authority = [](const json& root) {
+    return Authority{root.at("roles").at("root"), root.at("keys")};
+  };
+  const json document = signed_document("root", *next_root_,
+                                        {authority(state_.root), authority(*next_root_)}, signers);
   check_root(document);
   publication_.put(root_name(*next_root_), bounded_text("root", document));
   state_.root = std::move(*next_root_);

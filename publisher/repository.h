@@ -1,46 +1,23 @@
 #pragma once
 
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "domain/progress.h"
 #include "domain/unique_fd.h"
+#include "publisher/delegation.h"
 #include "publisher/publication.h"
 #include "publisher/repository_state.h"
 #include "publisher/root_metadata.h"
+#include "publisher/signing.h"
 
 namespace tavro {
-
-/// The private keys at hand. Each document is signed by those that its role lists.
-class Signers {
- public:
-  explicit Signers(std::vector<SigningKey> keys) : keys_(std::move(keys)) {}
-
-  /// The document with a signature by each key of the list that is at hand.
-  json sign(const json& body, const std::set<std::string>& ids);
-  /// Throws `key_unused` when one of the keys has signed nothing: another one was meant.
-  void require_all_used() const;
-
- private:
-  std::vector<SigningKey> keys_;
-  std::set<std::string> used_;
-};
 
 /// When what is signed now expires, in UTC. `targets` holds for delegated roles too.
 struct RepositoryExpiry {
   std::string targets, snapshot, timestamp;
-};
-
-struct Delegation {
-  std::string name;
-  RoleKeys keys;
-  /// Exactly one of the two: patterns of paths, or prefixes of their SHA-256.
-  std::vector<std::string> paths, hash_prefixes;
-  bool terminating = false;
 };
 
 /// A repository on disk, claimed by this publisher. Changes are collected and become visible
@@ -104,8 +81,5 @@ class Repository {
   std::set<std::string> changed_;
   Publication publication_;
 };
-
-/// The keys and thresholds of a root body.
-RootRequest root_request(const json& root);
 
 }  // namespace tavro

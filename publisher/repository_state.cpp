@@ -123,6 +123,10 @@ void read_role(RepositoryState& state, const fs::path& served, const std::string
 
 }  // namespace
 
+std::set<std::string> ids_of(const json& record) {
+  return record.at("keyids").get<std::set<std::string>>();
+}
+
 bool is_top_level(std::string_view role) {
   return role == "root" || role == "timestamp" || role == "snapshot" || role == "targets";
 }

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,9 @@ struct Authority {
   const json& record;
   const json& keys;
 };
+
+/// The keys that the record of an authority lists.
+std::set<std::string> ids_of(const json& record);
 
 bool is_top_level(std::string_view role);
 

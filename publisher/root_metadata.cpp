@@ -18,6 +18,15 @@ void add_keys(json& keys, const RoleKeys& role) {
   for (const json& record : role.records) keys[key_id(record)] = record;
 }
 
+RoleKeys role_keys(const json& root, const char* role) {
+  const json& authority = root.at("roles").at(role);
+  RoleKeys keys;
+  for (const json& id : authority.at("keyids"))
+    keys.records.push_back(root.at("keys").at(id.get<std::string>()));
+  keys.threshold = positive_version(authority.at("threshold"));
+  return keys;
+}
+
 }  // namespace
 
 json authority_record(const RoleKeys& role) {
@@ -84,6 +93,18 @@ std::string expiry_in_days(unsigned days) {
   char text[32];
   const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
   return std::string(text, length);
+}
+
+RootRequest root_request(const json& root) {
+  RootRequest request;
+  request.version = positive_version(root.at("version"));
+  request.expires = root.at("expires");
+  request.consistent_snapshot = root.value("consistent_snapshot", false);
+  request.root = role_keys(root, "root");
+  request.timestamp = role_keys(root, "timestamp");
+  request.snapshot = role_keys(root, "snapshot");
+  request.targets = role_keys(root, "targets");
+  return request;
 }
 
 }  // namespace tavro

@@ -37,4 +37,7 @@ void check_root(const json& document);
 /// "YYYY-MM-DDTHH:MM:SSZ", this many days from now.
 std::string expiry_in_days(unsigned days);
 
+/// The keys and thresholds of a root body.
+RootRequest root_request(const json& root);
+
 }  // namespace tavro

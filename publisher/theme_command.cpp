@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "package/package_descriptor.h"

@@ -1,9 +1,6 @@
 #include "cleanup/download_cleanup.h"
 
-#include <nlohmann/json.hpp>
-
 #include <filesystem>
-#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -12,10 +9,8 @@
 #include "cleanup/cleanup_work.h"
 #include "documents/launcher_contract.h"
 #include "domain/error.h"
-#include "domain/json_fields.h"
-#include "download/download_receipt.h"
+#include "download/receipt_group.h"
 #include "installation/data_folder.h"
-#include "launcher/launcher_download.h"
 #include "platform/files/managed_tree.h"
 #include "platform/host/native_platform.h"
 #include "tuf/threshold.h"
@@ -35,43 +30,41 @@ fs::path download(const CleanupWork& work, const std::string& name) {
   }
 }
 
-bool verifies(const fs::path& path, const json& description) {
+bool verifies(const fs::path& path, const SignedContent& content) {
   try {
-    verify_target_file(path, description, {});
+    verify_target_file(path, content.to_json(), {});
     return true;
   } catch (const Error&) {
     return false;
   }
 }
 
-void drop_verified(CleanupWork& work, const std::string& target, const json& description) {
+void drop_verified(CleanupWork& work, const std::string& target, const SignedContent& content) {
   const fs::path path = download(work, target);
-  if (!path.empty() && verifies(path, description)) work.drop("download", path);
+  if (!path.empty() && verifies(path, content)) work.drop("download", path);
 }
 
 /// The receipt goes last: until then it explains the others.
-void clean_group(CleanupWork& work, const json& group) {
-  const json& receipt = group.at("receipt");
-  if (!receipt.is_null()) {
-    const auto& temporary = text_member(receipt, "temporary");
-    const fs::path partial = download(work, temporary);
+void clean_group(CleanupWork& work, const ReceiptGroup& group) {
+  if (const auto& receipt = group.receipt) {
+    const fs::path partial = download(work, receipt->temporary);
     if (!partial.empty()) work.drop("download", partial);
-    for (const json& file : group.at("resume_files"))
-      work.drop("download_record", work.child("downloads/" + text_member(file, "name")));
-    drop_verified(work, text_member(receipt, "target"), receipt.at("authorization"));
-    const fs::path place = work.child("downloads/" + temporary);
+    for (const FileEvidence& file : group.resume_files)
+      work.drop("download_record", work.child("downloads/" + file.name));
+    drop_verified(work, receipt->target, receipt->authorization);
+    const fs::path place = work.child("downloads/" + receipt->temporary);
     if (stands(place) && !work.took(place))
-      return work.keep(work.child(download_receipt_path(text_member(group, "nonce"))),
+      return work.keep(work.child(download_receipt_path(group.nonce)),
                        "What stands at its partial file's place is no file");
   }
-  for (const json& file : group.at("files"))
-    work.drop("download_record", work.child("download-intents/" + text_member(file, "name")));
+  for (const FileEvidence& file : group.files)
+    work.drop("download_record", work.child("download-intents/" + file.name));
 }
 
 /// Downloads whose receipts were retired are explained by a stored descriptor.
 void clean_unpacked(CleanupWork& work) {
   const auto described = [](unsigned long long length, const std::string& sha256) {
-    return json{{"length", length}, {"hashes", {{"sha256", sha256}}}};
+    return SignedContent{.length = length, .hashes = {{"sha256", sha256}}};
   };
   for (const auto& entry : children(work.child("manifests")))
     work.consider(entry, [&] {
@@ -105,11 +98,10 @@ void clean_other_downloads(CleanupWork& work) {
 }  // namespace
 
 bool clean_downloads(CleanupWork& work) {
-  std::map<std::string, json> groups;
+  ReceiptGroups groups;
   // A receipt that cannot be explained may own any of the files, and be explained later.
-  const bool explained = work.consider(work.child("download-intents"), [&] {
-    groups = launcher_download_receipts(work.directory());
-  });
+  const bool explained = work.consider(work.child("download-intents"),
+                                       [&] { groups = read_receipt_groups(work.directory()); });
   if (!explained) return false;
   for (const auto& group : groups)
     work.consider(work.child(download_receipt_path(group.first)),

@@ -1,24 +1,13 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <vector>
 
-#include "domain/json.h"
-
 namespace tavro {
-
-/// The definition of a theme, in its folder.
-inline constexpr std::string_view kThemeDefinition = "theme.json";
-/// Bounds of the definition and of the largest file beside it, in bytes.
-inline constexpr std::size_t kThemeDefinitionBytes = 65536;
-inline constexpr std::size_t kThemeFontBytes = 4194304;
 
 struct Rgb {
   std::uint8_t r = 0;
@@ -49,8 +38,8 @@ struct ThemeFrame {
   Rgb rivet;
 };
 
-/// How the client looks. As constructed it is the built-in look, which is not put through the rules
-/// for the theme of a brand and does not keep all of them.
+/// How the client looks; `theme_definition.h` reads it. As constructed it is the built-in look,
+/// which is not put through the rules for the theme of a brand and does not keep all of them.
 struct Theme {
   Rgb background = rgb(0x14181f);
   Rgb panel = rgb(0x1d232e);
@@ -134,9 +123,6 @@ struct ThemeContrast {
   double least;
 };
 
-/// From the name of an asset to the path where it lies.
-using ThemeResolver = std::function<std::filesystem::path(const std::string& name)>;
-
 /// The look in force. Set once at the start, before other threads read it; there is no lock.
 const Theme& theme();
 void set_theme(Theme theme);
@@ -149,22 +135,5 @@ std::vector<ThemeContrast> theme_contrasts(const Theme& theme);
 
 /// Throws `invalid_theme` for the first pair that stays below its ratio.
 void require_contrasts(const Theme& theme);
-
-/// The assets that a definition uses: at most 12 distinct plain names, fonts first, then images,
-/// then notices. Throws `invalid_theme`. Only what names files is looked at.
-std::vector<std::string> theme_files(const json& definition);
-
-/// Proves a definition and the assets that it uses, each of which is read within its bound and
-/// dropped again: fonts of at most 4 MiB, notices of 256 KiB, and images of the size that their
-/// bound in pixels makes. Whatever the definition leaves out stays as built in. Throws
-/// `invalid_theme`, and what `read_file` throws.
-Theme parse_theme(const json& definition, const ThemeResolver& resolver);
-
-/// The same without the contrast rules, for whoever is to see all ratios at once.
-Theme parse_theme_before_contrasts(const json& definition, const ThemeResolver& resolver);
-
-/// The theme in a folder, or nothing if there is none or it breaks a rule: a damaged theme must not
-/// stop the client. Lets no standard exception escape.
-std::optional<Theme> load_theme(const std::filesystem::path& folder);
 
 }  // namespace tavro

@@ -149,6 +149,9 @@ json parse_json(std::string_view text, std::size_t max_bytes) {
   } catch (const json::exception& problem) {
     fail("invalid_json", problem.what());
   }
+  // The library takes a NUL byte for the end of the text, and asks for nothing behind it.
+  require(text.find('\0') == std::string_view::npos, "invalid_json",
+          "JSON goes on behind its end with a NUL byte");
   return reader.take();
 }
 

@@ -14,7 +14,8 @@ using json = nlohmann::json;
 
 /// The only way in which text becomes a value. Throws `size_limit`, `depth_limit` (more than 64
 /// enclosing containers), `duplicate_key`, `invalid_number` (any floating point number) or
-/// `invalid_json` with the parser's words. Time and memory are linear in the text.
+/// `invalid_json` with the parser's words, also for anything but white space behind the value. A
+/// byte-order mark in front is passed over. Time and memory are linear in the text.
 json parse_json(std::string_view text, std::size_t max_bytes);
 
 /// The bytes that are signed and hashed: no white space, keys in ascending byte order, strings as

@@ -76,9 +76,26 @@ EvpKey read_pem(std::string_view text) {
   return EvpKey(PEM_read_bio_PUBKEY(source.get(), nullptr, refuse_password, nullptr));
 }
 
+// A point whose order divides 8 is no key: a signature that anybody can make would hold for every
+// message, or every eighth one. These are all their encodings but for the sign, which stands in the
+// last bit; the last two are longer forms of the first two.
+constexpr std::array<std::string_view, 7> kSmallOrderPoints = {
+    "0000000000000000000000000000000000000000000000000000000000000000",
+    "0100000000000000000000000000000000000000000000000000000000000000",
+    "26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05",
+    "c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac037a",
+    "ecffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7f",
+    "edffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7f",
+    "eeffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7f"};
+
+bool has_small_order(Bytes point) {
+  point.back() &= 0x7f;
+  return std::ranges::find(kSmallOrderPoints, hex(point)) != kSmallOrderPoints.end();
+}
+
 EvpKey read_ed25519(std::string_view text) {
   const Bytes raw = unhex(text, kMaxKeyText);
-  if (raw.size() != 32) return nullptr;
+  if (raw.size() != 32 || has_small_order(raw)) return nullptr;
   return EvpKey(EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, raw.data(), raw.size()));
 }
 

@@ -8,8 +8,6 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/json_fields.h"
-#include "download/download_receipt.h"
 #include "platform/files/safe_path.h"
 #include "platform/files/torn_write.h"
 #include "platform/storage/allocated_file.h"
@@ -26,100 +24,96 @@ constexpr std::size_t max_files = 64;
 constexpr std::size_t max_entries = 96;
 
 /// What checkpoints of one partial file have in common.
-json without_position(json record) {
-  record.erase("received");
-  record.erase("prefix_sha256");
-  return record;
+bool same_file(const ResumeRecord& left, const ResumeRecord& right) {
+  return left.target == right.target && left.authorization == right.authorization &&
+         left.device == right.device && left.inode == right.inode &&
+         left.scope_sha256 == right.scope_sha256;
+}
+
+std::string scope_of(const DownloadReceipt& receipt) {
+  const json reference = receipt.release ? receipt.release->to_json() : json();
+  return digest(target_download_resume_scope(receipt.target, reference), "sha256");
 }
 
 /// The resume records of one receipt.
 class ResumeEvidence {
  public:
-  explicit ResumeEvidence(const json& receipt)
-      : receipt_(receipt),
-        temporary_(text_member(receipt, "temporary")),
-        resume_name_(resume_record_name(temporary_)),
-        scope_sha256_(digest(
-            target_download_resume_scope(text_member(receipt, "target"), receipt.at("reference")),
-            "sha256")) {}
+  explicit ResumeEvidence(const DownloadReceipt& receipt)
+      : temporary_(receipt.temporary),
+        claim_{.target = receipt.target,
+               .authorization = receipt.authorization,
+               .scope_sha256 = scope_of(receipt)} {}
 
   void take(const std::string& name, const std::string& bytes) {
     require(
         target_download_resume_file_name(name, resume_name_) && bytes.size() <= kResumeRecordBytes,
         uncertain, "Unknown resume metadata name or bound was preserved");
-    auto found = torn_write::parse_unless_torn(bytes, kResumeRecordBytes);
+    const auto found = torn_write::parse_unless_torn(bytes, kResumeRecordBytes);
     if (found)
-      take_record(std::move(*found));
+      take_record(ResumeRecord::parse(*found, temporary_));
     else
       check_torn(name, bytes);
-    files.push_back(file_evidence(name, bytes));
+    files.push_back(FileEvidence::of(name, bytes));
   }
 
-  json files = json::array();
-  /// The first whole record; null when there is none. The others name the same partial file.
-  json record;
+  std::vector<FileEvidence> files;
+  /// The first whole record, if there is one. The others name the same partial file.
+  std::optional<ResumeRecord> record;
 
  private:
-  void take_record(json found) {
-    validate_target_resume_state(found, temporary_);
-    require(found.at("target") == receipt_.at("target") &&
-                found.at("authorization") == receipt_.at("authorization") &&
-                found.at("scope_sha256") == scope_sha256_,
-            uncertain, "Resume metadata differs from its owning receipt");
-    require(record.is_null() || without_position(found) == without_position(record), uncertain,
+  void take_record(ResumeRecord found) {
+    require(claim_.covers(found), uncertain, "Resume metadata differs from its owning receipt");
+    require(!record || same_file(found, *record), uncertain,
             "Resume checkpoints disagree about native file ownership");
-    if (record.is_null()) record = std::move(found);
+    if (!record) record = std::move(found);
   }
 
   void check_torn(const std::string& name, std::string_view bytes) const {
     constexpr char unknown[] = "Unknown resume-write bytes were preserved";
     require(name != resume_name_ && torn_write::is_cut_short(bytes), uncertain, unknown);
-    const std::string start = R"({"authorization":)" + receipt_.at("authorization").dump() + ',';
+    const std::string start = R"({"authorization":)" + claim_.authorization.to_json().dump() + ',';
     require(torn_write::agrees_with_start(bytes, start), uncertain, unknown);
-    const json known = {{"kind", "tavro-target-resume"},
+    const json known = {{"kind", kResumeRecordKind},
                         {"schema_version", 1},
-                        {"scope_sha256", scope_sha256_},
-                        {"target", receipt_.at("target")},
+                        {"scope_sha256", claim_.scope_sha256},
+                        {"target", claim_.target},
                         {"temporary", temporary_}};
     for (const auto& [key, value] : known.items())
       require(torn_write::agrees_with_member(bytes, key, value), uncertain,
               "Torn resume write shows a different or future contract");
   }
 
-  const json& receipt_;
   const std::string temporary_;
-  const std::string resume_name_;
-  const std::string scope_sha256_;
+  const std::string resume_name_ = resume_record_name(temporary_);
+  const DownloadClaim claim_;
 };
 
-ResumeEvidence read_evidence(const json& receipt, const Files& files) {
+ResumeEvidence read_evidence(const DownloadReceipt& receipt, const Files& files) {
   ResumeEvidence evidence(receipt);
   require(files.size() <= max_files, "size_limit", "Frozen resume evidence exceeds its bound");
   for (const auto& [name, bytes] : files) evidence.take(name, bytes);
   return evidence;
 }
 
-/// No JSON exception leaves a reader of resume metadata.
-template <typename Reader>
-json read_resume_metadata(Reader&& reader) {
-  return read_fields(uncertain, "Unknown resume metadata was preserved",
-                     std::forward<Reader>(reader));
-}
-
-void require_recorded_file(const fs::path& partial, const json& record) {
-  const json& identity = record.at("identity");
-  AllocatedFile::verify_identity(
-      {.path = partial,
-       .size = record.at("authorization").at("length").get<unsigned long long>(),
-       .device = identity.at(0).get<unsigned long long>(),
-       .inode = identity.at(1).get<unsigned long long>(),
-       .allocated = false});
+void require_recorded_file(const fs::path& partial, const ResumeRecord& record) {
+  AllocatedFile::verify_identity({.path = partial,
+                                  .size = record.authorization.length,
+                                  .device = record.device,
+                                  .inode = record.inode,
+                                  .allocated = false});
 }
 
 }  // namespace
 
-json file_evidence(std::string_view name, std::string_view bytes) {
-  return {{"name", name}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}};
+FileEvidence FileEvidence::of(std::string_view name, std::string_view bytes) {
+  return {std::string(name), bytes.size(), digest(bytes, "sha256")};
+}
+
+json evidence_json(const std::vector<FileEvidence>& files) {
+  json list = json::array();
+  for (const FileEvidence& file : files)
+    list.push_back({{"name", file.name}, {"length", file.length}, {"sha256", file.sha256}});
+  return list;
 }
 
 std::string target_download_resume_scope(std::string_view target, const json& reference) {
@@ -132,34 +126,27 @@ bool target_download_resume_file_name(std::string_view name, std::string_view re
 }
 
 json parse_target_download_resume_files(const json& receipt, const Files& files) {
-  return read_resume_metadata([&] {
-    require(!receipt.is_null() || files.empty(), uncertain,
-            "Unowned resume evidence was preserved");
-    if (receipt.is_null()) return json::array();
-    validate_target_download_receipt(receipt);
-    return read_evidence(receipt, files).files;
-  });
+  require(!receipt.is_null() || files.empty(), uncertain, "Unowned resume evidence was preserved");
+  if (receipt.is_null()) return json::array();
+  return evidence_json(read_evidence(DownloadReceipt::parse(receipt), files).files);
 }
 
 json target_download_resume_files(const fs::path& root, const json& receipt) {
-  if (!receipt.is_null()) validate_target_download_receipt(receipt);
-  return ResumeScan(root).files(receipt);
+  if (receipt.is_null()) return json::array();
+  return evidence_json(ResumeScan(root).files(DownloadReceipt::parse(receipt)));
 }
 
 ResumeScan::ResumeScan(fs::path root) : root_(std::move(root)) {}
 
-json ResumeScan::files(const json& receipt) {
-  if (receipt.is_null()) return json::array();
-  return read_resume_metadata([&] {
-    const std::string& temporary = text_member(receipt, "temporary");
-    ResumeEvidence evidence = read_evidence(receipt, read_named(resume_record_name(temporary)));
-    if (!evidence.record.is_null()) {
-      const fs::path partial = safe_join(root_, "downloads/" + temporary, true);
-      // Between publishing the final file and removing its record a crash leaves the record alone.
-      if (bears_name(partial)) require_recorded_file(partial, evidence.record);
-    }
-    return std::move(evidence.files);
-  });
+std::vector<FileEvidence> ResumeScan::files(const DownloadReceipt& receipt) {
+  ResumeEvidence evidence =
+      read_evidence(receipt, read_named(resume_record_name(receipt.temporary)));
+  if (evidence.record) {
+    const fs::path partial = safe_join(root_, "downloads/" + receipt.temporary, true);
+    // Between publishing the final file and removing its record a crash leaves the record alone.
+    if (bears_name(partial)) require_recorded_file(partial, *evidence.record);
+  }
+  return std::move(evidence.files);
 }
 
 Files ResumeScan::read_named(const std::string& resume_name) {

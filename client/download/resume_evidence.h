@@ -7,14 +7,22 @@
 #include <vector>
 
 #include "domain/json.h"
+#include "download/download_receipt.h"
 
 /// The reader's side of the resume records that a download writes beside its partial file: for one
 /// receipt, every such record and every torn write of one is either proved to be the system's own,
 /// or stops the work. Nothing is changed or removed.
 namespace tavro {
 
-/// `name`, `length` and `sha256` of a file's bytes, as groups of receipts list them.
-json file_evidence(std::string_view name, std::string_view bytes);
+/// A file as it was read: groups of receipts list their own and the resume records.
+struct FileEvidence {
+  std::string name;
+  unsigned long long length = 0;
+  std::string sha256;
+
+  static FileEvidence of(std::string_view name, std::string_view bytes);
+};
+json evidence_json(const std::vector<FileEvidence>& files);
 
 /// The text that ties a download to its release, for `TufDownloadOptions::resume_scope`.
 /// `reference` is null for the descriptor target.
@@ -37,12 +45,12 @@ json parse_target_download_resume_files(const json& receipt,
 /// `AllocatedFile::verify_identity` and `read_file`.
 json target_download_resume_files(const std::filesystem::path& root, const json& receipt);
 
-/// The same for several receipts of one store, each null or proved already: a folder is listed
-/// once. What comes into it meanwhile is not seen.
+/// The same for several receipts of one store: a folder is listed once. What comes into it
+/// meanwhile is not seen.
 class ResumeScan {
  public:
   explicit ResumeScan(std::filesystem::path root);
-  json files(const json& receipt);
+  std::vector<FileEvidence> files(const DownloadReceipt& receipt);
 
  private:
   std::map<std::string, std::string> read_named(const std::string& resume_name);

@@ -1,20 +1,23 @@
 #include "download/target_download.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <utility>
 
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/json_fields.h"
-#include "download/download_receipt.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "tuf/download_record.h"
+#include "tuf/threshold.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
+using Phase = DownloadReceipt::Phase;
 
 constexpr char uncertain[] = "launcher_download_uncertain";
 constexpr std::size_t max_receipts = 32;
@@ -28,31 +31,23 @@ std::string_view nonce_of(std::string_view target, std::string_view temporary) {
   return nonce;
 }
 
-json receipt_of(std::string_view target, const json& reference, std::string_view state,
-                const json& description, std::string_view temporary) {
-  json receipt = {{"schema_version", 1},
-                  {"kind", kLauncherDownload},
-                  {"nonce", nonce_of(target, temporary)},
-                  {"target", target},
-                  {"temporary", temporary},
-                  {"phase", state == "resumed" ? "prepared" : state},
-                  {"authorization",
-                   {{"length", description.at("length")}, {"hashes", description.at("hashes")}}},
-                  {"reference", reference}};
-  validate_target_download_receipt(receipt);
-  return receipt;
+/// Built as a document, so that it passes every rule of a stored one.
+DownloadReceipt receipt_of(std::string_view target, const json& reference, std::string_view state,
+                           const json& description, std::string_view temporary) {
+  return DownloadReceipt::parse(
+      {{"schema_version", 1},
+       {"kind", kLauncherDownload},
+       {"nonce", nonce_of(target, temporary)},
+       {"target", target},
+       {"temporary", temporary},
+       {"phase", state == "resumed" ? "prepared" : state},
+       {"authorization",
+        {{"length", description.at("length")}, {"hashes", description.at("hashes")}}},
+       {"reference", reference}});
 }
 
-/// The same download, whoever started it and however far it has come.
-bool same_claim(const json& left, const json& right) {
-  return left.at("target") == right.at("target") &&
-         left.at("authorization") == right.at("authorization") &&
-         left.at("reference") == right.at("reference");
-}
-
-bool lists(const json& files, const std::string& name) {
-  return std::any_of(files.begin(), files.end(),
-                     [&](const json& file) { return file.at("name") == name; });
+bool lists(const std::vector<FileEvidence>& files, const std::string& name) {
+  return std::ranges::any_of(files, [&](const FileEvidence& file) { return file.name == name; });
 }
 
 }  // namespace
@@ -66,71 +61,108 @@ DownloadObserver TargetDownloads::observer(std::string target, json reference) {
   };
 }
 
-void TargetDownloads::heard(const json& receipt, bool resumed) {
+void TargetDownloads::heard(const DownloadReceipt& receipt, bool resumed) {
   static_cast<void>(path_of(receipt));  // refused before anything is read
-  const auto held = owned_.find(text_member(receipt, "nonce"));
+  const auto held = owned_.find(receipt.nonce);
   if (resumed) return resume(receipt);
   if (held != owned_.end()) return progress(held->second, receipt);
-  const Groups groups = target_download_receipts(root_);
-  if (receipt.at("phase") == "complete" && adopt(receipt, groups)) return;
+  const ReceiptGroups groups = read_receipt_groups(root_);
+  if (receipt.phase == Phase::complete && adopt(receipt, groups)) return;
   create(receipt, groups);
 }
 
 /// A final file that a crash left behind, with the receipt that fetched it: the download need not
 /// be repeated, nor the receipt linger. The nonce of this call is forgotten.
-bool TargetDownloads::adopt(const json& receipt, const Groups& groups) {
+bool TargetDownloads::adopt(const DownloadReceipt& receipt, const ReceiptGroups& groups) {
   for (const auto& [nonce, group] : groups) {
     if (owned_.contains(nonce) || !is_left_behind(group, receipt)) continue;
-    json complete = group.at("receipt");
-    complete["phase"] = "complete";
-    if (complete != group.at("receipt")) atomic_write(path_of(complete), complete.dump());
-    owned_[nonce] = std::move(complete);
+    const DownloadReceipt complete = group.receipt->in_phase(Phase::complete);
+    if (complete != *group.receipt) atomic_write(path_of(complete), complete.text());
+    owned_[nonce] = complete;
     return true;
   }
   return false;
 }
 
-bool TargetDownloads::is_left_behind(const json& group, const json& receipt) const {
-  const json& stored = group.at("receipt");
-  return !stored.is_null() && same_claim(stored, receipt) &&
-         !bears_name(safe_join(root_, "downloads/" + text_member(stored, "temporary"), true)) &&
-         bears_name(path_of(stored)) && is_stored(stored);
+bool TargetDownloads::is_left_behind(const ReceiptGroup& group,
+                                     const DownloadReceipt& receipt) const {
+  return group.receipt && group.receipt->same_claim(receipt) &&
+         !bears_name(download(group.receipt->temporary)) && bears_name(path_of(*group.receipt)) &&
+         is_stored(*group.receipt);
 }
 
-void TargetDownloads::resume(const json& receipt) {
-  const Groups groups = target_download_receipts(root_);
-  const auto group = groups.find(text_member(receipt, "nonce"));
-  require(group != groups.end() && group->second.at("receipt") == receipt && is_stored(receipt) &&
-              lists(group->second.at("resume_files"),
-                    resume_record_name(text_member(receipt, "temporary"))),
+void TargetDownloads::resume(const DownloadReceipt& receipt) {
+  const ReceiptGroups groups = read_receipt_groups(root_);
+  const auto group = groups.find(receipt.nonce);
+  require(group != groups.end() && group->second.receipt == receipt && is_stored(receipt) &&
+              lists(group->second.resume_files, resume_record_name(receipt.temporary)),
           uncertain, "Resume requires the unchanged prepared receipt and matching checkpoint");
-  owned_[text_member(receipt, "nonce")] = receipt;
+  owned_[receipt.nonce] = receipt;
 }
 
-void TargetDownloads::progress(const json& held, const json& receipt) {
-  require(held.at("phase") == "prepared" && receipt.at("phase") == "complete" && is_stored(held),
+void TargetDownloads::progress(const DownloadReceipt& held, const DownloadReceipt& receipt) {
+  require(held.phase == Phase::prepared && receipt.phase == Phase::complete && is_stored(held),
           uncertain, "Download ownership changed before verification completed");
-  atomic_write(path_of(receipt), receipt.dump());
-  owned_[text_member(receipt, "nonce")] = receipt;
+  atomic_write(path_of(receipt), receipt.text());
+  owned_[receipt.nonce] = receipt;
 }
 
-void TargetDownloads::create(const json& receipt, const Groups& groups) {
-  const std::string& nonce = text_member(receipt, "nonce");
-  require(!groups.contains(nonce), uncertain,
+void TargetDownloads::create(const DownloadReceipt& receipt, const ReceiptGroups& groups) {
+  require(!groups.contains(receipt.nonce), uncertain,
           "New download nonce already belongs to retained metadata");
-  require(groups.size() < max_receipts, "launcher_storage_full",
+  std::size_t count = groups.size();
+  if (count >= max_receipts) count -= drop_ownerless(groups);
+  require(count < max_receipts, "launcher_storage_full",
           "Retained download receipts reached their capacity", {"self cleanup"});
   // Born whole, and refused if the name exists.
-  atomic_create(path_of(receipt), receipt.dump());
-  owned_[nonce] = receipt;
+  atomic_create(path_of(receipt), receipt.text());
+  owned_[receipt.nonce] = receipt;
 }
 
-bool TargetDownloads::is_stored(const json& receipt) const {
-  return read_file(path_of(receipt), kDownloadReceiptBytes) == receipt.dump();
+/// How many receipts went.
+std::size_t TargetDownloads::drop_ownerless(const ReceiptGroups& groups) const {
+  std::size_t dropped = 0;
+  for (const auto& [nonce, group] : groups) {
+    if (owned_.contains(nonce) || !owns_nothing(group)) continue;
+    remove_receipt(*group.receipt);
+    ++dropped;
+  }
+  return dropped;
 }
 
-fs::path TargetDownloads::path_of(const json& receipt) const {
-  return safe_join(root_, download_receipt_path(text_member(receipt, "nonce")), true);
+/// A whole receipt alone, without partial file or record, and without the file that it is for: a
+/// full disk or a bad mirror leaves these, one a try.
+bool TargetDownloads::owns_nothing(const ReceiptGroup& group) const {
+  const auto& receipt = group.receipt;
+  if (!receipt || group.files.size() != 1 || !group.resume_files.empty()) return false;
+  if (bears_name(download(receipt->temporary)) || !is_stored(*receipt)) return false;
+  const fs::path file = download(receipt->target);
+  if (!bears_name(file)) return true;
+  // Another file of that name is an earlier or later release's.
+  try {
+    verify_target_file(file, receipt->authorization.to_json(), nullptr);
+    return false;
+  } catch (const Error& error) {
+    return error.code == "length_mismatch" || error.code == "hash_mismatch";
+  }
+}
+
+void TargetDownloads::remove_receipt(const DownloadReceipt& receipt) const {
+  const fs::path path = path_of(receipt);
+  native_files::remove_or_trash(path, path.parent_path());
+  sync_directory(path.parent_path());
+}
+
+bool TargetDownloads::is_stored(const DownloadReceipt& receipt) const {
+  return read_file(path_of(receipt), kDownloadReceiptBytes) == receipt.text();
+}
+
+fs::path TargetDownloads::path_of(const DownloadReceipt& receipt) const {
+  return safe_join(root_, download_receipt_path(receipt.nonce), true);
+}
+
+fs::path TargetDownloads::download(const std::string& name) const {
+  return safe_join(root_, "downloads/" + name, true);
 }
 
 }  // namespace tavro

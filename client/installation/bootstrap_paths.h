@@ -29,7 +29,7 @@ struct BootstrapPaths {
   std::filesystem::path rejected;
   /// Held by whoever stages or applies.
   std::filesystem::path lock;
-  /// Stands, empty, while replaced files could not be removed.
+  /// Stands, empty, from the end of an update until all that it replaced is removed.
   std::filesystem::path old_files;
 };
 

@@ -4,7 +4,7 @@
 
 #include <exception>
 
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 #include "domain/input.h"
 #include "domain/json.h"
 #include "domain/product_name.h"

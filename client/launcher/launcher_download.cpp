@@ -5,11 +5,9 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
-#include "download/download_receipt.h"
+#include "download/receipt_group.h"
 #include "download/resume_evidence.h"
 #include "launcher/launcher_record.h"
-#include "platform/files/durable_files.h"
-#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/native_platform.h"
 #include "tuf/threshold.h"
@@ -43,16 +41,15 @@ Authority stored_authority(const fs::path& root, const json& reference) {
   return authority;
 }
 
-bool authorises(const Authority& authority, const json& receipt) {
-  const json& signed_target = receipt.at("authorization");
-  if (receipt.at("phase") != "complete") return false;
-  if (is_launcher_descriptor_target(text_member(receipt, "target")))
-    return signed_target.at("length") == authority.descriptor_bytes;
+bool authorises(const Authority& authority, const DownloadReceipt& receipt) {
+  const SignedContent& content = receipt.authorization;
+  if (receipt.phase != DownloadReceipt::Phase::complete) return false;
+  if (is_launcher_descriptor_target(receipt.target))
+    return content.length == authority.descriptor_bytes;
   const LauncherManifest& manifest = authority.manifest;
-  return receipt.at("reference") == authority.reference &&
-         receipt.at("target") == manifest.archive_target &&
-         signed_target.at("length") == manifest.archive_length &&
-         signed_target.at("hashes").at("sha256") == manifest.archive_sha256;
+  return receipt.release && receipt.release->to_json() == authority.reference &&
+         receipt.target == manifest.archive_target && content.length == manifest.archive_length &&
+         content.hashes.at("sha256") == manifest.archive_sha256;
 }
 
 }  // namespace
@@ -75,23 +72,22 @@ void LauncherDownloads::retire(const json& reference) {
   owned_.clear();
 }
 
-void LauncherDownloads::retire_one(const json& receipt, std::string_view manifest_sha256) const {
-  const std::string& target = text_member(receipt, "target");
-  require(!bears_name(safe_join(root_, "downloads/" + text_member(receipt, "temporary"), true)),
-          uncertain, "A completed download temporary file reappeared");
-  const fs::path file = safe_join(root_, "downloads/" + target, true);
-  verify_target_file(file, receipt.at("authorization"), nullptr);
-  require(!is_launcher_descriptor_target(target) || digest_file(file, "sha256") == manifest_sha256,
+void LauncherDownloads::retire_one(const DownloadReceipt& receipt,
+                                   std::string_view manifest_sha256) const {
+  require(!bears_name(safe_join(root_, "downloads/" + receipt.temporary, true)), uncertain,
+          "A completed download temporary file reappeared");
+  const fs::path file = safe_join(root_, "downloads/" + receipt.target, true);
+  verify_target_file(file, receipt.authorization.to_json(), nullptr);
+  require(!is_launcher_descriptor_target(receipt.target) ||
+              digest_file(file, "sha256") == manifest_sha256,
           uncertain, "Descriptor cache differs from its durable manifest");
   require(is_stored(receipt), uncertain, "Download receipt changed before retirement");
-  const auto groups = target_download_receipts(root_);
-  const auto group = groups.find(text_member(receipt, "nonce"));
-  require(group != groups.end() && group->second.at("receipt") == receipt, uncertain,
+  const ReceiptGroups groups = read_receipt_groups(root_);
+  const auto group = groups.find(receipt.nonce);
+  require(group != groups.end() && group->second.receipt == receipt, uncertain,
           "Download ownership changed before retirement");
-  if (group->second.at("files").size() != 1 || !group->second.at("resume_files").empty()) return;
-  const fs::path path = path_of(receipt);
-  native_files::remove_or_trash(path, path.parent_path());
-  sync_directory(path.parent_path());
+  if (group->second.files.size() == 1 && group->second.resume_files.empty())
+    remove_receipt(receipt);
 }
 
 }  // namespace tavro

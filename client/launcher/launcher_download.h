@@ -34,7 +34,7 @@ class LauncherDownloads : public TargetDownloads {
   void retire(const json& reference);
 
  private:
-  void retire_one(const json& receipt, std::string_view manifest_sha256) const;
+  void retire_one(const DownloadReceipt& receipt, std::string_view manifest_sha256) const;
 };
 
 }  // namespace tavro

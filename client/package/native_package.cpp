@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "documents/bootstrap_contract.h"
+#include "documents/theme_definition.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/identifier.h"

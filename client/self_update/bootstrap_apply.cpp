@@ -1,86 +1,35 @@
 #include "self_update/bootstrap_apply.h"
 
 #include <algorithm>
-#include <csignal>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 
-#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "domain/product_name.h"
 #include "installation/data_folder.h"
+#include "installation/installed_brand.h"
 #include "platform/files/durable_files.h"
-#include "platform/files/file_locks.h"
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
-#include "platform/process/child_process.h"
-#include "platform/process/interrupt.h"
 #include "self_update/bootstrap_moves.h"
 #include "self_update/bootstrap_release.h"
+#include "self_update/held_signals.h"
+#include "self_update/start_check.h"
+#include "self_update/update_notice.h"
+#include "self_update/waiting_update.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
+using Undo = BootstrapMoves::Undo;
 
-constexpr milliseconds check_period{20};
-constexpr milliseconds check_grace{250};
-
-/// Keeps a Ctrl+C from cutting the work where the new bootstrap is in place and has not run yet:
-/// the user might then be left with one that never starts. The signal follows when this ends.
-class HeldInterrupt {
- public:
-  HeldInterrupt() {
-    try {
-      interrupt_ = std::make_unique<ConsoleInterrupt>(false);
-    } catch (const Error&) {
-      // The caller listens itself.
-    }
-  }
-  HeldInterrupt(const HeldInterrupt&) = delete;
-  HeldInterrupt& operator=(const HeldInterrupt&) = delete;
-  ~HeldInterrupt() {
-    const bool came = requested();
-    interrupt_.reset();
-    if (came) (void)std::raise(SIGINT);
-  }
-
-  bool requested() const { return interrupt_ && interrupt_->requested(); }
-
- private:
-  std::unique_ptr<ConsoleInterrupt> interrupt_;
-};
-
-enum class Verdict { passed, failed, open };
-
-/// The one test of the new image. It shares the console, so that a Ctrl+C ends it too and says
-/// nothing about it.
-Verdict check_start(const fs::path& image, milliseconds limit, const HeldInterrupt& interrupt) {
-  try {
-    ChildProcess child(image, {}, image.parent_path(), {{bootstrap_start_check_environment, "1"}},
-                       ChildStreams::output_to_errors, ChildEnvironment::whole, {},
-                       ChildGroup::inherited, ChildControl::none);
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-      const auto status = child.poll();
-      if (status == 0) return Verdict::passed;
-      const bool late = std::chrono::steady_clock::now() >= deadline;
-      const bool stop = interrupt.requested();
-      if (!status && !late && !stop) {
-        std::this_thread::sleep_for(check_period);
-        continue;
-      }
-      if (!status) child.terminate(check_grace);
-      return stop ? Verdict::open : Verdict::failed;
-    }
-  } catch (const std::exception&) {
-    return Verdict::failed;
-  }
+NativeFileLock lifetime_lock(const BootstrapPaths& paths, LockMode mode) {
+  return installation_lock(DataPaths(paths.root).bootstrap_lock, NativeLockSharing::none, mode);
 }
 
 std::optional<SnapshotManifest> read_release(const std::string& text) {
@@ -99,49 +48,138 @@ std::optional<SnapshotManifest> read_working(const BootstrapPaths& paths) {
   }
 }
 
-/// Every file stands where it was staged, or in place when an earlier run has moved it.
-bool is_unchanged(const BootstrapPaths& paths, const SnapshotManifest& release) {
-  try {
-    return std::ranges::all_of(release.files, [&](const auto& file) {
-      const fs::path staged = safe_join(paths.update, file.first, true);
-      const fs::path installed = safe_join(paths.installed, file.first, true);
-      return holds_file(stands(staged) ? staged : installed, file.second);
+/// The first file that stands neither where it was staged nor, after an earlier run has moved it,
+/// in place; empty when all do.
+std::string changed_file(const BootstrapPaths& paths, const SnapshotManifest& release) {
+  for (const auto& [path, file] : release.files) {
+    const fs::path staged = safe_join(paths.update, path, true);
+    const fs::path installed = safe_join(paths.installed, path, true);
+    if (!holds_file(stands(staged) ? staged : installed, file)) return path;
+  }
+  return {};
+}
+
+/// One update on its way, as its record tells it.
+class WaitingUpdate {
+ public:
+  explicit WaitingUpdate(const BootstrapPaths& paths)
+      : paths_(paths),
+        text_(read_waiting_update(paths)),
+        release_(read_release(text_)),
+        moves_(paths, release_, read_working(paths)),
+        damage_(find_damage()) {}
+
+  const std::string& text() const { return text_; }
+
+  /// Whether the new image has yet to run where it is staged. Afterwards it may lack files that
+  /// have moved, and moves only begin once it has run.
+  bool is_untested() const { return damage_.empty() && !moves_.begun(); }
+
+  /// False when the update is given up.
+  bool passes_staged(milliseconds limit, const HeldSignals& signals) {
+    const fs::path image = safe_join(paths_.update, release_->executable, true);
+    const auto verdict = check_start(image, limit, signals);
+    if (verdict == StartVerdict::failed) give_up(not_started());
+    return verdict == StartVerdict::passed;
+  }
+
+  void apply(const fs::path& image, milliseconds limit, const HeldSignals& signals) {
+    if (!damage_.empty()) return give_up(damage_);
+    put_in_place();
+    switch (check_start(image, limit, signals)) {
+      case StartVerdict::passed:
+        return commit();
+      case StartVerdict::failed:
+      case StartVerdict::unmade:
+        return give_up(not_started());
+      case StartVerdict::stopped:
+        moves_.undo(Undo::for_later);
+    }
+  }
+
+ private:
+  std::string find_damage() const {
+    if (!release_) return path_utf8(paths_.pending) + " was damaged or is not for this version";
+    try {
+      const auto changed = changed_file(paths_, *release_);
+      if (changed.empty()) return {};
+      return path_utf8(paths_.update / changed) + " was changed";
+    } catch (const std::exception& problem) {
+      return problem.what();
+    }
+  }
+
+  std::string not_started() const {
+    return "build " + release_->build_id + " does not start on this machine";
+  }
+
+  /// One that cannot be read does not tell which files are no longer needed.
+  void require_working_manifest() const {
+    try {
+      (void)working_bootstrap(paths_);
+    } catch (const Error& error) {
+      fail(error.code, path_utf8(paths_.manifest) + ": " + error.what() +
+                           branded("; repair Tavro by running its installer again"));
+    }
+  }
+
+  void put_in_place() {
+    try {
+      require_working_manifest();
+      moves_.put_in_place();
+    } catch (const std::exception&) {
+      moves_.undo(Undo::for_later);
+      throw;
+    }
+  }
+
+  /// Takes the update away. While a part of it cannot be moved back it keeps waiting, so that the
+  /// next start goes on with that: without the record, the old files would count as leftovers.
+  void give_up(const std::string& reason) {
+    require(moves_.undo(Undo::for_good), "file_write", [&] {
+      return reason + ", and its files in " + path_utf8(paths_.installed) +
+             " cannot all be moved back";
     });
-  } catch (const std::exception&) {
-    return false;
+    moves_.synchronize();
+    // First, to make room for the note. A run that ends here leaves a record without its files,
+    // which the next start gives up as well.
+    remove_path_quietly(paths_.update);
+    note_rejected_bootstrap(paths_, text_);
+    remove_record();
+    tell_about_update(branded("A Tavro update was given up: ") + reason +
+                      branded(". Tavro stays as it is until a newer update comes."));
   }
-}
 
-/// Takes the update away. While a part of it cannot be moved back it keeps waiting, so that the
-/// next start goes on with that: without the record, the old files would count as leftovers.
-void reject(const BootstrapPaths& paths, BootstrapMoves& moves, const std::string& text) {
-  if (!moves.undo()) return;
-  moves.synchronize();
-  atomic_write(paths.rejected, digest(text, "sha256"));
-  native_files::remove_or_trash(paths.pending, {});
-  remove_path_quietly(paths.update);
-}
-
-void commit(const BootstrapPaths& paths, const BootstrapMoves& moves, const std::string& text) {
-  // Only now: a power cut before this brings back the names that are known to start.
-  moves.synchronize();
-  // The commit.
-  atomic_write(paths.manifest, text);
-  native_files::remove_or_trash(paths.pending, {});
-  remove_path_quietly(paths.update);
-  remove_old_files(paths);
-}
-
-/// False when the files could not all be moved in.
-bool put_in_place(const BootstrapPaths& paths, BootstrapMoves& moves) {
-  try {
-    // A manifest that cannot be read does not tell which files are no longer needed.
-    (void)working_bootstrap(paths);
-    moves.put_in_place();
-    return true;
-  } catch (const std::exception&) {
-    return false;
+  void commit() {
+    // Only now: a power cut before this brings back the names that are known to start.
+    moves_.synchronize();
+    // The commit.
+    atomic_write(paths_.manifest, text_);
+    remove_record();
   }
+
+  void remove_record() {
+    mark_update_leftovers(paths_);
+    native_files::remove_or_trash(paths_.pending, {});
+    remove_update_leftovers(paths_);
+  }
+
+  const BootstrapPaths& paths_;
+  std::string text_;
+  std::optional<SnapshotManifest> release_;
+  BootstrapMoves moves_;
+  std::string damage_;
+};
+
+/// Whether the update may go on to its moves: its image has run where it is staged. Meanwhile only
+/// whoever changes the installation is kept out, so that a client can be started during a long
+/// test.
+bool is_tested(const BootstrapPaths& paths, const std::string& text, milliseconds limit,
+               const HeldSignals& signals) {
+  const auto lifetime = lifetime_lock(paths, LockMode::shared);
+  if (stands(DataPaths(paths.root).incomplete_marker) || !stands(paths.pending)) return false;
+  WaitingUpdate update(paths);
+  return update.text() == text && (!update.is_untested() || update.passes_staged(limit, signals));
 }
 
 }  // namespace
@@ -149,29 +187,23 @@ bool put_in_place(const BootstrapPaths& paths, BootstrapMoves& moves) {
 void apply_staged_bootstrap(const BootstrapPaths& paths, const fs::path& image,
                             milliseconds check_limit) {
   if (!stands(paths.pending) && !stands(paths.old_files)) return;
-  const HeldInterrupt interrupt;
-  const NativeFileLock update(paths.lock, true, NativeLockSharing::read, LockMode::exclusive);
-  // No other bootstrap may run while files move.
-  const NativeFileLock lifetime(DataPaths(paths.root).bootstrap_lock, true, NativeLockSharing::none,
-                                LockMode::exclusive);
-  remove_torn_writes(paths, {paths.pending, paths.manifest, paths.rejected, paths.old_files});
-  if (!stands(paths.pending)) return remove_old_files(paths);
-
-  const std::string text = read_file(paths.pending, bootstrap_descriptor_bytes);
-  const auto release = read_release(text);
-  BootstrapMoves moves(paths, release, read_working(paths));
-  if (!release || !is_unchanged(paths, *release)) return reject(paths, moves, text);
-  const auto verdict =
-      put_in_place(paths, moves) ? check_start(image, check_limit, interrupt) : Verdict::open;
-  switch (verdict) {
-    case Verdict::passed:
-      return commit(paths, moves, text);
-    case Verdict::failed:
-      return reject(paths, moves, text);
-    case Verdict::open:
-      // The update waits for the next start.
-      moves.undo();
+  use_installed_brand(paths.root);
+  if (stands(paths.pending)) require_writable_volume(paths);
+  const HeldSignals signals;
+  const auto update = installation_lock(paths.lock, NativeLockSharing::read, LockMode::exclusive);
+  std::string text;
+  {
+    // No other bootstrap may run while files move, and none is looked for in vain.
+    const auto lifetime = lifetime_lock(paths, LockMode::exclusive);
+    remove_torn_writes(paths, {paths.pending, paths.manifest, paths.rejected, paths.old_files});
+    if (!stands(paths.pending)) return remove_update_leftovers(paths);
+    text = read_waiting_update(paths);
   }
+  if (!is_tested(paths, text, check_limit, signals)) return;
+  const auto lifetime = lifetime_lock(paths, LockMode::exclusive);
+  if (stands(DataPaths(paths.root).incomplete_marker) || !stands(paths.pending)) return;
+  WaitingUpdate tested(paths);
+  if (tested.text() == text) tested.apply(image, check_limit, signals);
 }
 
 }  // namespace tavro

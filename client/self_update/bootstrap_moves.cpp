@@ -1,15 +1,20 @@
 #include "self_update/bootstrap_moves.h"
 
+#include <fcntl.h>
+
 #include <exception>
 #include <set>
 #include <system_error>
 
 #include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/input.h"
 #include "domain/relative_path.h"
 #include "installation/data_folder.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/private_storage.h"
 #include "platform/files/running_files.h"
+#include "platform/host/host.h"
 #include "platform/host/system_calls.h"
 
 namespace tavro {
@@ -76,27 +81,18 @@ class TakenNames {
   std::set<std::string> folders_;
 };
 
-/// Gives what is about to be replaced its second name. Where it can have only one, as a folder that
-/// makes way for a file, it moves.
-void keep_aside(const fs::path& target, const fs::path& aside) {
-  if (same_file(target, aside)) return;
+/// Gives what is about to be replaced its second name; false where it can have only one.
+bool keep_aside(const fs::path& target, const fs::path& aside) {
+  if (same_file(target, aside)) return true;
   // The staged file is here still, so that this name is left from an earlier update.
   native_files::remove_or_trash(aside, {});
-  if (!give_name(target, aside)) native_files::rename_replace(target, aside);
+  return give_name(target, aside);
 }
 
-/// Gives the file in place its staged name again, so that the update can be applied once more. Best
-/// effort: without that name the next start refuses the update.
-void keep_staged(const fs::path& target, const fs::path& aside, const fs::path& staged) {
-  try {
-    private_directory(staged.parent_path());
-    if (is_directory_itself(aside))
-      native_files::rename_replace(target, staged);
-    else
-      give_name(target, staged);
-  } catch (const std::exception&) {
-    return;
-  }
+bool exchange(const fs::path& left, const fs::path& right) {
+  return retried([&] {
+           return host::exchange_names(AT_FDCWD, left.c_str(), AT_FDCWD, right.c_str());
+         }) == 0;
 }
 
 }  // namespace
@@ -126,6 +122,7 @@ BootstrapMoves::BootstrapMoves(const BootstrapPaths& paths,
   if (update) order_.push_back(update->executable);
   // Only now: until the new entry point is in place, the old one may need them.
   order_.insert(order_.end(), unneeded.begin(), unneeded.end());
+  complete_exchanges();
   moves_ = earlier_moves();
 }
 
@@ -158,6 +155,23 @@ std::optional<BootstrapMoves::Move> BootstrapMoves::earlier_move(const std::stri
   return is_new ? std::optional(Move{move.staged, move.target, {}}) : std::nullopt;
 }
 
+void BootstrapMoves::complete_exchanges() const {
+  for (const auto& [path, file] : update_) {
+    const Move move = places(path);
+    if (!working_.contains(path) || !is_file_itself(move.target)) continue;
+    const auto is_new = [&](const fs::path& place) {
+      return lists(update_, path, place) && !lists(working_, path, place);
+    };
+    const auto is_old = [&](const fs::path& place) {
+      return lists(working_, path, place) && !lists(update_, path, place);
+    };
+    if (!stands(move.staged) && is_old(move.target) && is_new(move.aside))
+      native_files::rename_replace(move.aside, move.staged);
+    else if (is_old(move.staged) && is_new(move.target))
+      native_files::rename_replace(move.staged, move.aside);
+  }
+}
+
 std::vector<BootstrapMoves::Move> BootstrapMoves::earlier_moves() const {
   std::vector<Move> moves;
   for (const auto& path : order_)
@@ -183,11 +197,12 @@ void BootstrapMoves::move_in(const std::string& path) {
     return;
   }
   private_directory(move.target.parent_path());
-  if (stands(move.target))
-    keep_aside(move.target, move.aside);
-  else if (!may_return(path, move.aside))
-    native_files::remove_or_trash(move.aside, {});
-  native_files::rename_replace(move.staged, move.target);
+  if (stands(move.target)) {
+    replace(move);
+  } else {
+    if (!may_return(path, move.aside)) native_files::remove_or_trash(move.aside, {});
+    native_files::rename_replace(move.staged, move.target);
+  }
   if (!stands(move.aside)) move.aside.clear();
   moves_.push_back(move);
 }
@@ -196,29 +211,60 @@ void BootstrapMoves::put_in_place() {
   for (const auto& path : order_) update_.contains(path) ? move_in(path) : set_aside(path);
 }
 
-void BootstrapMoves::take_back(const Move& move) {
-  if (!move.staged.empty()) keep_staged(move.target, move.aside, move.staged);
+void BootstrapMoves::replace(const Move& move) {
+  if (keep_aside(move.target, move.aside))
+    return native_files::rename_replace(move.staged, move.target);
+  if (is_file_itself(move.target) && exchange(move.staged, move.target))
+    return native_files::rename_replace(move.staged, move.aside);
+  // A folder that makes way for a file, or a file system that knows neither.
+  native_files::rename_replace(move.target, move.aside);
+  native_files::rename_replace(move.staged, move.target);
+}
+
+void BootstrapMoves::restage(const Move& move, bool& restored) {
+  private_directory(move.staged.parent_path());
+  if (same_file(move.target, move.staged) || give_name(move.target, move.staged)) return;
+  const bool replaced_file = is_file_itself(move.aside);
+  restored = replaced_file && exchange(move.target, move.aside);
+  require(restored || !replaced_file, "file_write",
+          [&] { return "Cannot move " + path_utf8(move.target) + " back"; });
+  native_files::rename_replace(restored ? move.aside : move.target, move.staged);
+}
+
+void BootstrapMoves::take_back(const Move& move, Undo undo) {
+  bool restored = false;
+  try {
+    if (!move.staged.empty()) restage(move, restored);
+  } catch (const std::exception&) {
+    if (undo == Undo::for_later) throw;
+    // What is given up needs no staged copy.
+  }
+  if (restored) return;
   if (move.aside.empty()) {
     native_files::remove_or_trash(move.target, {});
     return;
   }
-  // A folder that the update made in the place of a file; only an empty one can go.
-  if (is_directory_itself(move.target)) native_files::remove_or_trash(move.target, {});
+  // A folder for a file, or a file for a folder; of folders only an empty one can go.
+  if (is_directory_itself(move.target) != is_directory_itself(move.aside))
+    native_files::remove_or_trash(move.target, {});
   native_files::rename_replace(move.aside, move.target);
 }
 
-bool BootstrapMoves::undo() noexcept {
+bool BootstrapMoves::undo(Undo undo) noexcept {
   // A file may show itself as moved only once what had taken its folder's place is back.
   for (int round = 0; round < 2 && !moves_.empty(); ++round) {
-    for (auto move = moves_.rbegin(); move != moves_.rend(); ++move) {
+    bool stuck = false;
+    for (auto move = moves_.rbegin(); move != moves_.rend() && !stuck; ++move) {
       try {
-        take_back(*move);
+        take_back(*move, undo);
       } catch (const std::exception&) {
-        // The others still return; what does not is found below.
-        continue;
+        // An update that waits stays moved in up to here, as a run that was cut off leaves it. Of
+        // one that is given up the others still return; what does not is found below.
+        stuck = undo == Undo::for_later;
       }
     }
     moves_ = earlier_moves();
+    if (stuck) break;
   }
   return moves_.empty();
 }

@@ -29,6 +29,9 @@ namespace tavro {
 ///   installed file is as the old manifest says. Otherwise, if the installed file has the update's
 ///   digest and not the one in the old manifest, it is new and must go.
 /// - A file of the old manifest is missing and has a ".old": it was set aside and must return.
+/// - Where a file can have only one name, or the disk is too full for another, two names are
+///   exchanged in one step and the other one moves on in a second: a staged name that holds the old
+///   file, or a ".old" that holds the staged one, is between the two, and the second step follows.
 /// - An update whose descriptor cannot be read is known by nothing: then a ".old" returns that is
 ///   proved to be a file of the old manifest in whose place something else stands.
 ///
@@ -37,18 +40,27 @@ class BootstrapMoves {
  public:
   using Inventory = std::map<std::string, PackageFile>;
 
-  /// Finds what earlier runs have moved. `update` is nothing for a descriptor that cannot be read,
+  /// What an undo is for: an update that waits keeps every staged file, and one that is given up
+  /// brings every old file back, with or without them.
+  enum class Undo { for_later, for_good };
+
+  /// Finds what earlier runs have moved, and completes an exchange that was cut off: `file_write`
+  /// when it cannot. `update` is nothing for a descriptor that cannot be read,
   /// `working` for a working bootstrap without a manifest. The paths must outlive the object.
   BootstrapMoves(const BootstrapPaths& paths, const std::optional<SnapshotManifest>& update,
                  const std::optional<SnapshotManifest>& working);
+
+  /// Whether anything of the update is in the installed tree.
+  bool begun() const noexcept { return !moves_.empty(); }
 
   /// Moves what is still staged, and sets aside what the update no longer holds. Throws
   /// `file_write`, `file_remove` or what `private_directory` throws; the moves so far are kept.
   void put_in_place();
 
-  /// Takes all moves back, each that fails passed over; the staged copies return too where they
-  /// can. True when nothing of the update is left in the installed tree.
-  bool undo() noexcept;
+  /// Takes all moves back, the last one first. Of an update that is given up each that fails is
+  /// passed over; one that waits stays moved in up to the first that fails. True when nothing of
+  /// the update is left in the installed tree.
+  bool undo(Undo undo) noexcept;
 
   /// Makes the names of both inventories durable. Throws `file_sync`.
   void synchronize() const;
@@ -69,9 +81,15 @@ class BootstrapMoves {
   /// The move of this file by an earlier run.
   std::optional<Move> earlier_move(const std::string& path) const;
   std::vector<Move> earlier_moves() const;
+  void complete_exchanges() const;
   void set_aside(const std::string& path);
   void move_in(const std::string& path);
-  static void take_back(const Move& move);
+  /// Puts the staged file where the old one is, which keeps its second name.
+  static void replace(const Move& move);
+  /// Gives the file in place its staged name again. `restored` when the old file stands in its
+  /// place since.
+  static void restage(const Move& move, bool& restored);
+  static void take_back(const Move& move, Undo undo);
 
   const BootstrapPaths& paths_;
   Inventory update_;

@@ -5,9 +5,13 @@
 #include <filesystem>
 
 #include "documents/bootstrap_contract.h"
+#include "domain/crypto.h"
 #include "domain/error.h"
+#include "domain/input.h"
 #include "domain/json_fields.h"
 #include "installation/bootstrap_paths.h"
+#include "installation/data_folder.h"
+#include "platform/files/durable_files.h"
 #include "platform/host/native_platform.h"
 
 namespace tavro {
@@ -15,6 +19,7 @@ namespace {
 
 constexpr std::size_t max_files = 4096;
 constexpr std::uint64_t max_bytes = 1073741824;
+constexpr unsigned long long rejected_bytes = 128;
 
 /// Whether the file, or a folder on the way to it, would be taken for something replaced.
 bool bears_replaced_extension(const std::filesystem::path& file) {
@@ -60,6 +65,15 @@ SnapshotManifest parse_bootstrap_update(std::string_view text) {
     validate_bootstrap_update(manifest);
     return manifest;
   });
+}
+
+bool is_rejected_bootstrap(const BootstrapPaths& paths, std::string_view text) {
+  return stands(paths.rejected) &&
+         read_file(paths.rejected, rejected_bytes) == digest(text, "sha256");
+}
+
+void note_rejected_bootstrap(const BootstrapPaths& paths, std::string_view text) {
+  atomic_write(paths.rejected, digest(text, "sha256"));
 }
 
 }  // namespace tavro

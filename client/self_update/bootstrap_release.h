@@ -8,6 +8,8 @@
 
 namespace tavro {
 
+struct BootstrapPaths;
+
 /// Bound on a bootstrap's descriptor, published or stored, in bytes.
 inline constexpr std::size_t bootstrap_descriptor_bytes = 524288;
 
@@ -27,5 +29,10 @@ void check_bootstrap_inventory(const SnapshotManifest& manifest);
 /// Reads the descriptor of an update. Throws as `parse_json`, `SnapshotManifest::parse` and
 /// `validate_bootstrap_update`, and `invalid_manifest`.
 SnapshotManifest parse_bootstrap_update(std::string_view text);
+
+/// The note of the release that was given up last, by the digest of its descriptor's text. Reading
+/// throws as `read_file`, noting as `atomic_write`.
+bool is_rejected_bootstrap(const BootstrapPaths& paths, std::string_view text);
+void note_rejected_bootstrap(const BootstrapPaths& paths, std::string_view text);
 
 }  // namespace tavro

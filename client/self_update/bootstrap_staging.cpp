@@ -4,7 +4,6 @@
 
 #include <optional>
 
-#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
@@ -26,8 +25,6 @@ namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr unsigned long long rejected_bytes = 128;
 
 /// What staging needs on the way. It goes before and after: a download that was cut off is not gone
 /// on with, and must not be joined by the next one's.
@@ -66,8 +63,7 @@ std::optional<std::string> published_descriptor(const BootstrapPaths& paths, Tuf
 std::string decision(const BootstrapPaths& paths, const std::string& text) {
   if (stands(paths.manifest) && read_file(paths.manifest, bootstrap_descriptor_bytes) == text)
     return "current";
-  if (stands(paths.rejected) && read_file(paths.rejected, rejected_bytes) == digest(text, "sha256"))
-    return "rejected";
+  if (is_rejected_bootstrap(paths, text)) return "rejected";
   return "staged";
 }
 

@@ -46,6 +46,7 @@ NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_ro
   status.bootstrap_build = current_bootstrap(paths).build_id;
   status.launcher_build = launcher_build(paths.root);
   status.bootstrap_update_pending = bootstrap_update_pending(paths.root);
+  status.bootstrap_update_problem = bootstrap_update_obstacle(paths.root);
   for (const auto& shortcut : owned_native_shortcuts(paths.root))
     status.shortcuts.push_back(path_from_utf8(shortcut.path));
   status.last_operation = last_operation(paths);
@@ -62,6 +63,8 @@ json NativeInstallStatus::to_json() const {
                    {"bootstrap_update_pending", bootstrap_update_pending},
                    {"shortcuts", path_array(shortcuts)},
                    {"last_operation", nullptr}};
+  if (!bootstrap_update_problem.empty())
+    document["bootstrap_update_problem"] = bootstrap_update_problem;
   if (last_operation) document["last_operation"] = operation_json(*last_operation);
   return document;
 }

@@ -21,6 +21,8 @@ struct NativeInstallStatus {
   /// Empty when no launcher is known.
   std::string launcher_build;
   bool bootstrap_update_pending = false;
+  /// What keeps that update from the next start, in a sentence; the document names it only then.
+  std::string bootstrap_update_problem;
   /// Shortcuts recorded as created by this installation.
   std::vector<std::filesystem::path> shortcuts;
   std::optional<NativeSetupRecord> last_operation;

@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "documents/theme_definition.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
 #include "installation/bootstrap_paths.h"

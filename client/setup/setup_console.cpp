@@ -20,8 +20,6 @@
 namespace tavro {
 namespace {
 
-constexpr std::size_t environment_bytes = 8192;
-
 void run_command(SetupCommand& command, bool installer, std::string_view seal,
                  const std::function<bool()>& cancelled) {
   require_complete_native_install_image(current_executable_path());

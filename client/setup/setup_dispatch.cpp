@@ -70,6 +70,8 @@ std::string installed_sentence(const json& result) {
   sentence += launcher.empty() ? ", launcher not started yet)." : ", launcher " + launcher + ").";
   if (flag(result, "bootstrap_update_pending"))
     sentence += branded(" A Tavro update is applied on the next start.");
+  if (result.contains("bootstrap_update_problem"))
+    sentence += " But " + text(result, "bootstrap_update_problem");
   return sentence;
 }
 

@@ -1,6 +1,7 @@
 #include "transport/curl_library.h"
 
 #include <dlfcn.h>
+#include <openssl/crypto.h>
 
 #include "domain/error.h"
 
@@ -14,6 +15,14 @@ template <typename Function>
 void find(void* library, const char* name, Function& function) {
   function = reinterpret_cast<Function>(::dlsym(library, name));
   require(function != nullptr, "transport", "Cannot initialize HTTPS library");
+}
+
+/// Certificates of its connections are read with this client's functions, so both must use one
+/// library of cryptography.
+void require_same_cryptography(void* library) {
+  decltype(&::OpenSSL_version_num) version = nullptr;
+  find(library, "OpenSSL_version_num", version);
+  require(version() == ::OpenSSL_version_num(), "transport", "Cannot initialize HTTPS library");
 }
 
 CurlLibrary load() {
@@ -34,6 +43,8 @@ CurlLibrary load() {
   find(library, "curl_url_get", loaded.url_get);
   find(library, "curl_url_set", loaded.url_set);
   find(library, "curl_free", loaded.free);
+  find(library, "SSL_CTX_set_verify", loaded.ssl_ctx_set_verify);
+  require_same_cryptography(library);
   require(loaded.global_init(CURL_GLOBAL_ALL) == CURLE_OK, "transport",
           "Cannot initialize HTTPS library");
   return loaded;

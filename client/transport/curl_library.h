@@ -1,6 +1,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include <memory>
 
@@ -24,6 +25,8 @@ struct CurlLibrary {
   decltype(&::curl_url_get) url_get;
   decltype(&::curl_url_set) url_set;
   decltype(&::curl_free) free;
+  /// Of the TLS library that it uses.
+  decltype(&::SSL_CTX_set_verify) ssl_ctx_set_verify;
 };
 
 /// The loaded and initialised library; it stays for the life of the process. Safe from several

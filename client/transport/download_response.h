@@ -34,6 +34,9 @@ class DownloadResponseHeaders {
   /// Where the admitted response begins: 0 when the server sends the whole file after all.
   unsigned long long start() const noexcept { return start_; }
 
+  /// Of the current head; 0 before the first.
+  int status() const noexcept { return status_; }
+
   /// Whether the current head may be followed by its body.
   bool admitted() const noexcept { return admitted_; }
 

@@ -90,6 +90,14 @@ UniqueFd open_snapshot(const std::filesystem::path& snapshot, unsigned long long
   return stream;
 }
 
+/// Whether the answer to a range was no, or another range.
+bool refuses_range(const Error& error, const Transfer& transfer) {
+  constexpr int not_satisfiable = 416;
+  return transfer.offset != 0 && transfer.received == 0 &&
+         (error.code == "download_range" ||
+          (error.code == "http_status" && transfer.headers->status() == not_satisfiable));
+}
+
 }  // namespace
 
 std::string quote_url(std::string_view text, bool keep_slash) {
@@ -176,16 +184,28 @@ void HttpsTransport::download_into(std::string_view path, AllocatedFile& file,
   const unsigned long long size = file.reservation().size;
   require(offset == file.written() && (offset < size || offset == 0), "download_range",
           "Download cursor differs from the recorded prefix");
-  Transfer transfer{.limit = size - offset,
-                    .file = &file,
-                    .progress = progress,
-                    .budget = budget_.get(),
-                    .offset = offset,
-                    .length = size,
-                    .on_bytes = on_bytes,
-                    .on_restart = on_restart};
-  transfer.headers = std::make_unique<DownloadResponseHeaders>(size, offset, true);
-  request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
+  const auto ask = [&](bool ranged) {
+    Transfer transfer{.limit = size - offset,
+                      .file = &file,
+                      .progress = progress,
+                      .budget = budget_.get(),
+                      .offset = offset,
+                      .length = size,
+                      .ranged = ranged,
+                      .on_bytes = on_bytes,
+                      .on_restart = on_restart};
+    transfer.headers = std::make_unique<DownloadResponseHeaders>(size, offset, true);
+    try {
+      request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
+      return true;
+    } catch (const Error& error) {
+      if (!ranged || !refuses_range(error, transfer)) throw;
+      return false;
+    }
+  };
+  // A server that cannot give the rest never will: then it is asked for the whole file, once. What
+  // is at hand stays until it sends that.
+  if (!ask(true)) ask(false);
 }
 
 TransportResponse HttpsTransport::send(std::string_view path, Upload& upload,

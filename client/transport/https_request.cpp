@@ -11,9 +11,9 @@
 
 #include "domain/error.h"
 #include "domain/input.h"
-#include "platform/host/host.h"
 #include "platform/host/system_calls.h"
 #include "transport/curl_library.h"
+#include "transport/https_trust.h"
 
 namespace tavro {
 namespace {
@@ -23,7 +23,6 @@ constexpr long kMemorySeconds = 30;
 constexpr long kUploadSeconds = 590;
 constexpr long kStallSeconds = 30;
 constexpr long long kBudgetMilliseconds = 30000;
-constexpr unsigned long long kMaxCaBundle = 1048576;
 
 using Easy = std::unique_ptr<CURL, CurlDeleter>;
 using HeaderList = std::unique_ptr<curl_slist, CurlDeleter>;
@@ -207,7 +206,7 @@ void set_transfer(CURL* easy, Transfer& transfer, unsigned long long download_li
   set(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(easy, CURLOPT_ACCEPT_ENCODING, "identity");
   set(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
-  if (transfer.offset == 0) return;
+  if (transfer.offset == 0 || !transfer.ranged) return;
   const std::string range =
       std::to_string(transfer.offset) + "-" + std::to_string(transfer.length - 1);
   set(easy, CURLOPT_RANGE, range.c_str());
@@ -217,30 +216,6 @@ void set_transfer(CURL* easy, Transfer& transfer, unsigned long long download_li
 int keep_from_children(void*, curl_socket_t connection, curlsocktype) {
   const int set = retried([&] { return ::fcntl(connection, F_SETFD, FD_CLOEXEC); });
   return set == 0 ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
-}
-
-void set_trust(CURL* easy, const std::filesystem::path& ca_bundle) {
-  const auto accepts = [easy](CURLoption option, auto value) {
-    return curl().easy_setopt(easy, option, value) == CURLE_OK;
-  };
-  const char* none = nullptr;
-  require(accepts(CURLOPT_CAINFO, none) && accepts(CURLOPT_CAPATH, none), "ca_bundle",
-          "Cannot select the certificate trust source");
-  if (ca_bundle.empty()) {
-    const std::string system = host::certificate_bundle();
-    const bool found = !host::needs_certificate_bundle() ||
-                       (!system.empty() && accepts(CURLOPT_CAINFO, system.c_str()));
-    const bool chosen = found && accepts(CURLOPT_SSL_OPTIONS, long{CURLSSLOPT_NATIVE_CA});
-    require(chosen, "ca_bundle", "Cannot use the operating system's certificate trust");
-    return;
-  }
-  std::string bytes = read_file(ca_bundle, kMaxCaBundle);
-  require(!bytes.empty(), "ca_bundle", "The configured CA bundle is empty");
-  curl_blob blob{bytes.data(), bytes.size(), CURL_BLOB_COPY};
-  require(accepts(CURLOPT_CAINFO_BLOB, &blob), "ca_bundle",
-          "The native HTTPS backend cannot use the configured CA bundle");
-  require(accepts(CURLOPT_SSL_OPTIONS, 0L), "ca_bundle",
-          "Cannot restrict certificate trust to the configured CA bundle");
 }
 
 void append(HeaderList& list, const std::string& line) {
@@ -272,8 +247,24 @@ HeaderList set_upload(CURL* easy, Transfer& transfer, Upload& upload) {
   return headers;
 }
 
+/// What a person can do about it. The library's own words name neither the host nor a way out.
+std::string remedy(CURLcode result, const std::string& url) {
+  const std::size_t host = url.find("//") + 2;
+  const std::string server = url.substr(host, url.find('/', host) - host);
+  switch (result) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return "Check the address " + server + " and this computer's network connection";
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return "Check this computer's date and time, and that " + server +
+             " is the right address: its certificate is not valid here";
+    default:
+      return "Check the network connection to " + server + ", and run the same again";
+  }
+}
+
 /// The first of these that applies decides.
-void judge(CURLcode result, const Transfer& transfer, const Upload* upload) {
+void judge(CURLcode result, const std::string& url, const Transfer& transfer,
+           const Upload* upload) {
   if (transfer.error) std::rethrow_exception(transfer.error);
   if (upload != nullptr && upload->error) std::rethrow_exception(upload->error);
   require(!transfer.cancelled, "cancelled", "Transfer cancelled at a safe boundary");
@@ -286,7 +277,7 @@ void judge(CURLcode result, const Transfer& transfer, const Upload* upload) {
           "Optional update check exhausted its time budget; use Check for updates when ready");
   require(!transfer.size_exceeded, "size_limit",
           "Server sent more than the authenticated size limit");
-  require(result == CURLE_OK, "network", curl().easy_strerror(result));
+  if (result != CURLE_OK) fail("network", curl().easy_strerror(result), {remedy(result, url)});
 }
 
 }  // namespace
@@ -305,7 +296,7 @@ int request(const std::string& url, const std::filesystem::path& ca_bundle, Tran
   HeaderList headers;
   if (upload != nullptr) headers = set_upload(easy.get(), transfer, *upload);
 
-  judge(curl().easy_perform(easy.get()), transfer, upload);
+  judge(curl().easy_perform(easy.get()), url, transfer, upload);
   if (transfer.headers) transfer.headers->finish();
   long status = 0;
   curl().easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);

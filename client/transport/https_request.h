@@ -36,6 +36,8 @@ struct Transfer {
   /// Where the response is written, and the length of the whole file.
   unsigned long long offset = 0;
   unsigned long long length = 0;
+  /// Whether only what follows the offset is asked for. The answer may be the whole file anyway.
+  bool ranged = true;
   std::function<void(std::string_view)> on_bytes{};
   std::function<void()> on_restart{};
 };

@@ -1,9 +1,11 @@
 #include <nlohmann/json.hpp>
 
+#include <system_error>
 #include <utility>
 
 #include "domain/crypto.h"
 #include "domain/error.h"
+#include "domain/input.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/system_calls.h"
@@ -29,6 +31,14 @@ bool already_there(const fs::path& file, const json& description, const Progress
     if (error.code == "cancelled") throw;
     return false;
   }
+}
+
+/// Nothing replaces a folder: without this look the whole file would be fetched in vain.
+void require_no_folder(const fs::path& file) {
+  std::error_code absent;
+  if (fs::is_directory(fs::symlink_status(file, absent)))
+    fail("unsafe_path", "A folder stands where a download goes: " + path_utf8(file),
+         {"Move it away: " + path_utf8(file)});
 }
 
 /// The whole file in one go, with nothing left of it on failure.
@@ -67,6 +77,7 @@ fs::path TufClient::download(std::string_view target, const fs::path& directory,
 }
 
 void TufClient::Impl::bring_in(TargetRequest& request) {
+  require_no_folder(request.final_path);
   const bool complete = already_there(request.final_path, request.description, request.progress);
   private_directory(request.final_path.parent_path());
   if (complete) {

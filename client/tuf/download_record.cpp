@@ -20,10 +20,11 @@ constexpr char malformed[] = "download_resume_state";
 constexpr char not_admitted[] = "download_resume_capacity";
 constexpr unsigned max_entries = 4096;
 constexpr unsigned max_records = 32;
-constexpr std::size_t nonce_size = 32;
 constexpr std::size_t digest_size = 64;
 constexpr std::string_view partial_suffix = ".partial";
 constexpr std::string_view record_suffix = ".resume.json";
+
+unsigned long long number(const json& value) { return value.get<unsigned long long>(); }
 
 bool is_unsigned_pair(const json& value) {
   return value.is_array() && value.size() == 2 && value[0].is_number_unsigned() &&
@@ -32,7 +33,7 @@ bool is_unsigned_pair(const json& value) {
 
 bool has_known_form(const json& state, std::string_view temporary) {
   return state.is_object() && state.size() == 9 && state.at("schema_version") == 1 &&
-         state.at("kind") == "tavro-target-resume" && state.at("target").is_string() &&
+         state.at("kind") == kResumeRecordKind && state.at("target").is_string() &&
          state.at("temporary") == temporary &&
          is_lower_hex_text(state.at("scope_sha256"), digest_size) &&
          is_lower_hex_text(state.at("prefix_sha256"), digest_size) &&
@@ -43,7 +44,7 @@ bool has_bounds(const json& authorization, const json& received) {
   return authorization.is_object() && authorization.size() == 2 &&
          authorization.at("length").is_number_unsigned() &&
          authorization.at("hashes").is_object() && !authorization.at("hashes").empty() &&
-         received.get<unsigned long long>() <= authorization.at("length").get<unsigned long long>();
+         number(received) <= number(authorization.at("length"));
 }
 
 /// The search of one folder.
@@ -73,25 +74,13 @@ class Search {
             "Retained partial downloads reached their capacity");
     const std::string_view nonce = nonce_between(name, final_name_, suffix_);
     require(!nonce.empty(), malformed, "Unknown resume filename was preserved");
-    ResumeCandidate found{
-        .temporary = partial_name(claim_.target, nonce), .text = {}, .record = {}};
-    const fs::path record = safe_join(directory_, resume_record_name(found.temporary), false);
-    found.text = read_file(record, kResumeRecordBytes);
-    found.record = parse_json(found.text, kResumeRecordBytes);
-    validate_target_resume_state(found.record, found.temporary);
-    if (belongs(found.record) && bears_name(safe_join(directory_, found.temporary, false)) &&
-        (!best_ || received(*best_) < received(found)))
-      best_ = std::move(found);
-  }
-
-  bool belongs(const json& record) const {
-    return record.at("target") == claim_.target &&
-           record.at("authorization") == claim_.authorization &&
-           record.at("scope_sha256") == claim_.scope_sha256;
-  }
-
-  static unsigned long long received(const ResumeCandidate& candidate) {
-    return candidate.record.at("received").get<unsigned long long>();
+    const std::string temporary = partial_name(claim_.target, nonce);
+    std::string text =
+        read_file(safe_join(directory_, resume_record_name(temporary), false), kResumeRecordBytes);
+    ResumeRecord record = ResumeRecord::parse(parse_json(text, kResumeRecordBytes), temporary);
+    if (claim_.covers(record) && bears_name(safe_join(directory_, temporary, false)) &&
+        (!best_ || best_->record.received < record.received))
+      best_ = ResumeCandidate{std::move(record), std::move(text)};
   }
 
   const fs::path& directory_;
@@ -104,17 +93,50 @@ class Search {
 
 }  // namespace
 
-void validate_target_resume_state(const json& state, std::string_view temporary) {
-  read_fields(malformed, "Malformed partial-download state was preserved", [&] {
+ResumeRecord ResumeRecord::parse(const json& state, std::string_view temporary) {
+  return read_fields(malformed, "Malformed partial-download state was preserved", [&] {
     require(has_known_form(state, temporary), malformed,
             "Unknown partial-download state was preserved; clear the disposable cache to retry");
-    require(has_bounds(state.at("authorization"), state.at("received")), malformed,
+    const json& authorization = state.at("authorization");
+    require(has_bounds(authorization, state.at("received")), malformed,
             "Invalid partial-download bounds");
-    const auto& target = state.at("target").get_ref<const std::string&>();
+    const std::string& target = text_member(state, "target");
     validate_relative_path(target, false);
     require(!nonce_between(temporary, target, partial_suffix).empty(), malformed,
             "Partial-download nonce differs from its path");
+    const json& identity = state.at("identity");
+    return ResumeRecord{.target = target,
+                        .temporary = std::string(temporary),
+                        .authorization = {.length = number(authorization.at("length")),
+                                          .hashes = authorization.at("hashes")},
+                        .scope_sha256 = text_member(state, "scope_sha256"),
+                        .device = number(identity.at(0)),
+                        .inode = number(identity.at(1)),
+                        .received = number(state.at("received")),
+                        .prefix_sha256 = text_member(state, "prefix_sha256")};
   });
+}
+
+std::string ResumeRecord::text() const {
+  const json state = {{"schema_version", 1},
+                      {"kind", kResumeRecordKind},
+                      {"target", target},
+                      {"temporary", temporary},
+                      {"authorization", authorization.to_json()},
+                      {"scope_sha256", scope_sha256},
+                      {"identity", json::array({device, inode})},
+                      {"received", received},
+                      {"prefix_sha256", prefix_sha256}};
+  return state.dump();
+}
+
+void validate_target_resume_state(const json& state, std::string_view temporary) {
+  ResumeRecord::parse(state, temporary);
+}
+
+bool DownloadClaim::covers(const ResumeRecord& record) const {
+  return record.target == target && record.authorization == authorization &&
+         record.scope_sha256 == scope_sha256;
 }
 
 std::string partial_name(std::string_view target, std::string_view nonce) {

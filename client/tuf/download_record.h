@@ -14,19 +14,51 @@ namespace tavro {
 /// Bytes of a resume record.
 inline constexpr unsigned long long kResumeRecordBytes = 16384;
 
-/// Proves that `state` is a resume record of the partial file `temporary`, in exactly the form that
-/// a download writes: `authorization` (`length` and `hashes`, as signed), `identity` (device and
-/// inode), `kind`, `prefix_sha256`, `received`, `schema_version`, `scope_sha256`, `target` and
-/// `temporary`. The disk is not looked at. Throws `download_resume_state`, and `unsafe_path` for
-/// the path of a target that no repository can name.
+/// What `kind` says in one.
+inline constexpr std::string_view kResumeRecordKind = "tavro-target-resume";
+
+/// What a repository signs of a file: how long it is, and its hashes by algorithm.
+struct SignedContent {
+  unsigned long long length = 0;
+  /// As signed. Whoever compares digests proves that they are texts.
+  json hashes;
+
+  json to_json() const { return {{"length", length}, {"hashes", hashes}}; }
+  bool operator==(const SignedContent&) const = default;
+};
+
+/// How far a partial file has come, in the document beside it.
+struct ResumeRecord {
+  std::string target;
+  /// The partial file, relative to the target directory.
+  std::string temporary;
+  SignedContent authorization;
+  /// Of what the download belongs to.
+  std::string scope_sha256;
+  unsigned long long device = 0, inode = 0;
+  /// Bytes that are durable, and their digest.
+  unsigned long long received = 0;
+  std::string prefix_sha256;
+
+  /// Reads the record of the partial file `temporary`, which has exactly the form that a download
+  /// writes. The disk is not looked at. Throws `download_resume_state`, and `unsafe_path` for the
+  /// path of a target that no repository can name.
+  static ResumeRecord parse(const json& state, std::string_view temporary);
+  /// The document's bytes.
+  std::string text() const;
+};
+
+/// `ResumeRecord::parse`, for its checks alone.
 void validate_target_resume_state(const json& state, std::string_view temporary);
 
 /// What a download is for: a partial file of anything else is never gone on with.
 struct DownloadClaim {
   std::string target;
-  /// `length` and `hashes` as the repository signs them.
-  json authorization;
+  SignedContent authorization;
   std::string scope_sha256;
+
+  /// Whether the record is of this download.
+  bool covers(const ResumeRecord& record) const;
 };
 
 /// The partial file of a nonce, and its record, relative to the target directory.
@@ -35,10 +67,9 @@ std::string resume_record_name(std::string_view temporary);
 
 /// A partial file that can be gone on with, once its content is proved.
 struct ResumeCandidate {
-  std::string temporary;
-  /// The record's exact bytes.
+  ResumeRecord record;
+  /// Its exact bytes.
   std::string text;
-  json record;
 };
 
 /// The partial file of this claim with the most bytes, by the records in the folder of the final

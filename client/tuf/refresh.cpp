@@ -90,7 +90,7 @@ bool TufClient::Impl::take_next_root() {
   const bool rotated = online_keys(root) != online_keys(candidate);
   // The marker comes first: whoever finds the new root without it may trust what the old online
   // keys signed.
-  if (rotated) atomic_write(rotation_marker(directory), json{{"version", next}}.dump());
+  if (rotated) write_rotation_marker(directory, next);
   persist("root", response.body);
   root = std::move(candidate);
   if (rotated) clear_rotated_state();

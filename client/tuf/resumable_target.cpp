@@ -40,7 +40,7 @@ class ResumedTarget {
         request_(request),
         length_(tavro::length(request.description)),
         claim_{.target = request.target,
-               .authorization = {{"length", length_}, {"hashes", request.description.at("hashes")}},
+               .authorization = {.length = length_, .hashes = request.description.at("hashes")},
                .scope_sha256 = digest(request.options.resume_scope, "sha256")} {}
 
   void run() {
@@ -99,19 +99,18 @@ void ResumedTarget::name_files(std::string temporary) {
 }
 
 void ResumedTarget::go_on_with(const ResumeCandidate& candidate) {
-  name_files(candidate.temporary);
-  const json& identity = candidate.record.at("identity");
-  received_ = candidate.record.at("received").get<unsigned long long>();
+  const ResumeRecord& record = candidate.record;
+  name_files(record.temporary);
+  received_ = record.received;
   file_.emplace(FileReservation{.path = partial_,
                                 .size = length_,
-                                .device = identity.at(0).get<unsigned long long>(),
-                                .inode = identity.at(1).get<unsigned long long>(),
+                                .device = record.device,
+                                .inode = record.inode,
                                 .allocated = false},
                 received_);
   file_->read_prefix(
       received_, [this](std::string_view bytes) { digest_.update(bytes); }, request_.progress);
-  require(candidate.record.at("prefix_sha256") == digest_.value(), changed,
-          "Recorded partial bytes changed");
+  require(record.prefix_sha256 == digest_.value(), changed, "Recorded partial bytes changed");
   checkpointed_ = received_;
   last_record_ = candidate.text;
   observe("resumed");
@@ -212,16 +211,15 @@ void ResumedTarget::checkpoint() {
 
 std::string ResumedTarget::record_text() const {
   const FileReservation file = file_->reservation();
-  const json record = {{"schema_version", 1},
-                       {"kind", "tavro-target-resume"},
-                       {"target", claim_.target},
-                       {"temporary", temporary_},
-                       {"authorization", claim_.authorization},
-                       {"scope_sha256", claim_.scope_sha256},
-                       {"identity", json::array({file.device, file.inode})},
-                       {"received", received_},
-                       {"prefix_sha256", digest_.value()}};
-  return record.dump();
+  return ResumeRecord{.target = claim_.target,
+                      .temporary = temporary_,
+                      .authorization = claim_.authorization,
+                      .scope_sha256 = claim_.scope_sha256,
+                      .device = file.device,
+                      .inode = file.inode,
+                      .received = received_,
+                      .prefix_sha256 = digest_.value()}
+      .text();
 }
 
 void ResumedTarget::require_last_record(std::string_view message) const {

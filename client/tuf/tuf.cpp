@@ -14,19 +14,33 @@
 namespace tavro {
 namespace {
 
-constexpr unsigned long long kFirstRootBytes = 524288;
 constexpr unsigned long long kStoredRootBytes = 4194304;
+constexpr std::string_view kDelegatedPrefix = "delegated-";
+constexpr std::string_view kSuffix = ".json";
 
 }  // namespace
 
+std::string role_file_name(std::string_view role) {
+  const std::string name = is_top_level_role(role)
+                               ? std::string(role)
+                               : std::string(kDelegatedPrefix) + digest(role, "sha256");
+  return name + std::string(kSuffix);
+}
+
+bool is_delegated_file_name(std::string_view name) {
+  return name.starts_with(kDelegatedPrefix) && name.ends_with(kSuffix);
+}
+
 std::filesystem::path role_cache(const std::filesystem::path& directory, std::string_view role) {
-  const std::string name =
-      is_top_level_role(role) ? std::string(role) : "delegated-" + digest(role, "sha256");
-  return safe_join(directory, name + ".json", false);
+  return safe_join(directory, role_file_name(role), false);
 }
 
 std::filesystem::path rotation_marker(const std::filesystem::path& directory) {
-  return safe_join(directory, "root-invalidation.json", false);
+  return safe_join(directory, kRotationMarker, false);
+}
+
+void write_rotation_marker(const std::filesystem::path& directory, unsigned long long version) {
+  atomic_write(rotation_marker(directory), json{{"version", version}}.dump());
 }
 
 json self_signed_root(std::string_view bytes, unsigned long long max_bytes) {

@@ -15,12 +15,22 @@ namespace tavro {
 
 struct TargetRequest;
 
-/// Where a role's document is stored. The four top-level roles stand under their own names; the
-/// name of any other role only decides a digest, and never becomes a file name itself.
+/// Bytes of the first root of a folder, and of the root that a package carries.
+inline constexpr unsigned long long kFirstRootBytes = 524288;
+
+/// The file of a role's document. The four top-level roles have their own names; the name of any
+/// other role only decides a digest, and never becomes a file name itself.
+std::string role_file_name(std::string_view role);
+bool is_delegated_file_name(std::string_view name);
+
+/// Where a role's document is stored.
 std::filesystem::path role_cache(const std::filesystem::path& directory, std::string_view role);
 
 /// Stands in the folder from a rotation of the online keys until what they signed is gone.
+inline constexpr std::string_view kRotationMarker = "root-invalidation.json";
 std::filesystem::path rotation_marker(const std::filesystem::path& directory);
+/// Durable, before the root of this version may be stored.
+void write_rotation_marker(const std::filesystem::path& directory, unsigned long long version);
 
 /// A root document that is signed by its own keys at its own threshold; anything else throws.
 json self_signed_root(std::string_view bytes, unsigned long long max_bytes);

@@ -34,7 +34,9 @@ std::string status_sentence(const json& record, const std::filesystem::path& roo
     text += " Build " + build(failed.at("reference")) + " did not start (" +
             failed.at("problem").get<std::string>() +
             "); self update tries it again, or brings a newer one.";
-  if (bootstrap_update_pending(root))
+  if (const auto obstacle = bootstrap_update_obstacle(root); !obstacle.empty())
+    text += " A new bootstrap waits: " + obstacle;
+  else if (bootstrap_update_pending(root))
     text += " A new bootstrap is put into place at the next start.";
   if (std::filesystem::exists(root / "launcher" / "cleanup.json"))
     text += " A cleanup was cut off; run self cleanup before the next update.";

@@ -1,4 +1,4 @@
-#include "documents/theme.h"
+#include "documents/theme_definition.h"
 
 #include "documents/bitmap.h"
 #include "documents/documents.h"
@@ -113,9 +113,9 @@ TEST_F(ThemeFolder, RefusesFilesOfOtherFormsWhoeverMadeThem) {
       {"plain file: icon.bmp", "icon.bmp", "rm icon.bmp; ln -s Banner.BMP icon.bmp"}};
   fs::copy(home, temp.path() / "intact");
   for (const auto& [words, name, command] : rows) {
-    std::system(("cd '" + home.string() + "' && ( " + command + " ) >made; [ -L " + name +
-                 " ] || mv made " + name)
-                    .c_str());
+    const std::string made = "cd '" + home.string() + "' && ( " + command + " ) >made && ( [ -L " +
+                             name + " ] || mv made " + name + " )";
+    ASSERT_EQ(std::system(made.c_str()), 0) << command;
     expect_words(words, command, [&] { parse(definition); });
     fs::remove(home / name);
     fs::copy(temp.path() / "intact" / name, home / name);

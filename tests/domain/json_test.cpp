@@ -16,6 +16,7 @@ TEST(Json, AcceptsStrictDocumentsAndWritesThemInOneForm) {
       {"{\"\xc3\xa9\":1,\"z\":2,\"Z\":3}", "{\"Z\":3,\"z\":2,\"\xc3\xa9\":1}"},
       {" [ 18446744073709551615, -0, {} ] ", "[18446744073709551615,0,{}]"},
       {nested(64, "-9223372036854775808"), nested(64, "-9223372036854775808")},
+      {"\xef\xbb\xbf{}", "{}"},
       {nested(65, ""), nested(65, "")}};
   for (const auto& [text, canonical] : rows)
     EXPECT_EQ(canonical_json(parse_json(text, text.size())), canonical) << text;
@@ -28,7 +29,10 @@ invalid_number|1.0|[1e3]|18446744073709551616
 invalid_json|1e999|{} x|[1,]|[1] // no|[|)",
                  parse);
   expect_answers("depth_limit|" + nested(65, "1") + '|' + nested(64, "{\"a\":1}"), parse);
-  expect_answers("invalid_json||\"\xff\"", parse);
+  expect_answers("invalid_json||\"\xff\"|\xef\xbb{}", parse);
+  using namespace std::string_literals;
+  // What a power cut leaves behind a text is no white space.
+  expect_answers("invalid_json|{}\0|{\"a\":1}\0\0rest|[1,\0]|\"\0\"|\0{}"s, parse);
   EXPECT_EQ(code_of([] { parse_json("!!!", 2); }), "size_limit");
   for (const json& value : {json(1.0), json::binary({1})})
     EXPECT_EQ(code_of([&] { canonical_json(json::array({value})); }), "invalid_number");

@@ -1,7 +1,6 @@
 #include "documents/documents.h"
 #include "domain/json_fields.h"
-#include "download/download_receipt.h"
-#include "download/resume_evidence.h"
+#include "download/receipt_group.h"
 #include "launcher/launcher_download.h"
 #include "platform/files/durable_files.h"
 #include "platform/host/native_platform.h"
@@ -122,6 +121,15 @@ TEST_F(Ownership, RefusesWhatItCannotExplain) {
   const auto say = [&](const char* state, const std::string& id) {
     run->observer(packed, reference)(state, receipt["authorization"], partial_name(packed, id));
   };
+  const auto fail_often = [&](bool with_bytes) {
+    for (int count = 0; count < 31; ++count) {
+      const std::string id = random_id();
+      say("prepared", id);
+      if (with_bytes) put_file(downloads / partial_name(packed, id), "");
+    }
+    run.emplace(root);
+  };
+  const auto receipts = [&] { return launcher_download_receipts(root).size(); };
   const auto phase = [&] { return json::parse(read_file(held, 16384))["phase"]; };
   const auto keep = [](bool kept) { require(kept, "a receipt", "is gone"); };
   const auto retire = [&](const fs::path& path, const std::string& bytes) {
@@ -147,6 +155,8 @@ TEST_F(Ownership, RefusesWhatItCannotExplain) {
       {"already belongs", [&] { run.emplace(root), say("prepared", nonce); }},
       {"launcher_storage_full",
        [&] { add("download-intents", ".json" + torn, 31), say("prepared", random_id()); }},
+      {"launcher_storage_full", [&] { fail_often(true), say("prepared", random_id()); }},
+      {"", [&] { fail_often(false), say("prepared", random_id()), keep(receipts() == 2); }},
       {"", [&] { run.emplace(root), say("complete", random_id()), keep(phase() == "prepared"); }},
       {"", [&] { retire(held.string() + torn, ""), keep(fs::exists(held)); }},
       {"matching native manifest", [&] { retire(manifest, content[target] + ' '); }},

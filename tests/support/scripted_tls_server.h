@@ -24,12 +24,13 @@ namespace tavro {
 /// request a connection, then the answer, then the end of the connection.
 class ScriptedTlsServer {
  public:
-  /// Keeps its self-signed certificate for `host`, which is its own bundle, in `folder`. It is good
-  /// from two hours before `until` (seconds from now).
+  /// Keeps its self-signed certificate, which is its own bundle, in `folder`. It is good from two
+  /// hours before `until` (seconds from now). Its common name is "localhost"; `names` are those it
+  /// lists, and may be empty.
   explicit ScriptedTlsServer(const std::filesystem::path& folder,
-                             const std::string& host = "localhost", long until = 3600) {
+                             const std::string& names = "DNS:localhost", long until = 3600) {
     // A client that hangs up must not end the test.
-    if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR || !listen() || !certify(folder, host, until))
+    if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR || !listen() || !certify(folder, names, until))
       throw std::runtime_error("no scripted server");
     thread_ = std::thread([this] { serve(); });
   }
@@ -47,12 +48,17 @@ class ScriptedTlsServer {
     answer_ = answer;
     stall_ = stall;
   }
+  /// The same for requests of a range alone; "" answers them as all others.
+  void say_to_ranges(const std::string& answer) {
+    const std::scoped_lock lock(mutex_);
+    range_answer_ = answer;
+  }
   /// The requests so far, head and body as they came.
   std::vector<std::string> requests() const {
     const std::scoped_lock lock(mutex_);
     return requests_;
   }
-  /// Names "localhost", whatever host the certificate names.
+  /// Names "localhost", whatever the certificate lists.
   std::string origin() const { return "https://localhost:" + port_; }
   const std::filesystem::path& bundle() const { return bundle_; }
 
@@ -75,7 +81,7 @@ class ScriptedTlsServer {
     return done;
   }
 
-  bool certify(const std::filesystem::path& folder, const std::string& host, long until) {
+  bool certify(const std::filesystem::path& folder, const std::string& names, long until) {
     const Key key(EVP_EC_gen("P-256"));
     const Certificate certificate(X509_new());
     X509* x509 = certificate.get();
@@ -83,16 +89,16 @@ class ScriptedTlsServer {
     X509_gmtime_adj(X509_getm_notBefore(x509), until - 7200);
     X509_gmtime_adj(X509_getm_notAfter(x509), until);
     X509_set_pubkey(x509, key.get());
-    const std::string names = "DNS:" + host;
     const Extension extension(
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names.c_str()));
+        names.empty() ? nullptr
+                      : X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names.c_str()));
     X509_NAME* name = X509_get_subject_name(x509);
-    const auto* text = reinterpret_cast<const unsigned char*>(names.c_str());
+    const auto* text = reinterpret_cast<const unsigned char*>("localhost");
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, text, -1, -1, 0);
     X509_set_issuer_name(x509, name);
     bundle_ = folder / (port_ + ".pem");
     std::FILE* file = std::fopen(bundle_.c_str(), "we");
-    return X509_add_ext(x509, extension.get(), -1) == 1 &&
+    return (!extension || X509_add_ext(x509, extension.get(), -1) == 1) &&
            X509_sign(x509, key.get(), EVP_sha256()) > 0 && file != nullptr &&
            PEM_write_X509(file, x509) == 1 && std::fclose(file) == 0 &&
            SSL_CTX_use_certificate(context_.get(), x509) == 1 &&
@@ -127,7 +133,9 @@ class ScriptedTlsServer {
       {
         const std::scoped_lock lock(mutex_);
         requests_.push_back(request);
-        SSL_write(session.get(), answer_.data(), static_cast<int>(answer_.size()));
+        const bool other = !range_answer_.empty() && request.find("\r\nRange: ") != request.npos;
+        const std::string& answer = other ? range_answer_ : answer_;
+        SSL_write(session.get(), answer.data(), static_cast<int>(answer.size()));
       }
       if (stall_) read_request(session.get());
       SSL_shutdown(session.get());
@@ -137,7 +145,7 @@ class ScriptedTlsServer {
   std::unique_ptr<SSL_CTX, Deleter<SSL_CTX_free>> context_{SSL_CTX_new(TLS_server_method())};
   std::atomic<bool> stall_ = false;
   UniqueFd listener_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  std::string port_, answer_;
+  std::string port_, answer_, range_answer_;
   std::filesystem::path bundle_;
   mutable std::mutex mutex_;
   std::vector<std::string> requests_;

@@ -1,26 +1,61 @@
 #!/usr/bin/env bash
-# Builds a program outside of this project with what an installation offers, both ways.
-# Usage: installed_package.sh SOURCE-FOLDER BUILD-FOLDER
+# Builds the examples, and the lines that docs/launcher.md shows, outside of this project with what an
+# installation offers, both ways. Usage: installed_package.sh SOURCE-FOLDER BUILD-FOLDER
 set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-cp "$source/client/bootstrap/main.cpp" "$work/"
-cat >"$work/CMakeLists.txt" <<'END'
-cmake_minimum_required(VERSION 3.25)
-project(launcher LANGUAGES C CXX)
-find_package(tavro REQUIRED)
-add_executable(launcher main.cpp)
-target_link_libraries(launcher tavro::start)
+cp -r "$source/examples" "$source/client/bootstrap/main.cpp" "$work/"
+
+# The page's lines of C++, with the headers that stand beside them.
+page=$source/docs/launcher.md
+shown() { sed -n "/^## $1/,/^## /s/^    //p" "$page"; }
+included() { grep -oE "$1" | sort -u | sed 's/.*/#include "&"/'; }
+{
+  included '[a-z_/]+/[a-z_]+\.h' <"$page"
+  echo 'using namespace tavro;'
+  echo 'int updates(const std::filesystem::path& root, const Progress& progress,'
+  echo '            const StagingPhase& phase) {'
+  shown Updates
+  printf 'return 0; }\nint removal(const std::filesystem::path& root, const std::string& build) {\n'
+  shown Removal
+  printf 'return 0; }\nint main() {}\n'
+} >"$work/page.cpp"
+
+# The examples' own lists of sources, read without this project's functions.
+{
+  printf 'cmake_minimum_required(VERSION 3.25)\nproject(launchers LANGUAGES C CXX)\n'
+  cat <<'END'
+function(tavro_program name)
+  cmake_parse_arguments(PROGRAM "" "" "LINKS;SOURCES" ${ARGN})
+  add_executable(${name} ${PROGRAM_SOURCES})
+  target_link_libraries(${name} PRIVATE ${PROGRAM_LINKS})
+endfunction()
+add_executable(bootstrap main.cpp)
+add_executable(my-launcher page.cpp)
 END
+  shown Building | grep -E '^(find_package|target_link_libraries)'
+  echo 'target_link_libraries(bootstrap tavro::start)'
+  printf 'add_subdirectory(%s)\n' examples/launcher examples/setup-progress
+} >"$work/CMakeLists.txt"
 cmake -G Ninja -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/build"
+cmake --build "$work/build" -j 2
+
 PKG_CONFIG_PATH=$(dirname "$(find "$work/prefix" -name tavro.pc)")
 export PKG_CONFIG_PATH
-# shellcheck disable=SC2046  # words of a command line
-c++ -std=c++20 "$work/main.cpp" -o "$work/plain" $(pkg-config --cflags --libs tavro)
-for program in "$work/build/launcher" "$work/plain" "$work/prefix/bin/tavro-bootstrap"; do
+plain() { # NAME SOURCE...
+  # shellcheck disable=SC2046  # words of a command line
+  c++ -std=c++20 -DEXAMPLE_BUILD='"1.0.0"' "${@:2}" -o "$work/plain-$1" $(pkg-config --cflags --libs tavro)
+}
+plain bootstrap "$work/main.cpp"
+plain page "$work/page.cpp"
+plain launcher "$work"/examples/launcher/{console,updates}.cpp
+
+for program in "$work"/build/bootstrap "$work"/plain-bootstrap "$work/prefix/bin/tavro-bootstrap" \
+  "$work"/build/examples/setup-progress/example-setup-progress; do
   "$program" --help | grep -q '^Usage: '
 done
+"$work/build/my-launcher"
+"$work/plain-page"
 "$work/prefix/bin/tavro-publish" --help >/dev/null

@@ -31,11 +31,12 @@ struct Exchange {
 
   Exchange() { say("200 OK|Content-Length: 7||content"); }
   /// Behind "HTTP/1.1 ", with "|" for each end of a line.
-  void say(const std::string& answer, bool stall = false) {
+  static std::string lines(const std::string& answer) {
     std::string text = "HTTP/1.1 ";
     for (const char byte : answer) text += byte == '|' ? "\r\n" : std::string(1, byte);
-    server.say(text, stall);
+    return text;
   }
+  void say(const std::string& answer, bool stall = false) { server.say(lines(answer), stall); }
   HttpsTransport client() const { return {server.origin() + "/base", server.bundle(), 0, budget}; }
   std::string get_code(unsigned long long limit = 7) const {
     return code_of([&] { client().get("x", limit); });
@@ -64,7 +65,7 @@ TEST(HttpsGet, AsksPlainlyAndBoundsNamesAndBytes) {
 
 TEST(HttpsTrust, IsTheBundleAloneForThisHostAndNow) {
   Exchange exchange;
-  const ScriptedTlsServer renamed(exchange.folder.path(), "other.test");
+  const ScriptedTlsServer renamed(exchange.folder.path(), "DNS:other.test");
   const auto get = [&](const ScriptedTlsServer& server, const std::filesystem::path& bundle) {
     return code_of([&] { HttpsTransport(server.origin(), bundle, 0, nullptr).get("x", 100); });
   };
@@ -72,9 +73,19 @@ TEST(HttpsTrust, IsTheBundleAloneForThisHostAndNow) {
   EXPECT_EQ(get(exchange.server, {}), "network") << "the system does not know this certificate";
   EXPECT_EQ(get(exchange.server, renamed.bundle()), "network");
   EXPECT_EQ(get(renamed, renamed.bundle()), "network") << "it names another host";
+  for (const char* names : {"", "email:a@localhost"}) {
+    const ScriptedTlsServer common(exchange.folder.path(), names);
+    EXPECT_EQ(get(common, common.bundle()), "network") << "a common name is no name";
+  }
   for (const long until : {-60L, 7260L}) {
-    const ScriptedTlsServer untimely(exchange.folder.path(), "localhost", until);
+    const ScriptedTlsServer untimely(exchange.folder.path(), "DNS:localhost", until);
     EXPECT_EQ(get(untimely, untimely.bundle()), "network") << "it is good until " << until;
+  }
+  try {
+    HttpsTransport(renamed.origin(), renamed.bundle(), 0, nullptr).get("x", 100);
+  } catch (const Error& error) {
+    const std::string host = renamed.origin().substr(8);
+    EXPECT_NE(error.next_commands.at(0).find("date and time, and that " + host), host.npos);
   }
   std::ofstream(exchange.folder.path() / "empty.pem").close();
   EXPECT_EQ(get(exchange.server, exchange.folder.path() / "empty.pem"), "ca_bundle");
@@ -169,14 +180,26 @@ TEST(HttpsResumption, TakesTheRestOrStartsAgainAndDisturbsNothing) {
   for (const auto& [outcome, answer] :
        Rows{{"456789 0123456789", "206 P|Content-Range: bytes 4-9/10||456789"},
             {"restart abcdefghij abcdefghij", "200 OK||abcdefghij"},
-            {"http_status 0123", "416 Range Not Satisfiable||"},
-            {"download_range 0123", "206 P|Content-Range: bytes 3-9/10||x456789"}}) {
+            {"http_status 0123", "503 Later||"}}) {
     exchange.say(answer);
     EXPECT_EQ(resume("0123", 4, none), outcome) << answer;
     EXPECT_NE(exchange.server.requests().back().find("Range: bytes=4-9\r\n"), std::string::npos);
   }
   EXPECT_EQ(resume("0123", 4, stop), "cancelled 0123");
   EXPECT_EQ(resume("0123", 3, none), "download_range 0123");
+  // A server that never gives the rest is asked for the whole, once; what is held waits for it.
+  for (const std::string refusal :
+       {"416 Range Not Satisfiable||", "206 P|Content-Range: bytes 3-9/10||x456789"}) {
+    exchange.server.say_to_ranges(Exchange::lines(refusal));
+    for (const auto& [outcome, whole] :
+         Rows{{"restart abcdefghij abcdefghij", "200 OK||abcdefghij"},
+              {"http_status 0123", "503 Later||"}}) {
+      exchange.say(whole);
+      const std::size_t before = exchange.server.requests().size();
+      EXPECT_EQ(resume("0123", 4, none), outcome) << refusal;
+      EXPECT_EQ(exchange.server.requests().size(), before + 2);
+    }
+  }
 }
 
 TEST(HttpsUpload, SendsExactlyWhatWasFrozen) {

@@ -200,6 +200,11 @@ TEST_F(ResumableTarget, KeepsAFinalFileThatVerifies) {
   expect_done();
   EXPECT_EQ(code(), "");
   EXPECT_TRUE(server.offsets.empty());
+  fs::remove(folder / "file");
+  fs::create_directory(folder / "file");
+  EXPECT_EQ(code(), "unsafe_path");
+  EXPECT_TRUE(server.offsets.empty()) << "before anything is fetched";
+  fs::remove(folder / "file");
   publish(0);
   EXPECT_EQ(code(), "");
   EXPECT_EQ(server.offsets.size(), 1u) << "an empty target is asked for, too";

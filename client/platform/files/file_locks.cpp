@@ -52,8 +52,12 @@ bool ordinary_parent(const fs::path& path) {
 }
 
 UniqueFd open_lock(const fs::path& path, int flags) {
-  constexpr int always = O_RDWR | O_NOFOLLOW | O_CLOEXEC;
-  return posix_files::open(path, always | flags, lock_mode);
+  constexpr int always = O_NOFOLLOW | O_CLOEXEC;
+  UniqueFd file = posix_files::open(path, O_RDWR | always | flags, lock_mode);
+  // On a read-only volume it excludes as well: nothing is ever written to it.
+  if (!file && errno == EROFS && (flags & O_CREAT) == 0)
+    file = posix_files::open(path, O_RDONLY | always | flags);
+  return file;
 }
 
 UniqueFd create_or_open(const fs::path& path, int create_flags) {

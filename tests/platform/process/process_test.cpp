@@ -57,7 +57,7 @@ TEST_F(Process, RefusesByItsRulesAndLeavesNoProcessThatWasNotRecorded) {
       {[&] { control = ChildControl::interrupt, streams = {}; }, "process_control: Only"},
       {[&] { environment[authority] = "1:3"; }, "process_control: Launcher"},
       {[&] { arguments.assign(9, full); }, "argument_limit: Launch arguments"},
-      {[&] { arguments[0] = {'\0'}; }, "argument_limit: Launch argument is"},
+      {[&] { arguments[0] = std::string(1, '\0'); }, "argument_limit: Launch argument is"},
       {[&] { create_directory_symlink("/usr", directory /= "link"); }, "launch_directory"},
       {[&] { image = directory; }, "launch_executable"}};
   for (const auto& [damage, refusal] : rows)
