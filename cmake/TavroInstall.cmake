@@ -42,6 +42,8 @@ file(RELATIVE_PATH TAVRO_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/tavro.pc.in tavro.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavro.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# For games, which need nothing else of this.
+install(FILES sdk/tavro_game.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS tavro-publish tavro-bootstrap)
 install(FILES man/tavro-bootstrap.1 man/tavro-install.1 man/tavro-publish.1
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

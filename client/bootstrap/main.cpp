@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <optional>
@@ -12,6 +13,7 @@
 #include "launcher/runtime_image.h"
 #include "platform/host/native_platform.h"
 #include "self_update/bootstrap_update.h"
+#include "start/bootstrap_answers.h"
 #include "start/launcher_bootstrap.h"
 
 namespace {
@@ -33,7 +35,8 @@ BootstrapOptions read_options(const std::vector<std::string>& arguments) {
   for (; next != arguments.end(); ++next) {
     if (*next == "--gui" && !options.windowed) {
       options.windowed = true;
-    } else if (*next == "--data-dir" && !options.data_dir) {
+    } else if (*next == "--data-dir") {
+      tavro::require(!options.data_dir, "usage", "--data-dir is given twice; name one data folder");
       tavro::require(++next != arguments.end() && !next->empty(), "usage",
                      "--data-dir needs a nonempty path");
       options.data_dir = tavro::path_from_utf8(*next);
@@ -60,6 +63,9 @@ int run_bootstrap(const std::vector<std::string>& arguments) {
   tavro::apply_pending_bootstrap_update(image);
   tavro::reject_staged_image(image);
   const auto options = read_options(arguments);
+  // Before the folder is looked for: who asks for help may have none yet, and no home.
+  if (!options.windowed)
+    if (const auto status = tavro::answer_help(options.forwarded)) return *status;
   const auto root = served_folder(image, options.data_dir);
   tavro::use_installed_brand(root);
   auto lifetime = tavro::bootstrap_lifetime(image);
@@ -67,15 +73,25 @@ int run_bootstrap(const std::vector<std::string>& arguments) {
                                        startup_limit, &lifetime);
 }
 
+/// A window's line is opaque; a console's says how its failures are to be told.
+tavro::ReportForm report_form(const std::vector<std::string>& arguments) {
+  const bool windowed = std::find(arguments.begin(), arguments.end(), "--gui") != arguments.end();
+  return !windowed && tavro::asks_for_json(arguments) ? tavro::ReportForm::json_line
+                                                      : tavro::ReportForm::text_and_commands;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  return tavro::run_reported(
-      [&] {
-        tavro::initialize_client_runtime();
-        // Whoever starts this may ignore the end of its children; here it has to be known.
-        (void)std::signal(SIGCHLD, SIG_DFL);
-        return run_bootstrap(tavro::process_arguments(argc, argv));
-      },
-      tavro::ReportForm::text_and_commands);
+  auto form = tavro::ReportForm::text_and_commands;
+  try {
+    tavro::initialize_client_runtime();
+    // Whoever starts this may ignore the end of its children; here it has to be known.
+    (void)std::signal(SIGCHLD, SIG_DFL);
+    const auto arguments = tavro::process_arguments(argc, argv);
+    form = report_form(arguments);
+    return run_bootstrap(arguments);
+  } catch (const std::exception& failure) {
+    return tavro::report_failure(failure, form);
+  }
 }

@@ -47,13 +47,13 @@ class Cleanup {
  public:
   Cleanup(const LauncherStore& store, CleanupMode mode, const std::function<bool()>& cancelled)
       : store_(store), work_(store.directory(), mode, cancelled) {
-    const json record = store_.load();
-    for (const char* key : {"active", "rollback", "candidate"}) select(record.at(key));
-    if (!can_start(record.at("active")) && !can_start(record.at("rollback"))) select_fallback();
-    const json& attempt = record.at("attempt");
-    if (attempt.is_null()) return;
-    select(attempt.at("reference"));
-    open_attempt_ = attempt.at("nonce").get<std::string>();
+    const LauncherRecord record = store_.record();
+    for (const auto* named : {&record.active, &record.rollback, &record.candidate})
+      if (*named) select(**named);
+    if (!can_start(record.active) && !can_start(record.rollback)) select_fallback();
+    if (!record.attempt) return;
+    select(record.attempt->reference);
+    open_attempt_ = record.attempt->nonce;
   }
 
   CleanupReport run() {
@@ -72,16 +72,14 @@ class Cleanup {
   }
 
  private:
-  void select(const json& reference) {
-    if (!reference.is_null()) selected_.insert(reference.at("manifest_sha256").get<std::string>());
-  }
+  void select(const LauncherReference& reference) { selected_.insert(reference.manifest_sha256); }
 
-  bool can_start(const json& reference) const {
-    if (reference.is_null()) return false;
+  bool can_start(const std::optional<LauncherReference>& reference) const {
+    if (!reference) return false;
     try {
-      const auto manifest = store_.manifest(reference);
+      const auto manifest = store_.manifest(*reference);
       for (const char* interface : {"cli", "gui"})
-        present_entry(store_, reference, manifest, interface);
+        present_entry(store_, *reference, manifest, interface);
       return true;
     } catch (const Error&) {
       return false;
@@ -91,7 +89,7 @@ class Cleanup {
   /// What a bootstrap starts when it can start nothing that the record names.
   void select_fallback() {
     try {
-      select(store_.fallback_active());
+      select(store_.newest_version());
     } catch (const Error& error) {
       if (error.code != "launcher_missing") throw;
     }
@@ -158,7 +156,7 @@ class Cleanup {
     const fs::path descriptor = work_.child("manifests/" + name + ".json");
     const auto manifest = is_folder(tree) ? stored_descriptor(descriptor) : std::nullopt;
     if (!manifest) return work_.keep(tree, "No descriptor of the store explains it");
-    const json reference = {{"manifest_sha256", name}, {"build_id", manifest->build_id}};
+    const LauncherReference reference{name, manifest->build_id, {}};
     const auto guard = store_.version_guard(reference, LockMode::exclusive);
     if (!holds_only(*manifest, tree))
       return work_.keep(tree, "It holds files that are not of this version");
@@ -181,11 +179,12 @@ class Cleanup {
 
   /// A version never lies there in part, where a start could find it: in one step it becomes what a
   /// staging leaves behind, and goes as such.
-  void retire(const fs::path& tree, const fs::path& descriptor, const json& reference) {
+  void retire(const fs::path& tree, const fs::path& descriptor,
+              const LauncherReference& reference) {
     const std::string nonce = random_id();
     const fs::path intent = work_.child("intents/" + nonce + ".json");
     const fs::path aside = work_.child("staging/" + nonce);
-    atomic_create(intent, staging_intent(nonce, reference).dump());
+    atomic_create(intent, StagingIntent{nonce, reference}.to_json().dump());
     native_files::rename_replace(tree, aside);
     sync_directory(tree.parent_path());
     sync_directory(aside.parent_path());

@@ -21,6 +21,14 @@ std::string compact_line(const json& document) {
   return document.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
+void write_line(std::string_view text) { write_text(std::string(text) + '\n'); }
+
+void write_text(std::string_view text) {
+  std::cout << text << std::flush;
+  require(bool(std::cout), "output",
+          "The command was carried out, but its answer cannot be written to standard output");
+}
+
 int exit_code(const Error& error) {
   if (error.code == "usage") return 2;
   if (error.code == "cancelled") return 4;

@@ -3,6 +3,7 @@
 #include <exception>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "domain/error.h"
 #include "domain/json.h"
@@ -16,6 +17,11 @@ enum class ReportForm { text, text_and_commands, json_line };
 /// The document as one line. Bytes of a path that are no UTF-8 are replaced: what happened has to
 /// be told all the same.
 std::string compact_line(const json& document);
+
+/// Writes the text to standard output, with a newline or as it is. Throws `output` when it does not arrive there:
+/// a full disk, a closed stream, a reader that has gone.
+void write_line(std::string_view text);
+void write_text(std::string_view text);
 
 /// 2 for `usage`, 4 for `cancelled`, 1 for every other code.
 int exit_code(const Error& error);

@@ -7,6 +7,7 @@
 
 #include "domain/error.h"
 #include "domain/product_name.h"
+#include "installation/own_files.h"
 
 namespace tavro {
 namespace {
@@ -38,14 +39,19 @@ NativeFileLock wait_for_tavro_closed(const DataPaths& paths, std::chrono::millis
                                      const Cancellation& cancellation) {
   const auto deadline = Clock::now() + timeout;
   auto lock = when_free(deadline, cancellation, [&] {
-    return NativeFileLock(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
+    return naming(paths.bootstrap_lock, [&] {
+      return NativeFileLock(paths.bootstrap_lock, true, NativeLockSharing::none,
+                            LockMode::exclusive);
+    });
   });
   const auto leases = paths.launcher / "leases" / "versions";
   std::error_code ignored;
   if (!std::filesystem::is_directory(leases, ignored)) return lock;
   // With the bootstrap lock held no new lease is taken, so that each has to be free only once.
   for (const auto& lease : children(leases))
-    when_free(deadline, cancellation, [&] { return FileLock(lease, false, LockMode::exclusive); });
+    when_free(deadline, cancellation, [&] {
+      return naming(lease, [&] { return FileLock(lease, false, LockMode::exclusive); });
+    });
   return lock;
 }
 

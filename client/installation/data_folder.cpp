@@ -25,6 +25,27 @@ fs::path absolute_environment_path(std::string_view key) {
   return path.is_absolute() ? path : fs::path();
 }
 
+/// A relative path needs a working folder, which may be gone.
+fs::path absolute_path(const fs::path& path) {
+  std::error_code error;
+  const fs::path absolute = fs::absolute(path, error);
+  require(!error, "unsafe_path",
+          "The working folder is gone or closed; name the data folder by its absolute path");
+  return absolute.lexically_normal();
+}
+
+/// A folder that nobody may look into cannot be told from an empty one.
+void require_open(const fs::path& root) {
+  for (const auto& name : {root, root / "native"}) {
+    std::error_code error;
+    (void)fs::symlink_status(name, error);
+    require(error != std::errc::permission_denied, "permissions", [&] {
+      return "No permission to enter the data folder " + path_utf8(root) +
+             "; open it to this user or choose another one with --data-dir";
+    });
+  }
+}
+
 }  // namespace
 
 fs::path user_data_root() {
@@ -58,12 +79,13 @@ fs::path data_folder(const fs::path& path) {
   const std::string text = path_utf8(path);
   require(!text.empty() && text.size() <= folder_path_bytes && text.find('\0') == text.npos,
           "unsafe_path", "Choose a data folder");
-  fs::path root = fs::absolute(path).lexically_normal();
+  fs::path root = absolute_path(path);
   require(root != root.root_path() && root.has_filename(), "unsafe_path",
           "The data folder cannot be a filesystem root");
   std::error_code ignored;
   require(!fs::is_symlink(fs::symlink_status(root, ignored)), "unsafe_path",
           "The data folder cannot be a symbolic link");
+  require_open(root);
   return root;
 }
 
@@ -79,10 +101,15 @@ bool stands(const fs::path& path) noexcept {
 
 std::vector<fs::path> children(const fs::path& folder) {
   std::vector<fs::path> entries;
-  for (const auto& entry : fs::directory_iterator(folder)) {
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
     require(entries.size() < folder_entries, "size_limit", "Directory entry count exceeds bounds");
-    entries.push_back(entry.path());
+    entries.push_back(entry->path());
   }
+  require(!error, "file_read", [&] {
+    return "Cannot list the folder " + path_utf8(folder) + ": " + error.message();
+  });
   return entries;
 }
 

@@ -50,7 +50,8 @@ std::filesystem::path theme_directory(const std::filesystem::path& root);
 
 /// Proves that `path` can be a data folder and returns it absolute and lexically normal; it need
 /// not exist. Throws `unsafe_path` for a text that is not 1 to 4096 bytes without NUL, for a
-/// filesystem root, for a path that ends in a separator, and for a symbolic link.
+/// filesystem root, for a path that ends in a separator, for a symbolic link, and for a relative
+/// path without a working folder; `permissions` for a folder that this user may not enter.
 std::filesystem::path data_folder(const std::filesystem::path& path);
 
 /// Whether `child` lies in `parent` or equals it. Lexical: the disk is not asked.
@@ -61,7 +62,7 @@ bool within(const std::filesystem::path& child, const std::filesystem::path& par
 bool stands(const std::filesystem::path& path) noexcept;
 
 /// The entries of a folder, in the order of the walk. Throws `size_limit` beyond 250000 of them and
-/// `std::filesystem::filesystem_error` when the folder cannot be listed.
+/// `file_read` when the folder cannot be listed.
 std::vector<std::filesystem::path> children(const std::filesystem::path& folder);
 
 /// The paths as UTF-8 texts.

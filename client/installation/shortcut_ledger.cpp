@@ -6,14 +6,10 @@
 #include <exception>
 #include <system_error>
 
-#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/json_fields.h"
-#include "installation/data_folder.h"
+#include "installation/ledger_file.h"
 #include "installation/menu_icon.h"
-#include "platform/files/durable_files.h"
-#include "platform/files/file_locks.h"
 #include "platform/files/path_identity.h"
 #include "platform/files/running_files.h"
 #include "platform/host/native_platform.h"
@@ -23,92 +19,7 @@ namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::size_t ledger_bytes = 262144;
-constexpr std::size_t shortcut_bytes = 65536;
-constexpr std::size_t max_shortcuts = 128;
-
-using Entries = std::vector<OwnedShortcut>;
-
-fs::path ledger_path(const fs::path& root) { return root / "native" / "shortcuts.json"; }
-
-FileLock ledger_lock(const fs::path& root) {
-  return {root / "native" / "shortcuts.lock", true, LockMode::exclusive};
-}
-
-OwnedShortcut parse_entry(const json& value) {
-  OwnedShortcut entry;
-  entry.path = value.at("path").get<std::string>();
-  entry.game = value.at("game").get<std::string>();
-  entry.name = value.at("name").get<std::string>();
-  entry.sha256 = value.at("sha256").get<std::string>();
-  shortcut_place::absolute(path_from_utf8(entry.path));
-  return entry;
-}
-
-Entries parse_ledger(const json& document, const std::string& path) {
-  const bool supported =
-      document.at("schema_version") == 1 && document.at("kind") == "tavro-shortcuts" &&
-      document.at("entries").is_array() && document.at("entries").size() <= max_shortcuts;
-  require(supported, "shortcut_ledger", [&] { return "Unsupported shortcut list " + path; });
-  Entries entries;
-  for (const auto& value : document.at("entries")) entries.push_back(parse_entry(value));
-  return entries;
-}
-
-Entries read_ledger(const fs::path& root) {
-  const fs::path path = ledger_path(root);
-  if (!shortcut_place::is_taken(path)) return {};
-  const std::string text = read_file(path, ledger_bytes);
-  const std::string malformed = "Shortcut list is malformed: " + path_utf8(path);
-  json document;
-  try {
-    document = parse_json(text, ledger_bytes);
-  } catch (const Error&) {
-    fail("shortcut_ledger", malformed);
-  }
-  return read_fields("shortcut_ledger", malformed,
-                     [&] { return parse_ledger(document, path_utf8(path)); });
-}
-
-void write_ledger(const fs::path& root, const Entries& entries) {
-  json listed = json::array();
-  for (const auto& entry : entries)
-    listed.push_back({{"path", entry.path},
-                      {"game", entry.game},
-                      {"name", entry.name},
-                      {"sha256", entry.sha256}});
-  const json document = {
-      {"schema_version", 1}, {"kind", "tavro-shortcuts"}, {"entries", std::move(listed)}};
-  const std::string text = document.dump();
-  // Paths may be so long that a list of the permitted count could never be read again.
-  require(text.size() <= ledger_bytes, "size_limit", "Too many recorded shortcuts");
-  atomic_write(ledger_path(root), text);
-}
-
-bool unchanged(const OwnedShortcut& entry) {
-  const fs::path path = path_from_utf8(entry.path);
-  std::error_code ignored;
-  return fs::is_regular_file(fs::symlink_status(path, ignored)) &&
-         digest(read_file(path, shortcut_bytes), "sha256") == entry.sha256;
-}
-
-OwnedShortcut create_recorded(DesktopShortcut shortcut, const fs::path& path) {
-  shortcut.icon = menu_icon(shortcut.data_root);
-  create_native_shortcut(shortcut, path);
-  return {path_utf8(path), shortcut.game, shortcut.name,
-          digest(read_file(path, shortcut_bytes), "sha256")};
-}
-
-/// Best effort: nothing would ever remove a shortcut that the ledger does not know.
-void take_back(const OwnedShortcut& entry) noexcept {
-  try {
-    if (unchanged(entry)) native_files::remove_or_trash(path_from_utf8(entry.path), {});
-  } catch (const std::exception&) {
-    // The failure that led here is what counts.
-    return;
-  }
-}
+using ledger_file::Entries;
 
 json creation_document(const DesktopShortcut& shortcut, const fs::path& path, bool created) {
   return {{"schema_version", 1},
@@ -123,80 +34,156 @@ void require_outside(const fs::path& target, const fs::path& root) {
   require(!inside, "shortcut_path", "Shortcuts must be outside the data folder");
 }
 
+/// The entry of a path, which is appended if there is none.
+OwnedShortcut& entry_at(Entries& entries, const std::string& path) {
+  const auto found = std::find_if(entries.begin(), entries.end(),
+                                  [&](const auto& entry) { return entry.path == path; });
+  if (found != entries.end()) return *found;
+  require(entries.size() < ledger_file::max_shortcuts, "size_limit", "Too many recorded shortcuts");
+  entries.push_back({path, {}, {}, {}});
+  return entries.back();
+}
+
+/// Best effort: an entry without its file harms nothing, and the failure is what counts.
+void write_quietly(const fs::path& root, const Entries& entries) noexcept {
+  try {
+    ledger_file::write(root, entries);
+  } catch (const std::exception&) {
+    return;
+  }
+}
+
+/// False when the very file stands there already.
+bool create_or_adopt(const DesktopShortcut& shortcut, const fs::path& path,
+                     std::string_view text) {
+  ledger_file::remove_leftovers(path);
+  try {
+    create_native_shortcut(shortcut, path);
+    return true;
+  } catch (const Error& error) {
+    if (error.code != "already_exists" || !ledger_file::holds(path, text)) throw;
+    return false;
+  }
+}
+
+/// What a removal came to.
+struct Outcome {
+  ShortcutRemoval removal;
+  /// What could not be read or removed, and the first failure of these.
+  Entries left;
+  std::exception_ptr failure;
+};
+
+/// One that fails does not keep the others.
+Outcome remove_entries(const Entries& entries) {
+  Outcome outcome;
+  for (const auto& entry : entries) {
+    const fs::path path = path_from_utf8(entry.path);
+    ledger_file::remove_leftovers(path);
+    if (!shortcut_place::is_taken(path)) continue;
+    try {
+      const bool ours = ledger_file::unchanged(entry);
+      if (ours) native_files::remove_or_trash(path, {});
+      (ours ? outcome.removal.removed : outcome.removal.changed).push_back(path);
+    } catch (const std::exception&) {
+      if (!outcome.failure) outcome.failure = std::current_exception();
+      outcome.left.push_back(entry);
+    }
+  }
+  return outcome;
+}
+
+bool has_native_folder(const fs::path& root) {
+  std::error_code ignored;
+  // One behind a link is refused by the lock, so that nobody takes its shortcuts for removed.
+  return fs::is_directory(root / "native", ignored);
+}
+
 }  // namespace
 
-json create_owned_native_shortcut(const DesktopShortcut& shortcut, const fs::path& path) {
-  const fs::path root = shortcut_place::absolute(shortcut.data_root);
+json create_owned_native_shortcut(const DesktopShortcut& request, const fs::path& path) {
+  const fs::path root = shortcut_place::absolute(request.data_root);
   require_complete_native_install(root);
   const fs::path target = shortcut_place::absolute(path);
   require_outside(target, root);
-  const FileLock lock = ledger_lock(root);
+  const FileLock lock = ledger_file::lock(root);
   // An uninstall may have begun while the lock was waited for; it would not see this shortcut.
   require_complete_native_install(root);
-  Entries entries = read_ledger(root);
-  const auto found = std::find_if(entries.begin(), entries.end(), [&](const auto& entry) {
-    return entry.path == path_utf8(target);
-  });
-  const bool recorded = found != entries.end();
-  if (recorded && unchanged(*found)) return creation_document(shortcut, target, false);
-  require(recorded || entries.size() < max_shortcuts, "size_limit", "Too many recorded shortcuts");
-  const OwnedShortcut created = create_recorded(shortcut, target);
-  if (recorded)
-    *found = created;
-  else
-    entries.push_back(created);
+  const Entries before = ledger_file::read(root);
+  Entries entries = before;
+  OwnedShortcut& entry = entry_at(entries, path_utf8(target));
+  if (!entry.sha256.empty() && ledger_file::unchanged(entry))
+    return creation_document(request, target, false);
+
+  require_native_shortcut_place(target);
+  DesktopShortcut shortcut = request;
+  shortcut.icon = menu_icon(root);
+  const std::string text = native_shortcut_text(shortcut);
+  entry = ledger_file::entry_of(shortcut, target, text);
+  // The entry comes first: a crash may leave an entry without its file, which a repair brings back,
+  // but never a file that nobody owns.
+  ledger_file::write(root, entries);
   try {
-    write_ledger(root, entries);
+    return creation_document(shortcut, target, create_or_adopt(shortcut, target, text));
   } catch (const std::exception&) {
-    take_back(created);
+    write_quietly(root, before);
     throw;
   }
-  return creation_document(shortcut, target, true);
 }
 
-Entries owned_native_shortcuts(const fs::path& root) { return read_ledger(root); }
+Entries owned_native_shortcuts(const fs::path& root) { return ledger_file::read(root); }
 
 ShortcutRemoval remove_owned_native_shortcuts(const fs::path& root) {
-  ShortcutRemoval result;
-  std::error_code ignored;
-  // One behind a link is refused by the lock, so that nobody takes its shortcuts for removed.
-  if (!fs::is_directory(root / "native", ignored)) return result;
-  const FileLock lock = ledger_lock(root);
-  for (const auto& entry : read_ledger(root)) {
-    const fs::path path = path_from_utf8(entry.path);
-    if (!shortcut_place::is_taken(path)) continue;
-    if (unchanged(entry)) {
-      native_files::remove_or_trash(path, {});
-      result.removed.push_back(path);
-    } else {
-      result.changed.push_back(path);
-    }
-  }
-  write_ledger(root, {});
-  return result;
+  if (!has_native_folder(root)) return {};
+  const FileLock lock = ledger_file::lock(root);
+  const Outcome outcome = remove_entries(ledger_file::read(root));
+  ledger_file::write(root, outcome.left);
+  if (outcome.failure) std::rethrow_exception(outcome.failure);
+  return outcome.removal;
+}
+
+ShortcutRemoval release_owned_native_shortcuts(const fs::path& root) {
+  if (!has_native_folder(root)) return {};
+  const FileLock lock = ledger_file::lock(root);
+  Outcome outcome = remove_entries(ledger_file::read(root));
+  for (const auto& entry : outcome.left)
+    outcome.removal.changed.push_back(path_from_utf8(entry.path));
+  return outcome.removal;
 }
 
 std::vector<fs::path> restore_owned_native_shortcuts(const fs::path& root,
                                                      const fs::path& executable) {
-  const FileLock lock = ledger_lock(root);
-  Entries entries = read_ledger(root);
+  const FileLock lock = ledger_file::lock(root);
+  Entries entries = ledger_file::read(root);
   // The shortcuts that still stand show it too, and it may be missing or of an earlier brand.
-  if (!entries.empty()) menu_icon(root);
-  std::vector<fs::path> restored;
+  const fs::path icon = entries.empty() ? fs::path() : menu_icon(root);
+  std::vector<std::pair<DesktopShortcut, fs::path>> missing;
   std::exception_ptr failure;
+  const auto guarded = [&](const auto& step) {
+    try {
+      step();
+    } catch (const std::exception&) {
+      if (!failure) failure = std::current_exception();
+    }
+  };
   for (auto& entry : entries) {
     const fs::path path = path_from_utf8(entry.path);
     if (shortcut_place::is_taken(path)) continue;
-    try {
-      entry = create_recorded({executable, root, entry.game, entry.name}, path);
-    } catch (const std::exception&) {
-      failure = std::current_exception();
-      break;
-    }
-    restored.push_back(path);
+    guarded([&] {
+      const DesktopShortcut shortcut{executable, root, entry.game, entry.name, icon};
+      entry = ledger_file::entry_of(shortcut, path, native_shortcut_text(shortcut));
+      missing.emplace_back(shortcut, path);
+    });
   }
-  // Also after a failure: what was brought back has other bytes than those on record.
-  write_ledger(root, entries);
+  // Before the files, which may have other bytes than those on record.
+  ledger_file::write(root, entries);
+  std::vector<fs::path> restored;
+  for (const auto& [shortcut, path] : missing)
+    guarded([&, &shortcut = shortcut, &path = path] {
+      ledger_file::remove_leftovers(path);
+      create_native_shortcut(shortcut, path);
+      restored.push_back(path);
+    });
   if (failure) std::rethrow_exception(failure);
   return restored;
 }

@@ -31,12 +31,12 @@ struct ShortcutRemoval {
 /// read fails every operation with `shortcut_ledger` or a code of `read_file`, and stays as it is;
 /// a path in it that cannot be one fails with `shortcut_text` or `shortcut_path`.
 ///
-/// Creates the shortcut and records it, or finds it already there as recorded. The result has
-/// `schema_version` 1, `created`, `path` and `game_id`. A file that the ledger does not prove the
-/// system's is never written over: `already_exists`. Throws `native_install_incomplete`,
-/// `shortcut_path` for a destination in the data folder, `size_limit` for a 129th shortcut or one
-/// for which the ledger has no bytes left, and what `create_native_shortcut` throws. A shortcut
-/// that cannot be recorded does not stay.
+/// Records the shortcut and creates it, or finds it already there, recorded or not. The result has
+/// `schema_version` 1, `created`, `path` and `game_id`. A file that is not provably the system's is
+/// never written over: `already_exists`. Throws `native_install_incomplete`, `shortcut_path` for a
+/// destination in the data folder, `size_limit` for a 129th shortcut or one for which the ledger
+/// has no bytes left, and what `create_native_shortcut` throws. A crash at any point may leave an
+/// entry without its file, but no file without its entry.
 json create_owned_native_shortcut(const DesktopShortcut& shortcut,
                                   const std::filesystem::path& path);
 
@@ -44,11 +44,16 @@ json create_owned_native_shortcut(const DesktopShortcut& shortcut,
 std::vector<OwnedShortcut> owned_native_shortcuts(const std::filesystem::path& root);
 
 /// Removes the shortcuts that are still as recorded. All others belong to the user from then on;
-/// those that were deleted are not told. An entry that cannot be read ends the removal there.
+/// those that were deleted are not told. What cannot be read or removed stays recorded; it does not
+/// keep the others, and its failure is thrown at the end.
 ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& root);
 
+/// The same before the ledger itself goes: what cannot be read or removed counts as changed, and
+/// the ledger stays as it is for a further run.
+ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& root);
+
 /// Brings back the recorded shortcuts at whose paths nothing stands, for this executable. Answers
-/// their paths. What was brought back before a failure stays and is recorded.
+/// their paths. One that fails does not keep the others; its failure is thrown at the end.
 std::vector<std::filesystem::path> restore_owned_native_shortcuts(
     const std::filesystem::path& root, const std::filesystem::path& executable);
 

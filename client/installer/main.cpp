@@ -1,4 +1,5 @@
 #include "console/console_report.h"
+#include "console/stop_signals.h"
 #include "domain/crypto.h"
 #include "domain/input.h"
 #include "platform/process/interrupt.h"
@@ -11,10 +12,12 @@
 
 int main(int argc, char** argv) {
   return tavro::run_reported([&] {
+    tavro::hold_standard_streams();
     tavro::initialize_client_runtime();
     const tavro::ConsoleInterrupt interrupt(false);
+    const tavro::StopSignals stop;
     return tavro::run_setup_console(tavro::process_arguments(argc, argv), "tavro-install",
                                     TAVRO_INITIAL_PACKAGE_SHA256,
-                                    [&] { return interrupt.requested(); });
+                                    [&] { return interrupt.requested() || stop.requested(); });
   });
 }

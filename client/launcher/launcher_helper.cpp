@@ -73,10 +73,10 @@ std::unique_ptr<FileLock> launcher_helper_guard(const fs::path& image, std::stri
   if (!version) return nullptr;
 
   const LauncherStore store(version->root);
-  const json reference = {
-      {"manifest_sha256", version->manifest_sha256},
-      {"build_id",
-       build_id.empty() ? stored_build(store, version->manifest_sha256) : std::string(build_id)}};
+  const LauncherReference reference{
+      version->manifest_sha256,
+      build_id.empty() ? stored_build(store, version->manifest_sha256) : std::string(build_id),
+      {}};
   auto lease = store.version_guard(reference, LockMode::shared);
   const auto manifest = store.manifest(reference);
   const auto& declared = declared_helper(manifest, store.payload(reference), physical, role);

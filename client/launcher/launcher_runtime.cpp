@@ -15,6 +15,7 @@
 #include "launcher/runtime_image.h"
 #include "launcher/start_marker.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/native_platform.h"
 #include "platform/process/interrupt.h"
@@ -34,9 +35,9 @@ unsigned long long own_pid() { return static_cast<unsigned long long>(getpid());
 /// Which version starts in which folder, and in which attempt.
 struct StartAuthority {
   fs::path root;
-  json reference;
-  /// Null without a word of the bootstrap.
-  json attempt;
+  LauncherReference reference;
+  /// Nothing without a word of the bootstrap.
+  std::optional<LauncherAttempt> attempt;
 };
 
 StartAuthority read_authority(const std::string& nonce, std::string_view build_id,
@@ -48,10 +49,10 @@ StartAuthority read_authority(const std::string& nonce, std::string_view build_i
               startup_variable(launcher_interface_environment) == interface &&
               same_place(data_root, root),
           "launcher_health", "Launcher startup does not match this build, interface or data root");
-  json reference = {{"manifest_sha256", startup_variable(launcher_manifest_environment)},
-                    {"build_id", build_id}};
-  reference_shape(reference);
-  json attempt = {{"nonce", nonce}, {"reference", reference}};
+  auto reference = LauncherReference::parse(
+      {{"manifest_sha256", startup_variable(launcher_manifest_environment)},
+       {"build_id", build_id}});
+  LauncherAttempt attempt{nonce, reference, {}};
   return {std::move(data_root), std::move(reference), std::move(attempt)};
 }
 
@@ -65,33 +66,30 @@ void clear_authority() {
 
 /// What is held while the launcher runs; construction takes the leases and proves the image.
 struct LauncherRuntime::State {
-  State(fs::path data_root, json version, json start, std::string_view front_end);
+  State(StartAuthority start, std::string_view front_end);
   ~State();
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  bool pending(const LauncherStore& store) const { return store.status().at("attempt") == attempt; }
+  bool pending(const LauncherStore& store) const { return store.record().attempt == attempt; }
 
   fs::path root;
-  json reference;
-  /// Null on an ordinary start.
-  json attempt;
+  LauncherReference reference;
+  /// Nothing on an ordinary start.
+  std::optional<LauncherAttempt> attempt;
   std::string interface;
   bool reported = false;
   std::unique_ptr<FileLock> attempt_lease;
   std::unique_ptr<FileLock> version_lease;
 };
 
-LauncherRuntime::State::State(fs::path data_root, json version, json start,
-                              std::string_view front_end)
-    : root(std::move(data_root)),
-      reference(std::move(version)),
-      attempt(std::move(start)),
+LauncherRuntime::State::State(StartAuthority start, std::string_view front_end)
+    : root(std::move(start.root)),
+      reference(std::move(start.reference)),
+      attempt(std::move(start.attempt)),
       interface(front_end) {
   const auto store = LauncherStore::for_launch(root);
-  if (!attempt.is_null())
-    attempt_lease =
-        std::make_unique<FileLock>(store->startup_lease_path(attempt), false, LockMode::shared);
+  if (attempt) attempt_lease = store->attempt_lease(*attempt, LockMode::shared);
   version_lease = store->version_guard(reference, LockMode::shared);
   const auto manifest = store->manifest(reference);
   const auto payload = store->payload(reference);
@@ -99,12 +97,12 @@ LauncherRuntime::State::State(fs::path data_root, json version, json start,
                      current_executable_path()),
           "launcher_identity",
           "Running launcher image differs from its verified native entry point");
-  if (attempt.is_null()) return;
+  if (!attempt) return;
   // With the lease held the attempt cannot be given up behind this look.
   require(pending(*store), "launcher_health",
           "Launcher startup is no longer pending or cannot protect its content");
-  atomic_create(store->startup_ack_path(attempt),
-                lease_document(manifest, attempt, own_pid(), interface).dump());
+  atomic_create(store->startup_ack_path(*attempt),
+                lease_document(manifest, attempt->to_json(), own_pid(), interface).dump());
   clear_authority();
 }
 
@@ -129,12 +127,12 @@ std::unique_ptr<LauncherRuntime> LauncherRuntime::attach(std::string_view build_
     const auto version = managed_version(image);
     if (!version) return nullptr;
     start.root = version->root;
-    start.reference = {{"manifest_sha256", version->manifest_sha256}, {"build_id", build_id}};
+    start.reference = {version->manifest_sha256, std::string(build_id), {}};
   } else {
     start = read_authority(nonce, build_id, interface, ordinary);
   }
-  return std::unique_ptr<LauncherRuntime>(new LauncherRuntime(std::make_unique<State>(
-      std::move(start.root), std::move(start.reference), std::move(start.attempt), interface)));
+  return std::unique_ptr<LauncherRuntime>(new LauncherRuntime(
+      std::make_unique<State>(std::move(start), interface)));
 }
 
 LauncherRuntime::LauncherRuntime(std::unique_ptr<State> state) : state_(std::move(state)) {}
@@ -143,14 +141,14 @@ LauncherRuntime::~LauncherRuntime() = default;
 
 void LauncherRuntime::report_health() {
   auto& state = *state_;
-  if (state.attempt.is_null() || state.reported) return;
+  if (!state.attempt || state.reported) return;
   require(state.attempt_lease && state.version_lease, "launcher_health",
           "Launcher startup health needs its live native leases");
   const LauncherStore store(state.root);
   require(state.pending(store), "launcher_health", "Launcher startup attempt is no longer pending");
   const auto manifest = store.manifest(state.reference);
-  const auto path = store.health_path(state.attempt);
-  const auto health = manifest.startup_health(state.attempt, own_pid(), state.interface,
+  const auto path = store.health_path(*state.attempt);
+  const auto health = manifest.startup_health(state.attempt->to_json(), own_pid(), state.interface,
                                               ConsoleInterrupt::parent_reader_attached());
   // Created in one step: the bootstrap reads it as soon as the name stands.
   atomic_create(path, health.dump());
@@ -163,12 +161,6 @@ void report_launcher_health(LauncherRuntime* runtime) {
   if (runtime != nullptr) runtime->report_health();
 }
 
-void confirm_launcher_start(const fs::path& root) noexcept {
-  try {
-    fs::remove(start_marker(root));
-  } catch (const std::exception&) {
-    // The marker of a launcher that is up only costs the next start a look at its tree.
-  }
-}
+void confirm_launcher_start(const fs::path& root) noexcept { clear_failed_starts(root); }
 
 }  // namespace tavro

@@ -48,7 +48,8 @@ bool launcher_startup_pending();
 /// `report_health`, for a runtime that may be null.
 void report_launcher_health(LauncherRuntime* runtime);
 
-/// Ends the count of starts of a windowed launcher, which calls it once it is up. Never fails.
+/// Ends the count of starts of a windowed launcher, which calls it once it is up. A console that is
+/// up may call it too: the version works then, and its window deserves another try. Never fails.
 void confirm_launcher_start(const std::filesystem::path& root) noexcept;
 
 }  // namespace tavro

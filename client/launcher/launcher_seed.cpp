@@ -1,8 +1,3 @@
-#include <nlohmann/json.hpp>
-
-#include <algorithm>
-#include <array>
-
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "launcher/launcher_record.h"
@@ -17,12 +12,9 @@
 namespace tavro {
 namespace {
 
-bool is_new(const json& record, const std::filesystem::path& directory) {
-  constexpr std::array<const char*, 5> selections = {"active", "candidate", "rollback", "attempt",
-                                                     "failed_candidate"};
-  return record.at("generation") == 0 &&
-         std::all_of(selections.begin(), selections.end(),
-                     [&](const char* key) { return record.at(key).is_null(); }) &&
+bool is_new(const LauncherRecord& record, const std::filesystem::path& directory) {
+  return record.generation == 0 && !record.active && !record.candidate && !record.rollback &&
+         !record.attempt && !record.failed_candidate &&
          std::filesystem::is_empty(directory / "manifests") &&
          std::filesystem::is_empty(directory / "versions");
 }
@@ -31,9 +23,9 @@ bool is_new(const json& record, const std::filesystem::path& directory) {
 
 json LauncherStore::seed_initial(std::string_view manifest_text,
                                  const std::filesystem::path& archive, const Progress& progress) {
-  const auto lock = owner();
-  auto record = load();
-  require(is_new(record, directory_), "already_installed",
+  const auto held = owner();
+  auto now = record();
+  require(is_new(now, directory_), "already_installed",
           "Initial launcher seeding requires a new owned profile");
   const auto manifest =
       LauncherManifest::parse(parse_json(manifest_text, launcher_descriptor_bytes));
@@ -41,7 +33,7 @@ json LauncherStore::seed_initial(std::string_view manifest_text,
           "Initial launcher targets another native platform");
 
   const auto name = digest(manifest_text, "sha256");
-  const json reference = {{"manifest_sha256", name}, {"build_id", manifest.build_id}};
+  const LauncherReference reference{name, manifest.build_id, {}};
   const auto target = payload(reference);
   require_path_room(root_, target, manifest.longest_native_path());
   const auto volume = inspect_storage_volume(directory_);
@@ -52,9 +44,9 @@ json LauncherStore::seed_initial(std::string_view manifest_text,
   verify_snapshot_tree(manifest, target, progress);
 
   // The record comes last: until it names the version, the store is the empty one it was.
-  record["candidate"] = reference;
-  save(std::move(record));
-  return reference;
+  now.candidate = reference;
+  save(now);
+  return reference.to_json();
 }
 
 }  // namespace tavro

@@ -82,7 +82,7 @@ std::string signed_sha256(const json& description) {
 
 json skipped(std::string_view reason) { return {{"staged", false}, {"skipped", reason}}; }
 
-json already_current(const json& build_id) {
+json already_current(const std::string& build_id) {
   return {{"staged", false}, {"already_current", true}, {"build_id", build_id}};
 }
 
@@ -90,12 +90,11 @@ json already_current(const json& build_id) {
 struct Release {
   std::string descriptor;
   LauncherManifest manifest;
-  json reference;
+  LauncherReference reference;
 
   static Release parse(std::string descriptor) {
     auto manifest = LauncherManifest::parse(parse_json(descriptor, launcher_descriptor_bytes));
-    json reference = {{"manifest_sha256", digest(descriptor, "sha256")},
-                      {"build_id", manifest.build_id}};
+    LauncherReference reference{digest(descriptor, "sha256"), manifest.build_id, {}};
     return {std::move(descriptor), std::move(manifest), std::move(reference)};
   }
 };
@@ -110,7 +109,7 @@ class Staging {
         progress_(progress),
         phase_(phase),
         downloads_(store.directory()),
-        record_(store.load()) {}
+        record_(store.record()) {}
 
   json run(bool optional) {
     if (optional) {
@@ -150,17 +149,16 @@ class Staging {
 
   /// The answer of a check in passing that has nothing to stage; null when it goes on.
   json reason_to_skip() {
-    const json& active = record_.at("active");
-    if (active.is_null()) return skipped("not_installed");
+    if (!record_.active) return skipped("not_installed");
     if (stands(child("cleanup.json"))) return skipped("cleanup_pending");
-    if (!record_.at("attempt").is_null()) return skipped("startup_pending");
+    if (record_.attempt) return skipped("startup_pending");
     const auto published = published_digest();
     if (!published) return skipped("not_published");
-    if (*published == active.at("manifest_sha256")) return already_current(active.at("build_id"));
-    if (!record_.at("candidate").is_null()) return skipped("candidate_pending");
-    const json& failed = record_.at("failed_candidate");
-    const json release = failed.is_null() ? failed : failed.at("reference");
-    if (!release.is_null() && *published == release.at("manifest_sha256"))
+    if (*published == record_.active->manifest_sha256)
+      return already_current(record_.active->build_id);
+    if (record_.candidate) return skipped("candidate_pending");
+    const auto& failed = record_.failed_candidate;
+    if (failed && failed->reference && *published == failed->reference->manifest_sha256)
       return skipped("failed_before");
     return nullptr;
   }
@@ -168,7 +166,7 @@ class Staging {
   void require_ready() const {
     require(!stands(child("cleanup.json")), "launcher_cleanup_pending",
             "Finish the recorded Tavro cleanup before staging another update", {cleanup_command});
-    require(record_.at("attempt").is_null(), "busy",
+    require(!record_.attempt, "busy",
             "A launcher startup must finish before another update is staged");
     // A receipt that nobody can explain ends the run before any request.
     launcher_download_receipts(store_.directory());
@@ -237,26 +235,24 @@ class Staging {
 
   /// Whether the release is the active one. One build identifier never names two contents.
   bool is_selected(const Release& release) const {
-    for (const char* key : {"active", "rollback", "candidate"}) {
-      const json& selected = record_.at(key);
-      if (selected.is_null() || selected.at("build_id") != release.manifest.build_id) continue;
-      require(selected == release.reference, "launcher_build_conflict",
+    for (const auto* selected : {&record_.active, &record_.rollback, &record_.candidate}) {
+      if (!*selected || (*selected)->build_id != release.manifest.build_id) continue;
+      require(**selected == release.reference, "launcher_build_conflict",
               "An installed launcher build ID has different signed content");
     }
-    return record_.at("active") == release.reference;
+    return record_.active == release.reference;
   }
 
   json keep_current(const Release& release) {
     verify_snapshot_tree(release.manifest, store_.payload(release.reference), progress_);
-    downloads_.retire(release.reference);
+    downloads_.retire(release.reference.to_json());
     return already_current(release.manifest.build_id);
   }
 
   // The payload
 
   void require_place(const Release& release) const {
-    const json& candidate = record_.at("candidate");
-    require(candidate.is_null() || candidate == release.reference, "launcher_pending",
+    require(!record_.candidate || record_.candidate == release.reference, "launcher_pending",
             "Start the pending launcher candidate before staging a different build");
     const fs::path payload = store_.payload(release.reference);
     require_path_room(store_.root(), payload, release.manifest.longest_native_path());
@@ -268,7 +264,7 @@ class Staging {
   void fetch_archive(const Release& release, const json& archive) {
     require_budget(0);
     tell("downloading", true);
-    download(release.manifest.archive_target, release.reference,
+    download(release.manifest.archive_target, release.reference.to_json(),
              [&](const DownloadAdmission& admission) {
                admit(length(archive), release.manifest.expanded_length, admission);
                const auto volume = inspect_storage_volume(store_.directory());
@@ -280,8 +276,7 @@ class Staging {
   }
 
   void keep_descriptor(const Release& release) const {
-    const fs::path path =
-        child("manifests/" + release.reference.at("manifest_sha256").get<std::string>() + ".json");
+    const fs::path path = child("manifests/" + release.reference.manifest_sha256 + ".json");
     if (!stands(path)) {
       atomic_create(path, release.descriptor);
       return;
@@ -293,7 +288,7 @@ class Staging {
   void publish(const Release& release) {
     keep_descriptor(release);
     // The stored descriptor is what the retirement proves the receipts against.
-    downloads_.retire(release.reference);
+    downloads_.retire(release.reference.to_json());
     const fs::path payload = store_.payload(release.reference);
     if (stands(payload))
       verify_snapshot_tree(release.manifest, payload, progress_);
@@ -306,7 +301,7 @@ class Staging {
     const std::string nonce = random_id();
     const fs::path intent = child("intents/" + nonce + ".json");
     const fs::path tree = child("staging/" + nonce);
-    atomic_create(intent, staging_intent(nonce, release.reference).dump());
+    atomic_create(intent, StagingIntent{nonce, release.reference}.to_json().dump());
     extract_snapshot(release.manifest, child("downloads/" + release.manifest.archive_target), tree,
                      progress_);
     native_files::rename_replace(tree, payload);
@@ -319,13 +314,13 @@ class Staging {
 
   json select(const Release& release) {
     tell("activating", false);
-    record_["candidate"] = release.reference;
-    record_["failed_candidate"] = nullptr;
+    record_.candidate = release.reference;
+    record_.failed_candidate.reset();
     store_.save(record_);
     return {{"staged", true},
             {"activated", false},
             {"build_id", release.manifest.build_id},
-            {"manifest_sha256", release.reference.at("manifest_sha256")}};
+            {"manifest_sha256", release.reference.manifest_sha256}};
   }
 
   const LauncherStore& store_;
@@ -333,7 +328,7 @@ class Staging {
   const Progress& progress_;
   const StagingPhase& phase_;
   LauncherDownloads downloads_;
-  json record_;
+  LauncherRecord record_;
 };
 
 }  // namespace

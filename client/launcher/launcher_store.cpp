@@ -14,7 +14,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
-#include "launcher/launcher_record.h"
+#include "launcher/store_repair.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/native_platform.h"
@@ -26,12 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t fallback_entries = 64;
-
-const std::string& version_name(const json& reference, std::string_view missing) {
-  reference_shape(reference);
-  require(!reference.is_null(), "launcher_missing", missing);
-  return reference.at("manifest_sha256").get_ref<const std::string&>();
-}
+constexpr std::string_view record_name = "installation.json";
 
 bool is_version_folder(const fs::directory_entry& entry) {
   std::error_code error;
@@ -52,19 +47,22 @@ fs::directory_iterator version_entries(const fs::path& folder) {
 
 fs::path ordinary_root(const fs::path& path) {
   const auto normal = fs::weakly_canonical(fs::absolute(path)).lexically_normal();
-  // Taken apart and joined again, so that a link that appeared meanwhile is refused.
-  return safe_join(normal.root_path(), path_utf8(normal.relative_path()), false);
+  require_unlinked(normal);
+  return normal;
 }
 
 LauncherStore::LauncherStore(const fs::path& root, bool staged_install)
     : LauncherStore(root, Paths{}) {
   if (!staged_install) require_complete_native_install(root_);
-  private_directory(directory_);
+  const auto make_private = [&](const fs::path& folder) {
+    named(root_, folder, [&] { private_directory(folder); });
+  };
+  make_private(directory_);
   constexpr std::array<std::string_view, 9> folders = {
       "versions", "manifests", "downloads",       "download-intents", "staging",
       "intents",  "health",    "leases/versions", "leases/attempts"};
-  for (const auto folder : folders) private_directory(child(folder));
-  load();
+  for (const auto folder : folders) make_private(child(folder));
+  record();
 }
 
 LauncherStore::LauncherStore(const fs::path& root, ExistingStore) : LauncherStore(root, Paths{}) {
@@ -73,7 +71,7 @@ LauncherStore::LauncherStore(const fs::path& root, ExistingStore) : LauncherStor
   constexpr std::array<std::string_view, 4> folders = {"manifests", "downloads", "download-intents",
                                                        "intents"};
   for (const auto folder : folders) inspect_storage_directory(child(folder));
-  load();
+  record();
 }
 
 LauncherStore::LauncherStore(const fs::path& root, LaunchView) : LauncherStore(root, Paths{}) {
@@ -92,38 +90,35 @@ std::unique_ptr<LauncherStore> LauncherStore::for_launch(const fs::path& root) {
 }
 
 fs::path LauncherStore::child(std::string_view relative) const {
-  return safe_join(directory_, relative, true);
+  return named(root_, directory_ / relative, [&] { return safe_join(directory_, relative, true); });
 }
 
-json LauncherStore::load() const {
-  const auto path = directory_ / "installation.json";
+LauncherRecord LauncherStore::record() const {
+  const auto path = directory_ / record_name;
   std::error_code error;
   // Only a name that is surely absent means a new store; all else must be readable.
-  if (fs::symlink_status(path, error).type() == fs::file_type::not_found)
-    return default_launcher_record();
-  auto record = parse_json(read_file(path, launcher_record_bytes), launcher_record_bytes);
-  check_launcher_record(record);
-  return record;
+  if (fs::symlink_status(path, error).type() == fs::file_type::not_found) return {};
+  const json document = named(root_, path, [&] {
+    return parse_json(read_file(path, launcher_record_bytes), launcher_record_bytes);
+  });
+  try {
+    return LauncherRecord::parse(document);
+  } catch (const Error& failure) {
+    throw Error(failure.code, failure.what(),
+                {repair_command(root_), "Look at " + path_utf8(path) + ", which stays as it is"});
+  }
 }
 
-std::optional<json> LauncherStore::selection() const {
+std::optional<LauncherRecord> LauncherStore::usable_record() const {
   constexpr std::array<std::string_view, 4> unusable = {"launcher_state", "unsupported_schema",
                                                         "invalid_json", "size_limit"};
   try {
-    return load();
+    return record();
   } catch (const Error& error) {
     for (const auto code : unusable)
       if (error.code == code) return std::nullopt;
     throw;
-  } catch (const json::exception&) {
-    return std::nullopt;
   }
-}
-
-json LauncherStore::status() const {
-  auto record = load();
-  record["installed"] = !record.at("active").is_null();
-  return record;
 }
 
 void LauncherStore::save(json state) const {
@@ -133,25 +128,25 @@ void LauncherStore::save(json state) const {
   const auto text = state.dump();
   require(text.size() <= launcher_record_bytes, "size_limit",
           "Launcher state exceeds its durable bound");
-  atomic_write(child("installation.json"), text);
+  atomic_write(child(record_name), text);
 }
 
-LauncherManifest LauncherStore::manifest(const json& reference) const {
-  const auto& name = version_name(reference, "Install a verified launcher first");
+LauncherManifest LauncherStore::manifest(const LauncherReference& reference) const {
+  const auto& name = reference.manifest_sha256;
   const auto text = read_file(child("manifests/" + name + ".json"), launcher_descriptor_bytes);
   require(digest(text, "sha256") == name, "content_mismatch", "Stored launcher manifest changed");
   auto manifest = LauncherManifest::parse(parse_json(text, launcher_descriptor_bytes));
-  require(manifest.build_id == reference.at("build_id") && manifest.platform == native_platform(),
+  require(manifest.build_id == reference.build_id && manifest.platform == native_platform(),
           "launcher_state", "Launcher identity/platform differs from its local reference");
   return manifest;
 }
 
-fs::path LauncherStore::payload(const json& reference) const {
-  return child("versions/" + version_name(reference, "No working launcher is installed"));
+fs::path LauncherStore::payload(const LauncherReference& reference) const {
+  return child("versions/" + reference.manifest_sha256);
 }
 
-json LauncherStore::fallback_active() const {
-  json newest;
+LauncherReference LauncherStore::newest_version() const {
+  std::optional<LauncherReference> newest;
   fs::file_time_type newest_time;
   std::size_t seen = 0;
   for (const auto& entry : version_entries(child("versions"))) {
@@ -159,24 +154,31 @@ json LauncherStore::fallback_active() const {
             "Too many launcher versions to choose a fallback");
     if (!is_version_folder(entry)) continue;
     try {
-      const auto name = path_utf8(entry.path().filename());
-      const auto text = read_file(child("manifests/" + name + ".json"), launcher_descriptor_bytes);
-      const json reference = {
-          {"manifest_sha256", name},
-          {"build_id", parse_json(text, launcher_descriptor_bytes).at("build_id")}};
+      auto reference = stored_reference(path_utf8(entry.path().filename()));
       manifest(reference);
       const auto time = entry.last_write_time();
-      if (!newest.is_null() && time <= newest_time) continue;
-      newest = reference;
+      if (newest && time <= newest_time) continue;
+      newest = std::move(reference);
       newest_time = time;
     } catch (const std::exception&) {
       // A version that cannot be proved is no way back; it stays for whoever can read it.
       continue;
     }
   }
-  require(!newest.is_null(), "launcher_missing",
+  require(newest.has_value(), "launcher_missing",
           [] { return branded("No installed Tavro version could be started"); }, {"self status"});
-  return newest;
+  return *newest;
+}
+
+LauncherReference LauncherStore::stored_reference(const std::string& name) const {
+  const auto text = read_file(child("manifests/" + name + ".json"), launcher_descriptor_bytes);
+  return LauncherReference::parse(
+      {{"manifest_sha256", name},
+       {"build_id", parse_json(text, launcher_descriptor_bytes).at("build_id")}});
+}
+
+std::unique_ptr<FileLock> LauncherStore::lock(const fs::path& path, LockMode mode) const {
+  return named(root_, path, [&] { return std::make_unique<FileLock>(path, false, mode); });
 }
 
 std::unique_ptr<FileLock> LauncherStore::owner() const {
@@ -185,7 +187,7 @@ std::unique_ptr<FileLock> LauncherStore::owner() const {
   const auto deadline = clock::now() + std::chrono::seconds(2);
   for (;;) {
     try {
-      return std::make_unique<FileLock>(path, false, LockMode::exclusive);
+      return lock(path, LockMode::exclusive);
     } catch (const Error& error) {
       if (error.code != "busy" || clock::now() >= deadline) throw;
     }
@@ -193,8 +195,8 @@ std::unique_ptr<FileLock> LauncherStore::owner() const {
   }
 }
 
-std::unique_ptr<FileLock> LauncherStore::version_guard(const json& reference, LockMode mode) const {
-  const auto& name = version_name(reference, "No launcher version was selected");
+std::unique_ptr<FileLock> LauncherStore::version_guard(const LauncherReference& reference,
+                                                       LockMode mode) const {
   if (mode == LockMode::exclusive) {
     try {
       manifest(reference);
@@ -203,10 +205,10 @@ std::unique_ptr<FileLock> LauncherStore::version_guard(const json& reference, Lo
            "This launcher version has an unknown contract; preserve its content");
     }
   }
-  return std::make_unique<FileLock>(child("leases/versions/" + name + ".lock"), false, mode);
+  return lock(child("leases/versions/" + reference.manifest_sha256 + ".lock"), mode);
 }
 
-fs::path present_entry(const LauncherStore& store, const json& reference,
+fs::path present_entry(const LauncherStore& store, const LauncherReference& reference,
                        const LauncherManifest& manifest, std::string_view interface) {
   const auto& path = manifest.entry_point(interface);
   auto entry = safe_join(store.payload(reference), path, true);

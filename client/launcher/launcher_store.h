@@ -11,6 +11,7 @@
 #include "documents/launcher_contract.h"
 #include "domain/json.h"
 #include "domain/progress.h"
+#include "launcher/launcher_record.h"
 #include "platform/files/file_locks.h"
 
 namespace tavro {
@@ -24,6 +25,13 @@ class TufClient;
 /// Told the name of each phase of a staging, and whether its progress counts bytes.
 using StagingPhase = std::function<void(std::string_view name, bool counts_bytes)>;
 
+/// The failure that ended a candidate's start.
+struct StartupCause {
+  /// Of the `Error`; empty for another failure.
+  std::string code;
+  std::string sentence;
+};
+
 /// Marks the constructor that creates nothing.
 struct ExistingStore {};
 /// Marks the constructor that touches nothing.
@@ -35,7 +43,8 @@ struct LaunchView {};
 ///
 /// A record or a directory that the store does not understand is preserved: no failure changes or
 /// removes a file. Record codes: `launcher_state` for a damaged one, `unsupported_schema` for
-/// another version's, and what `read_file` and `parse_json` throw.
+/// another version's, and what `read_file` and `parse_json` throw. A failure that lies with a file
+/// of the store names it, and the repair that mends it.
 class LauncherStore {
  public:
   /// Creates what is missing of the store in the data folder `root` and proves that its record can
@@ -55,9 +64,14 @@ class LauncherStore {
   /// The child `launcher` of the data folder, which holds everything of the store.
   const std::filesystem::path& directory() const noexcept { return directory_; }
 
-  /// The record, proved; the default record of generation 0 when none was ever saved.
-  json load() const;
+  // The record and the versions. What takes or gives a `json` is the same for a caller outside this
+  // client: a reference or null, an attempt or null, or the record as it is stored.
+
+  /// The record, proved; that of generation 0 when none was ever saved.
+  LauncherRecord record() const;
+  json load() const { return record().to_json(); }
   /// The record, or nothing when it is damaged or another version's. Other failures pass.
+  std::optional<LauncherRecord> usable_record() const;
   std::optional<json> selection() const;
   /// The record with the further key `installed`: there is an active version.
   json status() const;
@@ -65,22 +79,28 @@ class LauncherStore {
   /// Replaces the record durably, with its generation raised by one. The caller holds `owner()`.
   /// Throws `launcher_state` when the generation is used up, `size_limit` above 32768 bytes; the
   /// old record then stands.
+  void save(const LauncherRecord& record) const { save(record.to_json()); }
   void save(json state) const;
 
   /// The descriptor of a version, proved against the reference. Throws `launcher_missing` for a
   /// null reference, `content_mismatch`, `launcher_state`, and what the manifest readers throw.
+  LauncherManifest manifest(const LauncherReference& reference) const;
   LauncherManifest manifest(const json& reference) const;
   /// Where the payload of a version lies; nothing is checked there. Throws `launcher_missing`.
+  std::filesystem::path payload(const LauncherReference& reference) const;
   std::filesystem::path payload(const json& reference) const;
-  /// A reference to the newest version on disk with a proved descriptor, whatever the record says.
-  /// Its payload is not verified. Throws `launcher_missing`, or `launcher_state` above 64 entries.
-  json fallback_active() const;
+  /// The newest version on disk with a proved descriptor, whatever the record says. Its payload is
+  /// not verified. Throws `launcher_missing`, or `launcher_state` above 64 entries.
+  LauncherReference newest_version() const;
+  json fallback_active() const { return newest_version().to_json(); }
 
-  /// The lock that serialises every change of the record. Waits up to 2 seconds, then `busy`.
+  /// The lock that serialises every change of the record. Waits up to 2 seconds, then `busy`. A
+  /// lock file that is not as the store makes it is `lock_failed`, here and below, and named.
   std::unique_ptr<FileLock> owner() const;
   /// The lease of a version: shared by what runs from it, exclusive to retire it. Never waits.
   /// Throws `busy`, `launcher_missing`, and for an exclusive lease `launcher_recovery_uncertain`
   /// when the version's contract cannot be read.
+  std::unique_ptr<FileLock> version_guard(const LauncherReference& reference, LockMode mode) const;
   std::unique_ptr<FileLock> version_guard(const json& reference, LockMode mode) const;
 
   /// Places the first launcher into a new store as its candidate and returns the reference.
@@ -113,36 +133,48 @@ class LauncherStore {
   /// `launcher_pending`, `cancelled`, and what the client and the extraction throw.
   json stage(TufClient& tuf, const Progress& progress, const StagingPhase& phase, bool optional);
 
-  // The probation of a candidate. An attempt is the record's object of `nonce` and `reference`; a
-  // malformed nonce is `launcher_state`. What changes the record needs the caller to hold
-  // `owner()`.
+  // The probation of a candidate. What changes the record needs the caller to hold `owner()`. A
+  // malformed nonce is `launcher_state`.
 
   /// The attempt lease: shared by whoever keeps the attempt alive.
+  std::filesystem::path startup_lease_path(const LauncherAttempt& attempt) const;
   std::filesystem::path startup_lease_path(const json& attempt) const;
+  /// The same, taken. Never waits.
+  std::unique_ptr<FileLock> attempt_lease(const LauncherAttempt& attempt, LockMode mode) const;
   /// The started launcher's word that it holds its leases.
+  std::filesystem::path startup_ack_path(const LauncherAttempt& attempt) const;
   std::filesystem::path startup_ack_path(const json& attempt) const;
   /// The started launcher's word that it is ready.
+  std::filesystem::path health_path(const LauncherAttempt& attempt) const;
   std::filesystem::path health_path(const json& attempt) const;
   /// The variables of `launcher_startup_variables` for a start in this attempt. Throws
   /// `launcher_interface`.
+  std::map<std::string, std::string> health_environment(const LauncherAttempt& attempt,
+                                                        std::string_view interface) const;
   std::map<std::string, std::string> health_environment(const json& attempt,
                                                         std::string_view interface) const;
 
   /// Records an attempt that nobody holds any more as "startup_interrupted"; without an attempt
   /// nothing happens. Throws `launcher_running` while a process still lives on it.
   void recover_attempt();
-  /// Moves the candidate into a new attempt, which is on disk before this returns; null when none
-  /// waits. Throws `busy` while an attempt is open.
+  /// Moves the candidate into a new attempt, which is on disk before this returns; nothing when
+  /// none waits. Throws `busy` while an attempt is open.
+  std::optional<LauncherAttempt> begin_attempt();
   json begin_candidate();
   /// Makes the attempt's version the active one and the active one the rollback, if all of the
   /// proof holds for the process `pid`, which the caller started itself: `health`, the
   /// acknowledgement and the whole payload. Throws `launcher_health`, `launcher_state`,
   /// `launcher_lease`, and what `manifest` and `verify_snapshot_tree` throw; the attempt then stays
   /// open.
+  void confirm_candidate(const LauncherAttempt& attempt, const json& health, unsigned long long pid,
+                         std::string_view interface);
   void confirm_candidate(const json& attempt, const json& health, unsigned long long pid,
                          std::string_view interface);
   /// Closes the attempt as failed; what is active stays. `problem` is 1 to 80 characters of a-z,
-  /// 0-9, '_' and '-'. Throws `launcher_state`.
+  /// 0-9, '_' and '-'. The cause is kept beside it, its sentence cut at 512 bytes. Throws
+  /// `launcher_state`.
+  void reject_candidate(const LauncherAttempt& attempt, std::string_view problem,
+                        const StartupCause& cause = {});
   void reject_candidate(const json& attempt, std::string_view problem);
 
  private:
@@ -152,7 +184,11 @@ class LauncherStore {
 
   std::filesystem::path child(std::string_view relative) const;
   /// The record, in which exactly this attempt is open; else `launcher_state`.
-  json load_open(const json& attempt) const;
+  LauncherRecord record_with(const json& attempt) const;
+  /// By the stored descriptor of this name, which is not proved.
+  LauncherReference stored_reference(const std::string& name) const;
+  /// A lock of the store, whose failures name it and say what mends it.
+  std::unique_ptr<FileLock> lock(const std::filesystem::path& path, LockMode mode) const;
 
   std::filesystem::path root_;
   std::filesystem::path directory_;
@@ -160,7 +196,7 @@ class LauncherStore {
 
 /// The entry point of a version, which is there and has its length; no digest is computed. Throws
 /// `launcher_damaged`, or what `safe_join` throws.
-std::filesystem::path present_entry(const LauncherStore& store, const json& reference,
+std::filesystem::path present_entry(const LauncherStore& store, const LauncherReference& reference,
                                     const LauncherManifest& manifest, std::string_view interface);
 
 }  // namespace tavro

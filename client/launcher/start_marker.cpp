@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <system_error>
 
 #include "domain/input.h"
 #include "domain/json.h"
@@ -45,6 +46,14 @@ void mark_start(const fs::path& root, std::string_view manifest_sha256, std::int
     replace_private_file(start_marker(root), marker.dump());
   } catch (const std::exception&) {
     // A start that cannot be counted is still a start.
+  }
+}
+
+void clear_failed_starts(const fs::path& root) noexcept {
+  try {
+    native_files::remove_quietly(start_marker(root));
+  } catch (const std::exception&) {
+    // A marker that stays only costs the next start a look at its tree.
   }
 }
 

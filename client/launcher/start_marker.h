@@ -26,4 +26,7 @@ StartMarker failed_starts(const std::filesystem::path& root);
 void mark_start(const std::filesystem::path& root, std::string_view manifest_sha256,
                 std::int64_t attempts);
 
+/// Forgets the failed starts, so that the next one counts from the beginning. Failures are ignored.
+void clear_failed_starts(const std::filesystem::path& root) noexcept;
+
 }  // namespace tavro

@@ -30,7 +30,7 @@ struct Refusals {
 struct OwnVersion {
   LauncherStore store;
   std::unique_ptr<FileLock> owner;
-  json reference;
+  LauncherReference reference;
   std::unique_ptr<FileLock> lease;
 };
 
@@ -43,7 +43,7 @@ OwnVersion own_version(std::string_view interface, std::string_view build_id,
   require(version.has_value(), "maintenance_unavailable", refusals.unmanaged);
   LauncherStore store(version->root);
   auto owner = store.owner();
-  json reference = {{"manifest_sha256", version->manifest_sha256}, {"build_id", build_id}};
+  LauncherReference reference{version->manifest_sha256, std::string(build_id), {}};
   auto lease = store.version_guard(reference, LockMode::shared);
   const auto manifest = store.manifest(reference);
   const auto payload = store.payload(reference);
@@ -75,10 +75,18 @@ json native_maintenance_control(const fs::path& root, const std::vector<std::str
 }
 
 std::unique_ptr<MaintenanceRuntime> prepare_console_maintenance(
-    LauncherStore& store, const json& reference, const fs::path& root,
+    LauncherStore& store, const LauncherReference& reference, const fs::path& root,
     const std::function<bool()>& cancelled, bool) {
   require(!cancelled || !cancelled(), "cancelled", "Uninstall cancelled");
   return MaintenanceRuntime::prepare(store, reference, "maintenance", root, {});
+}
+
+std::unique_ptr<MaintenanceRuntime> prepare_console_maintenance(
+    LauncherStore& store, const json& reference, const fs::path& root,
+    const std::function<bool()>& cancelled, bool as_json) {
+  require(!cancelled || !cancelled(), "cancelled", "Uninstall cancelled");
+  return prepare_console_maintenance(store, present_reference(reference, "Install a verified launcher first"), root, cancelled,
+                                     as_json);
 }
 
 std::unique_ptr<MaintenanceRuntime> prepare_gui_maintenance(const fs::path& root,

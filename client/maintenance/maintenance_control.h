@@ -22,6 +22,9 @@ json native_maintenance_control(const std::filesystem::path& root,
 /// The console helper of a version, ready to take over. `as_json` changes nothing here. Throws
 /// `cancelled` when that is asked for already, and as `MaintenanceRuntime::prepare`.
 std::unique_ptr<MaintenanceRuntime> prepare_console_maintenance(
+    LauncherStore& store, const LauncherReference& reference, const std::filesystem::path& root,
+    const std::function<bool()>& cancelled, bool as_json);
+std::unique_ptr<MaintenanceRuntime> prepare_console_maintenance(
     LauncherStore& store, const json& reference, const std::filesystem::path& root,
     const std::function<bool()>& cancelled, bool as_json);
 

@@ -43,23 +43,28 @@ const std::string& helper_path(const LauncherManifest& manifest, std::string_vie
 struct ReadyFile {
   const fs::path& path;
 
-  ~ReadyFile() {
-    std::error_code ignored;
-    fs::remove(path, ignored);
-  }
+  ~ReadyFile() { native_files::remove_quietly(path); }
 };
+
+fs::path temporary_folder() {
+  std::error_code error;
+  const fs::path folder = fs::canonical(fs::temp_directory_path(error), error);
+  require(!error && fs::is_directory(folder, error), "maintenance_startup",
+          "The temporary folder cannot be used; set TMPDIR to a folder that exists");
+  return folder;
+}
 
 /// A name that nobody can guess, so that nobody else can speak for the helper.
 fs::path new_ready_file(const fs::path& copy) {
   // Other users write there too, so that a link in the way is followed once, and here.
-  const auto folder = copy.empty() ? fs::canonical(fs::temp_directory_path()) : copy;
+  const auto folder = copy.empty() ? temporary_folder() : copy;
   return folder / ("tavro-maintenance-ready-" + random_id());
 }
 
 }  // namespace
 
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& store,
-                                                                const json& reference,
+                                                                const LauncherReference& reference,
                                                                 std::string_view role,
                                                                 const fs::path&,
                                                                 const MaintenanceProgress&) {
@@ -75,6 +80,12 @@ std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& s
   std::unique_ptr<MaintenanceRuntime> runtime(new MaintenanceRuntime);
   runtime->image_ = std::move(image);
   return runtime;
+}
+
+std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(
+    LauncherStore& store, const json& reference, std::string_view role, const fs::path& root,
+    const MaintenanceProgress& progress) {
+  return prepare(store, present_reference(reference, "Install a verified launcher first"), role, root, progress);
 }
 
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::attach(std::string_view, std::string_view) {

@@ -35,6 +35,11 @@ class MaintenanceRuntime {
   /// Finds the version's helper for `role` ("maintenance" or "maintenance-gui") and proves it
   /// against the descriptor. It runs in place, so `root` and `progress` are not used. Throws
   /// `maintenance_unavailable`, `content_mismatch`, and what the store and a missing file throw.
+  static std::unique_ptr<MaintenanceRuntime> prepare(LauncherStore& store,
+                                                     const LauncherReference& reference,
+                                                     std::string_view role,
+                                                     const std::filesystem::path& root,
+                                                     const MaintenanceProgress& progress);
   static std::unique_ptr<MaintenanceRuntime> prepare(LauncherStore& store, const json& reference,
                                                      std::string_view role,
                                                      const std::filesystem::path& root,
@@ -63,8 +68,8 @@ class MaintenanceRuntime {
   std::unique_ptr<ChildProcess> launch_console(const std::vector<std::string>& arguments);
 
   /// Starts the helper and returns once it has shown itself. Throws `maintenance_startup` when it
-  /// ended or `limit` passed before that, in which case it is stopped; as `ChildProcess`; and
-  /// `std::filesystem::filesystem_error` when the system has no temporary folder.
+  /// ended or `limit` passed before that, in which case it is stopped, and when the system has no
+  /// temporary folder; otherwise as `ChildProcess`.
   std::unique_ptr<ChildProcess> launch_gui(const std::vector<std::string>& arguments,
                                            std::chrono::milliseconds limit);
 

@@ -73,6 +73,14 @@ PackageResources parse_resources(const json& document, std::optional<DescriptorB
   return resources;
 }
 
+/// A theme as the package folder holds it, its files under the package's names.
+Theme parse_package_theme(const fs::path& folder, const SealedTheme& sealed) {
+  return parse_theme(parse_json(sealed.definition, kThemeDefinitionBytes),
+                     [&](const std::string& name) {
+                       return folder / (std::string(package_theme_prefix) + name);
+                     });
+}
+
 void check_icon(std::string_view icon) {
   using namespace std::string_view_literals;
   // The 22 bytes are the header of an icon file and one entry of its directory.
@@ -92,7 +100,10 @@ void read_small_files(NativePackage& package, const PackageResources& resources)
     package.brand_icon = read_resource(package.root, *resources.icon, package_attachment_bytes);
     check_icon(package.brand_icon);
   }
-  if (resources.theme) package.theme = read_sealed_theme(package.root, *resources.theme);
+  if (!resources.theme) return;
+  package.theme = read_sealed_theme(package.root, *resources.theme);
+  // A theme that breaks a rule would be installed and never be shown.
+  parse_package_theme(package.root, *package.theme);
 }
 
 void check_root_metadata(std::string_view text) {
@@ -151,13 +162,19 @@ std::set<std::string> expected_names(const std::vector<Resource>& resources) {
 
 void check_folder(const fs::path& root, const std::set<std::string>& expected) {
   std::size_t seen = 0;
-  for (const auto& entry : fs::directory_iterator(root)) {
-    const auto name = path_utf8(entry.path().filename());
+  std::error_code error;
+  for (fs::directory_iterator entry(root, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const auto name = path_utf8(entry->path().filename());
+    std::error_code ignored;
     require(++seen <= expected.size() && expected.contains(name) &&
-                fs::is_regular_file(entry.symlink_status()),
+                fs::is_regular_file(entry->symlink_status(ignored)),
             "invalid_native_package",
             [&] { return "Initial package contains an unexpected entry: " + name; });
   }
+  require(!error, "file_read", [&] {
+    return "Cannot list the package folder " + path_utf8(root) + ": " + error.message();
+  });
   require(seen == expected.size(), "invalid_native_package",
           "Initial package is missing a resource");
 }
@@ -254,10 +271,7 @@ std::optional<Theme> package_theme(const fs::path& path, std::string_view seal) 
   return reading_package([&]() -> std::optional<Theme> {
     const auto brand = parse_descriptor_brand(sealed_descriptor(path, seal));
     if (!brand || !brand->theme) return std::nullopt;
-    const SealedTheme sealed = read_sealed_theme(path, *brand->theme);
-    return parse_theme(
-        parse_json(sealed.definition, kThemeDefinitionBytes),
-        [&](const std::string& name) { return path / (std::string(package_theme_prefix) + name); });
+    return parse_package_theme(path, read_sealed_theme(path, *brand->theme));
   });
 }
 

@@ -22,8 +22,8 @@ struct FeaturedGame {
   std::string name;
 };
 
-/// The theme of a brand: its definition and its assets with the names that the definition uses. The
-/// package holds these bytes; whether they keep the rules of a theme is for `parse_theme`.
+/// The theme of a brand: its definition and its assets with the names that the definition uses. They
+/// keep the rules of a theme.
 struct SealedTheme {
   std::string definition;
   std::vector<std::pair<std::string, std::string>> files;
@@ -61,7 +61,7 @@ struct NativePackage {
 /// total of each file that is hashed; false ends the read with `cancelled`.
 /// Throws `native_install_trust` when seal and folder do not belong together,
 /// `invalid_native_package`, `unsupported_schema`, `launcher_incompatible`, `invalid_origin`,
-/// `expired_metadata`, `size_limit`, `content_mismatch`, and what the readers of its parts throw.
+/// `expired_metadata`, `size_limit`, `content_mismatch`, `invalid_theme`, and what the readers of its parts throw.
 NativePackage read_native_package(const std::filesystem::path& path, std::string_view seal,
                                   const Progress& progress = {});
 

@@ -13,6 +13,7 @@
 #include "launcher/launcher_store.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/managed_tree.h"
+#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 
 namespace tavro {
@@ -32,8 +33,7 @@ void remove_update_leftovers(const fs::path& tree) {
             [&](const fs::directory_entry& entry, std::string_view) {
               if (entry.path().extension() == ".old") leftovers.push_back(entry.path());
             });
-  std::error_code ignored;
-  for (const auto& leftover : leftovers) fs::remove(leftover, ignored);
+  for (const auto& leftover : leftovers) native_files::remove_quietly(leftover);
 }
 
 void prove_bootstrap(const DataPaths& paths) {
@@ -43,10 +43,10 @@ void prove_bootstrap(const DataPaths& paths) {
 
 void prove_launcher(const DataPaths& paths) {
   const auto store = LauncherStore::existing(paths.root);
-  const json record = store->status();
-  const json& active = record.at("active");
-  const json& reference = active.is_null() ? record.at("candidate") : active;
-  verify_snapshot_tree(store->manifest(reference), store->payload(reference));
+  const auto record = store->record();
+  const auto& reference = record.active ? record.active : record.candidate;
+  require(reference.has_value(), "launcher_missing", "Install a verified launcher first");
+  verify_snapshot_tree(store->manifest(*reference), store->payload(*reference));
 }
 
 void prove_trust(const DataPaths& paths) {

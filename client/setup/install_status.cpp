@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "domain/input.h"
+#include "installation/own_files.h"
 #include "installation/shortcut_ledger.h"
 #include "launcher/launcher_store.h"
 #include "self_update/bootstrap_update.h"
@@ -14,16 +15,26 @@ namespace tavro {
 namespace {
 
 /// The active launcher, else the one that waits for its first start. What the store cannot tell is
-/// no failure of the status.
-std::string launcher_build(const std::filesystem::path& root) {
+/// no failure of the status, but a problem.
+std::string launcher_build(const std::filesystem::path& root, std::vector<std::string>& problems) {
   try {
-    const json record = LauncherStore::existing(root)->status();
-    const json& reference =
-        record.at("active").is_null() ? record.at("candidate") : record.at("active");
-    return reference.is_null() ? std::string() : reference.at("build_id").get<std::string>();
-  } catch (const std::exception&) {
+    const auto record = LauncherStore::existing(root)->record();
+    const auto& reference = record.active ? record.active : record.candidate;
+    return reference ? reference->build_id : std::string();
+  } catch (const std::exception& failure) {
+    problems.push_back(path_utf8(root / "launcher") + " cannot be read: " + failure.what());
     return {};
   }
+}
+
+/// A document that is no file has no words of its own for that; all others have.
+template <typename Work>
+void naming_stranger(const std::filesystem::path& document, const Work& work) {
+  if (std::filesystem::is_regular_file(std::filesystem::symlink_status(document)) ||
+      !stands(document))
+    work();
+  else
+    naming(document, work);
 }
 
 json operation_json(const NativeSetupRecord& record) {
@@ -41,15 +52,17 @@ NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_ro
   status.data_root = paths.root;
   status.incomplete = stands(paths.incomplete_marker);
   status.installed = stands(paths.installation) && !status.incomplete;
+  if (status.installed || status.incomplete) status.problems = file_problems(paths);
   if (!status.installed) return status;
-  check_installation(paths);
-  status.bootstrap_build = current_bootstrap(paths).build_id;
-  status.launcher_build = launcher_build(paths.root);
+  naming_stranger(paths.installation, [&] { check_installation(paths); });
+  status.bootstrap_build =
+      naming(paths.bootstrap_manifest, [&] { return current_bootstrap(paths).build_id; });
+  status.launcher_build = launcher_build(paths.root, status.problems);
   status.bootstrap_update_pending = bootstrap_update_pending(paths.root);
   status.bootstrap_update_problem = bootstrap_update_obstacle(paths.root);
   for (const auto& shortcut : owned_native_shortcuts(paths.root))
     status.shortcuts.push_back(path_from_utf8(shortcut.path));
-  status.last_operation = last_operation(paths);
+  naming_stranger(paths.setup_status, [&] { status.last_operation = last_operation(paths); });
   return status;
 }
 
@@ -66,6 +79,7 @@ json NativeInstallStatus::to_json() const {
   if (!bootstrap_update_problem.empty())
     document["bootstrap_update_problem"] = bootstrap_update_problem;
   if (last_operation) document["last_operation"] = operation_json(*last_operation);
+  if (!problems.empty()) document["problems"] = problems;
   return document;
 }
 

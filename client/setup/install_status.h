@@ -26,6 +26,9 @@ struct NativeInstallStatus {
   /// Shortcuts recorded as created by this installation.
   std::vector<std::filesystem::path> shortcuts;
   std::optional<NativeSetupRecord> last_operation;
+  /// What keeps it from working or from being told, one sentence part each. In the document only
+  /// when there is any.
+  std::vector<std::string> problems;
 
   /// The document of the command `status`.
   json to_json() const;

@@ -50,9 +50,8 @@ void swap_part(const Part& part) {
 void discard_bootstrap_update(const BootstrapPaths& update) {
   for (const auto& folder : {update.update, update.partial, update.downloads})
     remove_path_quietly(folder);
-  std::error_code ignored;
   for (const auto& file : {update.pending, update.rejected, update.old_files})
-    fs::remove(file, ignored);
+    native_files::remove_quietly(file);
 }
 
 void commit_bootstrap(const DataPaths& paths, const NativePackage& package) {
@@ -65,9 +64,8 @@ void commit_bootstrap(const DataPaths& paths, const NativePackage& package) {
 
 void commit_icon(const DataPaths& paths, const NativePackage& package) {
   const fs::path icon = brand_icon_path(paths.root);
-  std::error_code ignored;
   if (package.brand_icon.empty())
-    fs::remove(icon, ignored);
+    native_files::remove_quietly(icon);
   else
     atomic_write(icon, package.brand_icon);
 }

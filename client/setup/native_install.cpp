@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <exception>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -12,17 +13,19 @@
 #include "installation/bootstrap_paths.h"
 #include "installation/cancellation.h"
 #include "installation/closed_proof.h"
-#include "installation/installed_brand.h"
-#include "installation/shortcut_ledger.h"
+#include "installation/own_files.h"
 #include "launcher/launcher_store.h"
+#include "launcher/start_marker.h"
 #include "package/native_package.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
 #include "platform/files/managed_tree.h"
+#include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
-#include "platform/host/uninstall_entry.h"
+#include "platform/files/torn_write.h"
 #include "setup/install_plan.h"
+#include "setup/install_shortcuts.h"
 #include "setup/native_commit.h"
 #include "tuf/tuf.h"
 
@@ -50,9 +53,14 @@ bool is_absent(const fs::path& path) {
   return fs::symlink_status(path, error).type() == fs::file_type::not_found;
 }
 
+bool is_stranger(const fs::path& document) {
+  std::error_code ignored;
+  return !fs::is_regular_file(fs::symlink_status(document, ignored));
+}
+
 bool holds_nothing_but_setup_lock(const DataPaths& paths) {
-  for (const auto& entry : fs::directory_iterator(paths.root))
-    if (entry.path() != paths.setup_lock) return false;
+  for (const auto& entry : children(paths.root))
+    if (entry != paths.setup_lock) return false;
   return true;
 }
 
@@ -73,7 +81,10 @@ void accept_existing_folder(const DataPaths& paths) {
 void require_starting_point(const DataPaths& paths, bool repair) {
   const bool marked = stands(paths.incomplete_marker);
   const bool complete = stands(paths.installation) && !marked;
-  if (complete) check_installation(paths);
+  const bool stranger = complete && is_stranger(paths.installation);
+  if (complete && !stranger) check_installation(paths);
+  // What is no file says nothing of its version; a repair sets it aside.
+  if (stranger && !repair) naming(paths.installation, [&] { check_installation(paths); });
   if (repair) {
     require_installed(complete || marked, paths.root);
     return;
@@ -112,16 +123,14 @@ void stage(const DataPaths& paths, const NativePackage& package, const InstallPl
 /// anywhere, it is not taken for an installation, and a further run knows it for its own. The lock
 /// goes last, and the folder only if it is empty by then: another run may have entered.
 void discard_new_folder(const DataPaths& paths) {
-  std::error_code ignored;
-  fs::remove(paths.installation, ignored);
+  native_files::remove_quietly(paths.installation);
   bool emptied = true;
   for (const auto& entry : children(paths.root))
     if (entry != paths.native && entry != paths.incomplete_marker && entry != paths.setup_lock)
       emptied = remove_path_quietly(entry) && emptied;
   if (!emptied || !remove_path_quietly(paths.native)) return;
-  fs::remove(paths.incomplete_marker, ignored);
-  fs::remove(paths.setup_lock, ignored);
-  fs::remove(paths.root, ignored);
+  for (const auto& last : {paths.incomplete_marker, paths.setup_lock, paths.root})
+    native_files::remove_quietly(last);
 }
 
 /// Takes back what a failed install did to a folder that it found, unless the commit had begun.
@@ -129,10 +138,9 @@ void discard_new_folder(const DataPaths& paths) {
 void discard_additions(const DataPaths& paths) {
   remove_path_quietly(paths.staging);
   if (!is_absent(paths.incomplete_marker) || !is_absent(paths.installation)) return;
-  std::error_code ignored;
-  fs::remove(paths.bootstrap_lock, ignored);
+  native_files::remove_quietly(paths.bootstrap_lock);
   remove_path_quietly(paths.native);
-  fs::remove(paths.setup_lock, ignored);
+  native_files::remove_quietly(paths.setup_lock);
 }
 
 /// Best effort, so that the failure itself is what the caller hears of.
@@ -155,6 +163,25 @@ void settle_failed_repair(const DataPaths& paths, std::string_view problem) {
   write_status(paths, "repair", "failed", problem);
 }
 
+NativeFileLock take_setup_lock(const DataPaths& paths) {
+  return naming(paths.setup_lock, [&] {
+    return NativeFileLock(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  });
+}
+
+/// What documents left that were cut off while they were written, all of them under these locks.
+void remove_cut_off_writes(const DataPaths& paths) {
+  torn_write::remove_leftovers(paths.root,
+                               {".tavro-setup-incomplete", "repository.json", "repository-ca.pem"});
+  torn_write::remove_leftovers(paths.native, {"installation.json", "setup-status.json",
+                                              "bootstrap.json", "brand.ico", "brand.png"});
+}
+
+void append(std::vector<std::string>& all, std::vector<std::string> more) {
+  all.insert(all.end(), std::make_move_iterator(more.begin()),
+             std::make_move_iterator(more.end()));
+}
+
 /// One run, as far as it works under the locks.
 class LockedRun {
  public:
@@ -168,10 +195,10 @@ class LockedRun {
         was_absent_(was_absent) {}
 
   NativeInstallResult run() {
+    mended_ = mend_setup_lock(paths_);
     // Without this lock the folder is another worker's, so that nothing in it may be settled; and
     // it is held while a failure is, since the next worker may otherwise be at work by then.
-    const NativeFileLock setup(paths_.setup_lock, true, NativeLockSharing::none,
-                               LockMode::exclusive);
+    const NativeFileLock setup = take_setup_lock(paths_);
     try {
       return install();
     } catch (const std::exception& failure) {
@@ -189,16 +216,26 @@ class LockedRun {
     fresh_ = was_absent_ && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
     private_directory(paths_.native);
+    append(mended_, mend_locks(paths_));
     const NativeFileLock closed =
         wait_for_tavro_closed(paths_, std::chrono::milliseconds(0), cancellation_);
+    remove_cut_off_writes(paths_);
+    append(mended_, set_aside_marker(paths_));
     const InstallPlan plan = repair_ ? plan_repair(paths_) : InstallPlan();
     stage(paths_, package_, plan, cancellation_);
+    if (has_strangers(paths_)) {
+      mark_incomplete(paths_);
+      append(mended_, set_aside_strangers(paths_));
+    }
     commit(paths_, package_, plan);
+    // What was proved or replaced just now has not failed to start.
+    if (repair_) clear_failed_starts(paths_.root);
 
     NativeInstallResult result;
     result.data_root = paths_.root;
     result.repaired = repair_;
     result.replaced = plan.replaced();
+    result.mended = std::move(mended_);
     result.bootstrap = safe_join(paths_.bootstrap, current_bootstrap(paths_).executable, true);
     return result;
   }
@@ -209,46 +246,8 @@ class LockedRun {
   const bool repair_;
   const bool was_absent_;
   bool fresh_ = false;
+  std::vector<std::string> mended_;
 };
-
-/// A repair brings back what is missing; an install makes the launcher's shortcut, unless a front
-/// end makes that of the brand's game instead.
-void make_shortcuts(const DataPaths& paths, const NativeInstallRequest& request,
-                    const NativePackage& package, std::vector<fs::path>& shortcuts) {
-  const fs::path target = shortcut_bootstrap(paths);
-  if (request.repair) {
-    shortcuts = restore_owned_native_shortcuts(paths.root, target);
-    return;
-  }
-  if (!request.create_shortcut || (package.brand && package.featured_game)) return;
-  const std::string name = package.brand ? package.brand->name : "Tavro";
-  const fs::path entry = native_menu_entry(paths.root, "", name);
-  create_owned_native_shortcut({target, paths.root, "", name}, entry);
-  shortcuts.push_back(entry);
-}
-
-UninstallEntry uninstall_entry(const DataPaths& paths, const std::optional<Brand>& brand) {
-  UninstallEntry entry;
-  entry.key = uninstall_entry_key(brand);
-  entry.display_name = brand ? brand->name : "Tavro";
-  entry.publisher = brand ? brand->publisher : "Tavro";
-  entry.data_root = path_utf8(paths.root);
-  const fs::path executable = shortcut_bootstrap(paths);
-  entry.executable = path_utf8(executable);
-  const fs::path icon = brand_icon_path(paths.root);
-  entry.icon = path_utf8(stands(icon) ? icon : executable);
-  return entry;
-}
-
-/// A step behind the commit: the installation is complete, and the first failure is only told.
-template <typename Step>
-void guarded(std::string& problem, const Step& step) {
-  try {
-    step();
-  } catch (const std::exception& failure) {
-    if (problem.empty()) problem = failure.what();
-  }
-}
 
 }  // namespace
 
@@ -270,10 +269,7 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
   NativeInstallResult result =
       LockedRun(paths, package, request.repair, was_absent, cancellation).run();
 
-  guarded(result.shortcut_problem,
-          [&] { make_shortcuts(paths, request, package, result.shortcuts); });
-  guarded(result.shortcut_problem,
-          [&] { register_uninstall_entry(uninstall_entry(paths, package.brand)); });
+  make_shortcuts(paths, request, package, result);
   write_status(paths, request.repair ? "repair" : "install", "succeeded", result.shortcut_problem);
   return result;
 }
@@ -284,14 +280,17 @@ json NativeInstaller::seed_launcher(const fs::path& root, std::string_view manif
 }
 
 json NativeInstallResult::to_json() const {
-  return {{"schema_version", 1},
-          {"installed", true},
-          {"repaired", repaired},
-          {"data_root", path_utf8(data_root)},
-          {"bootstrap", path_utf8(bootstrap)},
-          {"replaced", replaced},
-          {"shortcuts", path_array(shortcuts)},
-          {"shortcut_problem", shortcut_problem.empty() ? json() : json(shortcut_problem)}};
+  json document = {
+      {"schema_version", 1},
+      {"installed", true},
+      {"repaired", repaired},
+      {"data_root", path_utf8(data_root)},
+      {"bootstrap", path_utf8(bootstrap)},
+      {"replaced", replaced},
+      {"shortcuts", path_array(shortcuts)},
+      {"shortcut_problem", shortcut_problem.empty() ? json() : json(shortcut_problem)}};
+  if (!mended.empty()) document["mended"] = mended;
+  return document;
 }
 
 }  // namespace tavro

@@ -34,6 +34,9 @@ struct NativeInstallResult {
   std::vector<std::string> replaced;
   /// Shortcuts made or restored.
   std::vector<std::filesystem::path> shortcuts;
+  /// Beyond the parts: files whose form was mended, one sentence part each, such as "/data/x was made
+  /// private again". In the document only when there are any.
+  std::vector<std::string> mended;
   /// The first failure of the steps after the commit, which fail nothing; empty when none.
   std::string shortcut_problem;
 
@@ -81,6 +84,15 @@ class NativeInstaller {
                                                std::string_view game,
                                                const std::filesystem::path& destination,
                                                std::string_view name);
+
+  /// The same, and whether a file was made for it.
+  struct MadeShortcut {
+    std::filesystem::path path;
+    bool created = false;
+  };
+  static MadeShortcut make_shortcut(const std::filesystem::path& data_root, std::string_view game,
+                                    const std::filesystem::path& destination,
+                                    std::string_view name);
 
   /// Throws `not_installed`, and as `remove_owned_native_shortcuts`.
   static ShortcutRemoval remove_shortcuts(const std::filesystem::path& data_root);

@@ -13,11 +13,13 @@
 #include "installation/cancellation.h"
 #include "installation/closed_proof.h"
 #include "installation/installed_brand.h"
+#include "installation/own_files.h"
 #include "package/brand.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
 #include "platform/files/running_files.h"
 #include "platform/host/uninstall_entry.h"
+#include "setup/install_shortcuts.h"
 
 namespace tavro {
 namespace {
@@ -32,13 +34,22 @@ void remove_entry(const fs::path& path, const fs::path& trash, std::vector<fs::p
   if (is_directory_itself(path)) {
     for (const auto& child : children(path)) remove_entry(child, trash, deferred);
     // A directory may stay behind for an entry that could only be set aside.
-    std::error_code ignored;
     if (!deferred.empty()) {
-      fs::remove(path, ignored);
+      native_files::remove_quietly(path);
       return;
     }
   }
   if (!native_files::remove_or_trash(path, trash)) deferred.push_back(path);
+}
+
+/// Outside the data folder. Where nothing has to be set aside, a temporary folder that cannot be used
+/// stops no removal.
+fs::path folder_for_trash(const fs::path& root) {
+  try {
+    return native_files::temporary_directory(root);
+  } catch (const fs::filesystem_error&) {
+    return root.parent_path();
+  }
 }
 
 /// One walk that empties the folder, except for what the run still needs and what the player keeps.
@@ -46,7 +57,7 @@ class Removal {
  public:
   Removal(const DataPaths& paths, bool remove_data)
       : paths_(paths),
-        trash_(native_files::temporary_directory(paths.root) / ("tavro-removed-" + random_id())),
+        trash_(folder_for_trash(paths.root) / ("tavro-removed-" + random_id())),
         remove_data_(remove_data) {}
 
   void run(NativeUninstallResult& result) const {
@@ -100,34 +111,22 @@ void remove_installation_record(const DataPaths& paths) {
 /// Without the marker the folder counts as removed, so that the removals must be durable first. The
 /// setup lock goes right before it: from then on another run may enter and set a marker of its own.
 void remove_locks_and_marker(const DataPaths& paths) {
-  std::error_code ignored;
-  fs::remove(paths.bootstrap_lock, ignored);
+  native_files::remove_quietly(paths.bootstrap_lock);
   sync_directory(paths.root);
-  fs::remove(paths.setup_lock, ignored);
+  native_files::remove_quietly(paths.setup_lock);
   clear_incomplete(paths);
 }
 
 /// The folder itself, if nothing of the player's is left in it; best effort.
 void remove_root(const fs::path& root, bool remove_data) {
   std::error_code ignored;
-  if (remove_data || fs::is_empty(root, ignored)) fs::remove(root, ignored);
+  if (remove_data || fs::is_empty(root, ignored)) native_files::remove_quietly(root);
 }
 
 DataPaths installed_paths(const fs::path& data_root) {
   const DataPaths paths(data_folder(data_root));
   require_installed(stands(paths.installation), paths.root);
   return paths;
-}
-
-/// Shortcuts never stop an uninstall. Behind a link in place of the native folder none are
-/// recorded.
-std::vector<fs::path> remove_shortcuts_quietly(const DataPaths& paths) {
-  try {
-    if (!is_directory_itself(paths.native)) return {};
-    return remove_owned_native_shortcuts(paths.root).changed;
-  } catch (const std::exception&) {
-    return {};
-  }
 }
 
 }  // namespace
@@ -141,9 +140,13 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
   NativeUninstallResult result;
   result.data_root = paths.root;
 
-  const NativeFileLock setup(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  mend_setup_lock(paths);
+  const NativeFileLock setup = naming(paths.setup_lock, [&] {
+    return NativeFileLock(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  });
   // Another run may have come and gone since the first look.
   require_removable(paths);
+  mend_locks(paths);
   {
     const NativeFileLock closed = wait_for_tavro_closed(paths, request.timeout, cancellation);
     // The last point of return.
@@ -151,10 +154,11 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
     cancellation.report("removing", 0, 0);
     // Read first: the record may become the marker.
     const auto brand = installed_brand(paths.root);
+    set_aside_marker(paths);
     mark_removal(paths);
     remove_installation_record(paths);
     remove_uninstall_entry(uninstall_entry_key(brand));
-    result.changed_shortcuts = remove_shortcuts_quietly(paths);
+    result.changed_shortcuts = remove_all_shortcuts(paths);
     removal.run(result);
   }
   remove_locks_and_marker(paths);
@@ -167,13 +171,20 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
 
 fs::path NativeInstaller::create_shortcut(const fs::path& data_root, std::string_view game,
                                           const fs::path& destination, std::string_view name) {
+  return make_shortcut(data_root, game, destination, name).path;
+}
+
+NativeInstaller::MadeShortcut NativeInstaller::make_shortcut(const fs::path& data_root,
+                                                             std::string_view game,
+                                                             const fs::path& destination,
+                                                             std::string_view name) {
   const DataPaths paths = installed_paths(data_root);
   if (name.empty()) name = game.empty() ? std::string_view(product_name()) : game;
   const fs::path path = destination.empty() ? native_menu_entry(paths.root, game, name)
                                             : fs::absolute(destination).lexically_normal();
-  create_owned_native_shortcut(
+  const bool created = create_named_shortcut(
       {shortcut_bootstrap(paths), paths.root, std::string(game), std::string(name)}, path);
-  return path;
+  return {path, created};
 }
 
 ShortcutRemoval NativeInstaller::remove_shortcuts(const fs::path& data_root) {

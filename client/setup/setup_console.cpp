@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 
@@ -20,6 +21,18 @@
 namespace tavro {
 namespace {
 
+/// The default data folder; empty where the environment names none and the line needs none, since
+/// it names a folder or only asks for help.
+std::filesystem::path default_data_root(const std::vector<std::string>& arguments) {
+  try {
+    return user_data_root();
+  } catch (const Error&) {
+    for (const auto* word : {"--data-dir", "--help", "-h"})
+      if (std::find(arguments.begin(), arguments.end(), word) != arguments.end()) return {};
+    throw;
+  }
+}
+
 void run_command(SetupCommand& command, bool installer, std::string_view seal,
                  const std::function<bool()>& cancelled) {
   require_complete_native_install_image(current_executable_path());
@@ -28,7 +41,9 @@ void run_command(SetupCommand& command, bool installer, std::string_view seal,
   select_brand_and_folder(command, seal);
   const NativeSetupCallbacks callbacks = console_callbacks(command.json, cancelled);
   const json result = run_setup_command(command, seal, callbacks);
-  std::cout << (command.json ? compact_line(result) : setup_summary(command, result)) << std::endl;
+  if (!command.json)
+    for (const auto& line : setup_details(result)) std::cerr << line << std::endl;
+  write_line(command.json ? compact_line(result) : setup_summary(command, result));
 }
 
 const char* phase_line(std::string_view phase) {
@@ -44,10 +59,10 @@ int run_setup_console(const std::vector<std::string>& arguments, std::string_vie
   ReportForm form = ReportForm::text;
   try {
     const bool installer = program == "tavro-install";
-    SetupCommand command = parse_setup_command(arguments, user_data_root());
+    SetupCommand command = parse_setup_command(arguments, default_data_root(arguments));
     if (command.json) form = ReportForm::json_line;
     if (command.help)
-      std::cout << setup_usage(program, installer) << std::flush;
+      write_text(setup_usage(program, installer));
     else
       run_command(command, installer, seal, cancelled);
     return 0;

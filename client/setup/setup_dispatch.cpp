@@ -36,8 +36,11 @@ json uninstall_document(const SetupCommand& command, const NativeSetupCallbacks&
 }
 
 json created_document(const SetupCommand& command) {
-  const auto created = NativeInstaller::create_shortcut(command.data_root, command.game, {}, {});
-  return {{"schema_version", 1}, {"created", path_utf8(created)}};
+  const auto made = NativeInstaller::make_shortcut(command.data_root, command.game, {}, {});
+  json document = {{"schema_version", 1}, {"created", path_utf8(made.path)}};
+  // Only told where nothing was made.
+  if (!made.created) document["existing"] = true;
+  return document;
 }
 
 json removed_document(const SetupCommand& command) {
@@ -57,7 +60,8 @@ std::string install_sentence(const json& result) {
   const bool repaired = flag(result, "repaired");
   std::string sentence = branded(repaired ? "Repaired Tavro in " : "Installed Tavro in ");
   sentence += text(result, "data_root") + ".";
-  if (repaired && result.at("replaced").empty()) sentence += " Everything was already intact.";
+  if (repaired && result.at("replaced").empty() && !result.contains("mended"))
+    sentence += " Everything was already intact.";
   if (!result.at("shortcut_problem").is_null())
     sentence += " The shortcut could not be created: " + text(result, "shortcut_problem");
   return sentence;
@@ -90,7 +94,23 @@ std::string uninstall_sentence(const json& result) {
   return sentence;
 }
 
+void add_details(std::vector<std::string>& lines, const json& result, const char* key,
+                 const std::string& start, const std::string& end) {
+  const auto told = result.find(key);
+  if (told == result.end()) return;
+  for (const auto& detail : *told) lines.push_back(start + detail.get<std::string>() + end);
+}
+
 }  // namespace
+
+std::vector<std::string> setup_details(const json& result) {
+  std::vector<std::string> lines;
+  add_details(lines, result, "mended", "Mended: ", "");
+  add_details(lines, result, "problems", "Damaged: ", "; run repair");
+  add_details(lines, result, "changed", "Left in place: ", "");
+  add_details(lines, result, "changed_shortcuts", "Left in place: ", "");
+  return lines;
+}
 
 json run_setup_command(const SetupCommand& command, std::string_view seal,
                        const NativeSetupCallbacks& callbacks) {
@@ -120,7 +140,8 @@ std::string setup_summary(const SetupCommand& command, const json& result) {
     case SetupCommandKind::uninstall:
       return uninstall_sentence(result);
     case SetupCommandKind::shortcut_create:
-      return "Created " + text(result, "created") + ".";
+      return result.contains("existing") ? "It was there already: " + text(result, "created") + "."
+                                         : "Created " + text(result, "created") + ".";
     case SetupCommandKind::shortcut_remove:
       return "Removed " + std::to_string(result.at("removed").size()) + " shortcut(s).";
   }

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/json.h"
 #include "installation/setup_callbacks.h"
@@ -14,6 +15,9 @@ namespace tavro {
 /// `usage` for an install or repair without a package.
 json run_setup_command(const SetupCommand& command, std::string_view seal,
                        const NativeSetupCallbacks& callbacks);
+
+/// What the sentence leaves out, a line each: what was mended, what is damaged, what stayed.
+std::vector<std::string> setup_details(const json& result);
 
 /// The sentence for the console that tells the document of `run_setup_command`.
 std::string setup_summary(const SetupCommand& command, const json& result);

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <iostream>
 #include <memory>
 #include <thread>
 
@@ -32,13 +33,13 @@ constexpr int greatest_status = 255;
 /// The bootstrap's side of one start attempt; the caller holds the store's owner lock.
 class Supervision {
  public:
-  Supervision(LauncherStore& store, const LauncherStart& start, json attempt)
+  Supervision(LauncherStore& store, const LauncherStart& start, LauncherAttempt attempt)
       : store_(store), start_(start), attempt_(std::move(attempt)) {}
 
   /// Starts the launcher and makes it the active version, or throws. The leases end with this call.
   void prove(milliseconds limit);
-  /// Closes the attempt of a launcher that failed, which is stopped first.
-  void reject();
+  /// Closes the attempt of a launcher that failed for this cause, which is stopped first.
+  void reject(StartupCause cause);
   /// Waits for the end of the launcher and returns its status.
   int attend();
 
@@ -47,6 +48,8 @@ class Supervision {
   void await_health();
   bool somebody_holds_lease() const;
   bool ends_soon();
+  /// How the launcher ended, or that it did not, as the end of a sentence; nothing if none started.
+  std::string ending();
   /// Whether no launcher of this attempt runs any more.
   bool stop();
   void pass_interrupt() {
@@ -55,18 +58,17 @@ class Supervision {
 
   LauncherStore& store_;
   const LauncherStart& start_;
-  json attempt_;
+  LauncherAttempt attempt_;
   std::unique_ptr<ChildProcess> child_;
   Clock::time_point deadline_;
 };
 
 void Supervision::prove(milliseconds limit) {
-  const auto& reference = attempt_.at("reference");
+  const auto& reference = attempt_.reference;
   const auto manifest = store_.manifest(reference);
   const auto payload = store_.payload(reference);
   const auto version_lease = store_.version_guard(reference, LockMode::shared);
-  auto attempt_lease =
-      std::make_unique<FileLock>(store_.startup_lease_path(attempt_), false, LockMode::shared);
+  auto attempt_lease = store_.attempt_lease(attempt_, LockMode::shared);
   verify_snapshot_tree(manifest, payload);
   start_child(manifest, payload);
   deadline_ = Clock::now() + limit;
@@ -105,7 +107,7 @@ void Supervision::await_health() {
 
 bool Supervision::somebody_holds_lease() const {
   try {
-    const FileLock lease(store_.startup_lease_path(attempt_), false, LockMode::exclusive);
+    const auto lease = store_.attempt_lease(attempt_, LockMode::exclusive);
     return false;
   } catch (const Error& error) {
     if (error.code != "busy") throw;
@@ -119,6 +121,20 @@ bool Supervision::ends_soon() {
   return child_->poll().has_value();
 }
 
+std::string Supervision::ending() {
+  constexpr int signalled = 128;
+  try {
+    if (!child_) return {};
+    const auto status = child_->poll();
+    if (!status) return "; it was running still and was stopped";
+    std::string text = "; it ended with status " + std::to_string(*status);
+    if (*status > signalled) text += ", as by signal " + std::to_string(*status - signalled);
+    return text;
+  } catch (const Error&) {
+    return "; how it ended is unknown";
+  }
+}
+
 bool Supervision::stop() {
   try {
     return !child_ || child_->terminate(termination_grace);
@@ -128,9 +144,17 @@ bool Supervision::stop() {
   }
 }
 
-void Supervision::reject() {
+void Supervision::reject(StartupCause cause) {
+  cause.sentence += ending();
+  std::cerr << "tavro: launcher build " << attempt_.reference.build_id << " did not start ("
+            << cause.code << "): " << cause.sentence << std::endl;
   const bool stopped = stop();
-  store_.reject_candidate(attempt_, stopped ? "startup_failed" : "startup_unconfirmed");
+  try {
+    store_.reject_candidate(attempt_, stopped ? "startup_failed" : "startup_unconfirmed", cause);
+  } catch (const Error&) {
+    // The attempt stays open for the next start; what may still run counts for more.
+    if (stopped) throw;
+  }
   // Another version beside one that may still run would share its data.
   require(stopped, "launcher_startup_timeout",
           "Launcher candidate exit is unconfirmed; the working launcher remains selected");
@@ -146,17 +170,20 @@ int Supervision::attend() {
 }  // namespace
 
 std::optional<int> start_candidate(const LauncherStart& start, milliseconds limit) {
+  // What no child takes says nothing against the version.
+  require_child_arguments(start.arguments);
   LauncherStore store(start.root);
   auto owner = store.owner();
   store.recover_attempt();
-  auto attempt = store.begin_candidate();
-  if (attempt.is_null()) return std::nullopt;
-  Supervision supervision(store, start, std::move(attempt));
+  const auto attempt = store.begin_attempt();
+  if (!attempt) return std::nullopt;
+  Supervision supervision(store, start, *attempt);
   try {
     supervision.prove(limit);
-  } catch (const std::exception&) {
-    supervision.reject();
-    if (store.status().at("active").is_null()) throw;
+  } catch (const std::exception& failure) {
+    const auto* error = dynamic_cast<const Error*>(&failure);
+    supervision.reject({error != nullptr ? error->code : "unknown", failure.what()});
+    if (!store.record().active) throw;
     return std::nullopt;
   }
   owner.reset();

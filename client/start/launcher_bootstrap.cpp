@@ -12,12 +12,15 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
+#include "installation/data_folder.h"
 #include "launcher/launcher_startup.h"
 #include "launcher/start_marker.h"
+#include "launcher/store_repair.h"
 #include "maintenance/maintenance_control.h"
 #include "platform/archives/snapshot.h"
 #include "platform/process/image_replacement.h"
 #include "platform/process/interrupt.h"
+#include "start/bootstrap_answers.h"
 #include "start/candidate_start.h"
 #include "start/direct_start.h"
 
@@ -40,22 +43,18 @@ void refuse_data_dir(const std::vector<std::string>& arguments) {
           misplaced_data_dir);
 }
 
-int print_help(bool as_json) {
-  if (as_json)
-    std::cout << compact_line({{"schema_version", 1}, {"kind", "help"}, {"text", cli_help()}})
-              << "\n";
-  else
-    std::cout << cli_help();
-  std::cout.flush();
-  return 0;
+std::optional<LauncherReference> newest_on_disk(const LauncherStore& store) {
+  try {
+    return store.newest_version();
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
-json newest_on_disk(const LauncherStore& store) {
-  try {
-    return store.fallback_active();
-  } catch (const std::exception&) {
-    return nullptr;
-  }
+/// Whether the failure lies with the disk of this machine, and neither with a version nor with
+/// somebody who is at work.
+bool lies_with_the_disk(std::string_view code) {
+  return local_storage_failure(code) || code == "lock_failed" || code == "unsafe_path";
 }
 
 /// One run of the bootstrap.
@@ -73,9 +72,15 @@ class BootstrapRun {
   /// Reads the console's line; a status when it is answered already.
   std::optional<int> answer(const std::vector<std::string>& arguments);
   [[noreturn]] void start_maintenance(const std::vector<std::string>& arguments, bool as_json);
-  void start_working(const LauncherStore& store, const std::optional<json>& record);
-  void try_version(const LauncherStore& store, const json& reference);
-  [[noreturn]] void become(const LauncherStore& store, const json& reference);
+  /// The status of the candidate after its end; nothing when a working version is to start.
+  std::optional<int> start_waiting(const LauncherStore& store, const LauncherRecord& record,
+                                   milliseconds limit);
+  void start_working(const LauncherStore& store, const std::optional<LauncherRecord>& record);
+  void try_version(const LauncherStore& store, const LauncherReference& reference);
+  [[noreturn]] void become(const LauncherStore& store, const LauncherReference& reference);
+  /// The tree of a version that failed its proof before is at least whole.
+  void prove_failed_before(const LauncherManifest& manifest, const fs::path& payload,
+                           const LauncherReference& reference) const;
   /// Which start in a row this is without one that came up; proves a version that failed before.
   std::int64_t count_start(const LauncherManifest& manifest, const fs::path& payload,
                            const std::string& name) const;
@@ -83,9 +88,11 @@ class BootstrapRun {
   fs::path root_;
   std::string interface_;
   std::vector<std::string> launcher_arguments_;
+  CliEntry line_;
   /// Of the console, until the process is replaced.
   std::unique_ptr<ConsoleInterrupt> interrupt_;
   StartMarker failed_;
+  std::optional<LauncherFailure> failed_candidate_;
   std::set<std::string> tried_;
   std::string last_code_ = "launcher_damaged";
   std::string last_message_ = branded("No installed Tavro version could be started");
@@ -100,14 +107,10 @@ int BootstrapRun::run(const std::vector<std::string>& arguments, milliseconds st
     if (const auto status = answer(arguments)) return *status;
   }
   const auto store = LauncherStore::for_launch(root_);
-  auto record = store->selection();
-  if (record && !(record->at("attempt").is_null() && record->at("candidate").is_null())) {
-    const bool first = record->at("active").is_null();
-    const LauncherStart start{root_, interface_, launcher_arguments_,
-                              [this] { return cancelled(); }};
-    if (const auto status = start_candidate(start, first ? longest_startup : startup_limit))
-      return *status;
-    record = store->selection();
+  auto record = store->usable_record();
+  if (record && record->on_probation()) {
+    if (const auto status = start_waiting(*store, *record, startup_limit)) return *status;
+    record = store->usable_record();
   }
   start_working(*store, record);
   if (windowed() && arguments.size() == 2 && arguments[0] == "--launch") {
@@ -115,34 +118,54 @@ int BootstrapRun::run(const std::vector<std::string>& arguments, milliseconds st
               << branded(" directly; repair Tavro by running its installer again\n");
     start_installed_game(root_, arguments[1], true);
   }
+  if (stands(store->directory()))
+    std::cerr << "tavro: to mend it, run: " << repair_command(root_) << std::endl;
   throw Error(last_code_, last_message_);
 }
 
+std::optional<int> BootstrapRun::start_waiting(const LauncherStore& store,
+                                               const LauncherRecord& record, milliseconds limit) {
+  const LauncherStart start{root_, interface_, launcher_arguments_, [this] { return cancelled(); }};
+  try {
+    return start_candidate(start, record.active ? limit : longest_startup);
+  } catch (const Error& error) {
+    // What a running start keeps from starting, it does not keep from being asked after.
+    if (error.code == "launcher_running" && asks_for_status(line_))
+      return print_status(store, line_.json);
+    if (!record.active || !lies_with_the_disk(error.code)) throw;
+    std::cerr << "tavro: the waiting version cannot be tried (" << error.code
+              << "): " << error.what() << "; the working one starts" << std::endl;
+    return std::nullopt;
+  }
+}
+
 std::optional<int> BootstrapRun::answer(const std::vector<std::string>& arguments) {
-  const auto entry = parse_cli_entry(arguments, root_, nullptr);
-  require(!entry.data_dir_set, "usage", misplaced_data_dir);
+  line_ = parse_cli_entry(arguments, root_, nullptr);
+  require(!line_.data_dir_set, "usage", misplaced_data_dir);
   // A line without words is for the launcher, which may have more to say than its commands.
-  if (entry.help && !arguments.empty()) return print_help(entry.json);
-  auto forwarded = entry.args;
-  if (entry.json) forwarded.insert(forwarded.begin(), "--json");
+  if (line_.help && !arguments.empty()) return print_help(line_.json);
+  auto forwarded = line_.args;
+  if (line_.json) forwarded.insert(forwarded.begin(), "--json");
   const auto control =
-      native_maintenance_control(root_, entry.args, [this] { return cancelled(); });
+      native_maintenance_control(root_, line_.args, [this] { return cancelled(); });
   if (!control.is_null()) {
     std::cout << compact_line(control) << std::endl;
     return 0;
   }
   const auto maintenance = maintenance_arguments(forwarded, root_);
-  if (!maintenance.empty()) start_maintenance(maintenance, entry.json);
+  if (!maintenance.empty()) start_maintenance(maintenance, line_.json);
   launcher_arguments_ = launcher_arguments(root_, forwarded);
   return std::nullopt;
 }
 
 void BootstrapRun::start_maintenance(const std::vector<std::string>& arguments, bool as_json) {
+  // Looked for first: the store is made where it is missing, and here is nothing to be made.
+  require_installed(stands(DataPaths(root_).launcher), root_);
   LauncherStore store(root_);
   const auto owner = store.owner();
   store.recover_attempt();
-  auto version = store.status().at("active");
-  if (version.is_null()) version = store.fallback_active();
+  const auto active = store.record().active;
+  const auto version = active ? *active : store.newest_version();
   const auto lease = store.version_guard(version, LockMode::shared);
   prepare_console_maintenance(
       store, version, root_, [this] { return cancelled(); }, as_json)
@@ -150,21 +173,26 @@ void BootstrapRun::start_maintenance(const std::vector<std::string>& arguments, 
   fail("maintenance_failed", "Maintenance process replacement returned unexpectedly");
 }
 
-void BootstrapRun::start_working(const LauncherStore& store, const std::optional<json>& record) {
+void BootstrapRun::start_working(const LauncherStore& store,
+                                 const std::optional<LauncherRecord>& record) {
   if (windowed()) failed_ = failed_starts(root_);
-  if (record)
-    for (const auto* key : {"active", "rollback"}) try_version(store, record->at(key));
+  if (record) {
+    failed_candidate_ = record->failed_candidate;
+    for (const auto* proved : {&record->active, &record->rollback})
+      if (*proved) try_version(store, **proved);
+  }
   // Looked for only now: it reads every descriptor on the disk.
-  try_version(store, newest_on_disk(store));
+  if (const auto newest = newest_on_disk(store)) try_version(store, *newest);
 }
 
-void BootstrapRun::try_version(const LauncherStore& store, const json& reference) {
-  if (!reference.is_object() || !tried_.insert(reference.at("manifest_sha256")).second) return;
+void BootstrapRun::try_version(const LauncherStore& store, const LauncherReference& reference) {
+  if (!tried_.insert(reference.manifest_sha256).second) return;
   try {
     become(store, reference);
   } catch (const Error& error) {
     std::cerr << "tavro: launcher version unusable (" << error.code << "): " << error.what()
               << std::endl;
+    for (const auto& command : error.next_commands) std::cerr << "Try: " << command << std::endl;
     last_code_ = error.code;
     last_message_ = error.what();
   } catch (const std::exception& error) {
@@ -173,22 +201,33 @@ void BootstrapRun::try_version(const LauncherStore& store, const json& reference
   }
 }
 
-void BootstrapRun::become(const LauncherStore& store, const json& reference) {
+void BootstrapRun::become(const LauncherStore& store, const LauncherReference& reference) {
   const auto manifest = store.manifest(reference);
   const auto payload = store.payload(reference);
   const auto entry = present_entry(store, reference, manifest, interface_);
-  const std::string name = reference.at("manifest_sha256");
-  const auto count = count_start(manifest, payload, name);
-  if (windowed()) mark_start(root_, name, count);
+  const auto count = count_start(manifest, payload, reference.manifest_sha256);
+  prove_failed_before(manifest, payload, reference);
+  if (windowed()) mark_start(root_, reference.manifest_sha256, count);
   interrupt_.reset();
   exec_process(entry, launcher_arguments_, payload, cleared_startup_environment());
+}
+
+void BootstrapRun::prove_failed_before(const LauncherManifest& manifest, const fs::path& payload,
+                                       const LauncherReference& reference) const {
+  const bool failed_before = failed_candidate_ && failed_candidate_->reference &&
+                             failed_candidate_->reference->manifest_sha256 == reference.manifest_sha256;
+  if (!failed_before) return;
+  verify_snapshot_tree(manifest, payload);
+  std::cerr << "tavro: launcher build " << reference.build_id << " did not start before ("
+            << failed_candidate_->problem << "); nothing else is left to start" << std::endl;
 }
 
 std::int64_t BootstrapRun::count_start(const LauncherManifest& manifest, const fs::path& payload,
                                        const std::string& name) const {
   if (failed_.manifest_sha256 != name) return 1;
-  require(failed_.attempts < failed_starts_bound, "launcher_damaged",
-          [] { return branded("This Tavro version failed to start twice"); });
+  if (failed_.attempts >= failed_starts_bound)
+    throw Error("launcher_damaged", branded("This Tavro version failed to start twice"),
+                {repair_command(root_)});
   verify_snapshot_tree(manifest, payload);
   return failed_.attempts + 1;
 }

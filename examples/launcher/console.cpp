@@ -11,6 +11,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "launcher/launcher_runtime.h"
+#include "launcher/launcher_status.h"
 #include "launcher/launcher_store.h"
 #include "maintenance/maintenance_control.h"
 #include "platform/process/interrupt.h"
@@ -22,18 +23,10 @@ namespace {
 using namespace tavro;
 
 /// What is running, what waits, what did not start and what to do about it, in words.
-std::string status_sentence(const json& record, const std::filesystem::path& root) {
+std::string status_sentence(const LauncherStore& store, const std::filesystem::path& root) {
   std::string text = "This is launcher " EXAMPLE_BUILD ".";
-  const auto build = [](const json& reference) {
-    return reference.at("build_id").get<std::string>();
-  };
-  const auto& candidate = record.at("candidate");
-  if (!candidate.is_null()) text += " Build " + build(candidate) + " is tried at the next start.";
-  const auto& failed = record.at("failed_candidate");
-  if (!failed.is_null())
-    text += " Build " + build(failed.at("reference")) + " did not start (" +
-            failed.at("problem").get<std::string>() +
-            "); self update tries it again, or brings a newer one.";
+  const auto open = probation_sentences(store, store.record());
+  if (!open.empty()) text += " " + open;
   if (const auto obstacle = bootstrap_update_obstacle(root); !obstacle.empty())
     text += " A new bootstrap waits: " + obstacle;
   else if (bootstrap_update_pending(root))
@@ -63,8 +56,8 @@ int answer(const CliEntry& line, const ConsoleInterrupt& interrupt) {
   };
   const auto stop = [&] { return interrupt.requested(); };
   if (is("status")) {
-    const auto record = LauncherStore::for_launch(line.data_dir)->status();
-    return tell(record, status_sentence(record, line.data_dir));
+    const auto store = LauncherStore::for_launch(line.data_dir);
+    return tell(store->status(), status_sentence(*store, line.data_dir));
   }
   if (is("update")) {
     const auto result = example::update(line.data_dir, stop);
@@ -92,6 +85,8 @@ int run(int argc, char** argv, bool* json_wanted) {
   const ConsoleInterrupt interrupt(true);
   // All is up. Whatever may still fail from here on fails the command, not the launcher.
   report_launcher_health(runtime.get());
+  // A version that works in a console deserves another try of its window.
+  confirm_launcher_start(line.data_dir);
   return answer(line, interrupt);
 }
 

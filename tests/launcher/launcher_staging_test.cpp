@@ -235,7 +235,7 @@ TEST_F(LauncherStaging, EndsACleanupWhateverItMeets) {
                            "staging/" + nonce, "leases/attempts/" + other + ".lock", cached})
     fs::create_symlink(away, child(link));
   put_file(child("intents/" + nonce + ".json"),
-           staging_intent(nonce, store().load().at("active")).dump());
+           StagingIntent{nonce, *store().record().active}.to_json().dump());
   for (const auto& file :
        {"versions/" + names[1], "versions/" + unknown, "intents/." + nonce + ".tmp",
         "leases/attempts/" + nonce + ".lock", "health/" + other, torn})

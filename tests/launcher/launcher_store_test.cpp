@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "launcher/store_repair.h"
 #include "platform/archives/snapshot.h"
 #include "support/sealed_package.h"
 
@@ -50,6 +51,61 @@ TEST_F(Store, SavesARecordWithinItsBoundsOrKeepsTheOldOne) {
   record["generation"] = UINT64_MAX;
   EXPECT_EQ(code_of([&] { store.save(record); }), "launcher_state");
   EXPECT_TRUE(stored() == saved);
+}
+
+TEST_F(Store, KeepsWhatItDoesNotKnowInARecord) {
+  const json reference = {
+      {"manifest_sha256", std::string(64, 'a')}, {"build_id", "1"}, {"more", {1, {{"a", ""}}}}};
+  const json attempt = {{"nonce", std::string(32, 'a')}, {"reference", reference}, {"since", 7}};
+  auto record = store.load();
+  record.update({{"generation", 1}, {"active", reference}, {"attempt", attempt}, {"x", nullptr}});
+  for (const json& failed : {json{{"reference", nullptr}}, {{"reference", reference}, {"code", 5}},
+                             {{"reference", reference}, {"problem", 7}, {"reason", ""}}}) {
+    record["failed_candidate"] = failed;
+    write("installation.json", record.dump());
+    EXPECT_EQ(store.load(), record);
+    store.save(store.record());
+    record["generation"] = record.at("generation").get<int>() + 1;
+    EXPECT_EQ(stored(), record.dump());
+  }
+}
+
+TEST_F(Store, NamesTheFileThatKeepsItFromWorkAndMendsItsLocks) {
+  const auto reference = version("1.0.0", 0);
+  const auto owner = store.directory() / "bootstrap.lock";
+  const auto lease = store.directory() / "leases/versions" / (store.payload(reference).filename().string() + ".lock");
+  const auto work = [&] { store.owner(), store.version_guard(reference, LockMode::shared); };
+  const auto refused = [&](const fs::path& file, const std::string& code) {
+    try {
+      work();
+      ADD_FAILURE() << file;
+    } catch (const Error& error) {
+      EXPECT_EQ(error.code, code);
+      EXPECT_THAT(error.what(), testing::HasSubstr(file.string()));
+      EXPECT_THAT(error.next_commands, testing::ElementsAre(repair_command(root)));
+    }
+  };
+  work();
+  for (const auto& lock : {owner, lease}) {
+    fs::permissions(lock, fs::perms::all);
+    refused(lock, "lock_failed");
+    EXPECT_THAT(mend_store_locks(root), testing::ElementsAre(lock));
+    work();
+    fs::remove(lock);
+    fs::create_directory(lock);
+    refused(lock, "lock_failed");
+    EXPECT_TRUE(mend_store_locks(root).empty());
+    fs::remove(lock);
+  }
+  write("installation.json", "{");
+  EXPECT_THAT(failure_of([&] { store.record(); }),
+              testing::HasSubstr((store.directory() / "installation.json").string()));
+  fs::remove(store.directory() / "installation.json");
+  fs::remove_all(store.directory() / "leases");
+  write("leases", "");
+  EXPECT_THAT(failure_of([&] { LauncherStore{root}; }),
+              testing::HasSubstr((store.directory() / "leases").string()));
+  EXPECT_EQ(repair_command("/a b/it's"), "tavro-install repair --data-dir '/a b/it'\\''s'");
 }
 
 TEST_F(Store, PreservesARecordThatItCannotUse) {

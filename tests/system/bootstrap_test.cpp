@@ -12,6 +12,7 @@
 #include "launcher/launcher_startup.h"
 #include "launcher/start_marker.h"
 #include "start/launcher_bootstrap.h"
+#include "support/fail_nth_call.h"
 #include "support/installation.h"
 #include "support/launched.h"
 #include "system/installer_program.h"
@@ -49,6 +50,13 @@ class Bootstrap : public Test {
     record.update({{"attempt", {}}, {"failed_candidate", {}}});
     store.save(record);
   }
+  /// What the record says of a start that was given up.
+  static json note(const json& version, const std::string& code, const std::string& reason) {
+    return {{"reference", version},
+            {"problem", "startup_failed"},
+            {"code", code},
+            {"reason", reason}};
+  }
   Launched start(const Words& words = {}, const std::string& steps = usual,
                  const Launched::Environment& environment = {}) const {
     return {image, steps, environment, words};
@@ -72,7 +80,7 @@ class Bootstrap : public Test {
   LauncherStore store{root};
   json first = stage_version(store, folder.path(), "1.0.0");
   json second = stage_version(store, folder.path(), "2.0.0");
-  json failed = {{"reference", second}, {"problem", "startup_failed"}};
+  std::string repair = "tavro-install repair --data-dir " + root.string() + "\n";
 };
 
 TEST_F(Bootstrap, KeepsTheWorkingVersionUnlessTheCandidateProvesItself) {
@@ -88,42 +96,85 @@ TEST_F(Bootstrap, KeepsTheWorkingVersionUnlessTheCandidateProvesItself) {
       return status;
     });
   };
-  // With the failure that reaches the user when there is no version to fall back to; empty where
-  // waiting for it would take the 30 seconds that a first launcher has.
-  const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
-      {"cli", healthy, "3"},
-      {"gui", "attach health exit:3", "3"},
-      {"cli", "attach interrupt health leave", "0"},
-      {"cli", "attach leave", "launcher_startup_failed: "},
-      {"gui", "exit:0", "launcher_startup_failed: "},
-      {"cli", "attach health wait", "launcher_health: "},  // no way to ask it to stop
-      {"cli", "attach interrupt long-health wait", "size_limit: "},
-      {"gui", "attach drop-lease health ignore-term wait", "launcher_lease: "},
-      {"cli", "attach wait", ""},
-      {"gui", "ignore-term wait", ""}};
-  for (const auto& [interface, steps, failure] : rows) {
+  // The status of a launcher that proves itself; else the failure and what the record says of it.
+  const std::string early = "Launcher candidate exited before initialization",
+                    late = "Launcher candidate did not confirm initialization",
+                    stopped = "; it was running still and was stopped";
+  const std::vector<std::tuple<std::string, std::string, std::string, std::string>> rows = {
+      {"cli", healthy, "3", ""},
+      {"gui", "attach health exit:3", "3", ""},
+      {"cli", "attach interrupt health leave", "0", ""},
+      {"cli", "attach leave", "launcher_startup_failed", early + "; it ended with status 0"},
+      {"gui", "exit:137", "launcher_startup_failed",
+       early + "; it ended with status 137, as by signal 9"},
+      {"cli", "attach health wait", "launcher_health",  // no way to ask it to stop
+       "Launcher health does not match its build, process, mode, interrupt contract and attempt" +
+           stopped},
+      {"gui", "attach drop-lease health ignore-term wait", "launcher_lease",
+       "The running launcher did not retain native startup ownership" + stopped},
+      {"cli", "attach wait", "launcher_startup_timeout", late + stopped},
+      {"gui", "ignore-term wait", "launcher_startup_timeout", late + stopped}};
+  for (const auto& [interface, steps, failure, reason] : rows) {
     SCOPED_TRACE(interface + " " + steps);
-    const bool proved = failure.size() == 1;
+    const bool proved = reason.empty(), slow = failure == "launcher_startup_timeout";
+    const json failed = proved ? json() : note(second, failure, reason);
     select(first, second);
-    const int status = run(interface, steps, failure.empty() ? 200 : 10000).status();
+    const int status = run(interface, steps, slow ? 200 : 10000).status();
     EXPECT_EQ(status, proved ? std::stoi(failure) : 7);
     EXPECT_EQ(state("active"), proved ? second : first);
     EXPECT_EQ(state(proved ? "rollback" : "failed_candidate"), proved ? first : failed);
-    if (proved || failure.empty()) continue;
+    // A first launcher has 30 seconds, which nobody waits for here.
+    if (proved || slow) continue;
     select({}, second);
-    EXPECT_THAT(run(interface, steps, 10000).rest(), HasSubstr(failure));
+    EXPECT_THAT(run(interface, steps, 10000).rest(),
+                AllOf(HasSubstr(failure + "): " + reason), HasSubstr(failure + ": ")));
     EXPECT_EQ(state("failed_candidate"), failed);
   }
   put_file(file(second), std::string(1000, 'x'));
   select(first, second);
-  EXPECT_EQ(run("cli", "say:started", 10000).rest(), "1.0.0\n");
+  EXPECT_THAT(run("cli", "say:started", 10000).rest(),
+              AllOf(HasSubstr("(content_mismatch)"), EndsWith("\n1.0.0\n")));
+}
+
+TEST_F(Bootstrap, StartsTheWorkingVersionWhenTheDiskKeepsTheOtherFromItsTrial) {
+  const json attempt = {{"nonce", std::string(32, 'a')}, {"reference", second}};
+  for (const auto& [call, error, code] : {std::tuple("write", ENOSPC, "(insufficient_space)"),
+                                          {"open", EROFS, "(lock_failed)"}})
+    for (const bool open : {false, true}) {
+      select(first, second);
+      auto record = store.load();
+      if (open) record.update({{"candidate", {}}, {"attempt", attempt}});
+      store.save(record);
+      Launched started([&, &call = call, &error = error] {
+        setenv("TAVRO_TEST_LAUNCHER", usual.c_str(), 1);
+        const FailNthCall full(1, error, Fault::fail, call);
+        return run_launcher_bootstrap(root, "cli", {}, std::chrono::milliseconds(10000), {});
+      });
+      EXPECT_THAT(started.rest(), AllOf(HasSubstr(code), EndsWith("the working one starts\n1.0.0\n")));
+      EXPECT_EQ(state(open ? "attempt" : "candidate"), open ? attempt : second);
+    }
+  // No child takes this line, and the version is not to blame for it.
+  select(first, second);
+  const Words longer = {"settings", "set", std::string(4097, 'k'), "1"};
+  expect({{[] {}, HasSubstr("Launch argument is invalid or too long\n"), longer, 1}});
+  EXPECT_EQ(state("candidate"), second);
+}
+
+TEST_F(Bootstrap, ProvesTheTreeOfAVersionThatFailedWhenNothingElseIsLeft) {
+  select({}, second);
+  const std::string before = "launcher build 2.0.0 did not start before (startup_failed)";
+  expect({{[] {}, HasSubstr("exited before initialization"), {}, 1, "exit:0"},
+          {[] {}, AllOf(HasSubstr(before), EndsWith("\n2.0.0\n"))},
+          {[&] { put_file(file(second), std::string(1000, 'x')); },
+           AllOf(HasSubstr("(content_mismatch)"), HasSubstr(repair)), {}, 1}});
 }
 
 // Each row breaks one thing more.
 TEST_F(Bootstrap, GoesFromVersionToVersionUntilOneStarts) {
   const auto third = stage_version(store, folder.path(), "3.0.0");
   const auto name = second.at("manifest_sha256").get<std::string>() + ".json";
-  const std::string nothing = "No installed Tavro version could be started\n";
+  const auto nothing =
+      "tavro: to mend it, run: " + repair + "No installed Tavro version could be started\n";
   const auto damaged =
       unusable("launcher_damaged): Tavro's files are damaged. Reinstall Tavro to repair them.\n");
   const auto changed = unusable("content_mismatch): Stored launcher manifest changed\n");
@@ -161,7 +212,8 @@ TEST_F(Bootstrap, PassesOverAVersionWhoseWindowFailedTwice) {
     marker["started_at"] = marker.at("started_at").get<std::int64_t>() - 31;
     put_file(start_marker(root), marker.dump());
   };
-  const auto twice = unusable("launcher_damaged): This Tavro version failed to start twice\n");
+  const auto twice =
+      unusable("launcher_damaged): This Tavro version failed to start twice\nTry: ") + repair;
   const Words window = {"--gui"};
   select(first, {}, second);
   expect({{[] {}, "1.0.0\n", window},
@@ -199,15 +251,40 @@ TEST_F(Bootstrap, AnswersOrPassesOnWhatItIsGiven) {
           {none, misplaced, {"list", "--data-dir", root}, 2},
           {none, misplaced, {"--gui", "x", "--data-dir", root}, 2},
           {none, "--data-dir needs a nonempty path\n", {"--data-dir"}, 2},
+          {none, "Duplicate global option: --data-dir\n", {"--data-dir", root, "--data-dir", root}, 2},
+          {none, HasSubstr(R"({"problem":{"code":"usage")"), {"nothing", "--json"}, 2},
           {none, HasSubstr("This bootstrap serves "), {"--data-dir", folder.path()}, 2}});
   unsetenv(launcher_nonce_environment);
+}
+
+TEST_F(Bootstrap, NeedsNeitherAHomeNorAWorkingDirectoryNorAFolderToAnswer) {
+  const auto nowhere = folder.path() / "nowhere", gone = folder.path() / "gone";
+  const auto bare = program("tavro-bootstrap");
+  fs::create_directory(gone);
+  const auto run = [&](const fs::path& program, const Words& words) {
+    Launched started([&] {
+      EXPECT_EQ(chdir(gone.c_str()), 0);
+      rmdir(gone.c_str());
+      for (const auto* home : {"HOME", "XDG_DATA_HOME"}) unsetenv(home);
+      setenv("TAVRO_TEST_LAUNCHER", usual.c_str(), 1);
+      return Launched::become(program, {}, words);
+    });
+    return started.rest();
+  };
+  EXPECT_THAT(run(bare, {"--help"}), HasSubstr("Usage: tavro"));
+  fs::create_directory(gone);
+  EXPECT_EQ(run(image, {}), "1.0.0\n");
+  fs::create_directory(gone);
+  EXPECT_EQ(run(bare, {"--data-dir", nowhere, "self", "uninstall"}),
+            "Tavro is not installed in " + nowhere.string() + "\n");
+  EXPECT_FALSE(fs::exists(nowhere));
 }
 
 TEST_F(Bootstrap, PassesCtrlCOnToACandidate) {
   // Whether it has proved itself before it is asked, and what its end then means.
   for (const auto& [steps, said, ending] :
        {std::tuple("attach interrupt health say:up wait say:asked exit:4", "asked\r\n", 4),
-        {"attach interrupt say:up wait say:asked exit:4", "asked\r\n1.0.0\r\n", 7}}) {
+        {"attach interrupt say:up wait say:asked exit:4", "\r\n1.0.0\r\n", 7}}) {
     select(first, second);
     int terminal = -1, status = 0;
     const pid_t bootstrap = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -223,7 +300,7 @@ TEST_F(Bootstrap, PassesCtrlCOnToACandidate) {
     }
     waitpid(bootstrap, &status, 0);
     close(terminal);
-    EXPECT_THAT(text, EndsWith(said));
+    EXPECT_THAT(text, AllOf(HasSubstr("asked\r\n"), EndsWith(said)));
     EXPECT_EQ(WEXITSTATUS(status), ending);
     EXPECT_EQ(state("active"), ending == 4 ? second : first);
   }
@@ -237,10 +314,13 @@ TEST_F(Bootstrap, SettlesWhatAKilledOneLeft) {
   EXPECT_EQ(killed.line(), "up");
   killed.end();
   const auto open = state("attempt");
-  expect({{[] {}, HasSubstr("close it before restarting\nTry: self status\n"), {}, 1}});
-  EXPECT_EQ(state("attempt"), open);
   const auto ack = read_file(store.startup_ack_path(open), launcher_proof_bytes);
-  EXPECT_EQ(kill(json::parse(ack).at("pid"), SIGKILL), 0);
+  const pid_t orphan = json::parse(ack).at("pid");
+  const auto alive = "2.0.0 has not ended (process " + std::to_string(orphan) + ")";
+  expect({{[] {}, HasSubstr("close it before restarting\nTry: self status\n"), {}, 1},
+          {[] {}, HasSubstr(alive), {"self", "status"}, 0}});
+  EXPECT_EQ(state("attempt"), open);
+  EXPECT_EQ(kill(orphan, SIGKILL), 0);
   EXPECT_GT(waitpid(-1, nullptr, 0), 0);
   expect({{[] {}, "1.0.0\n"}});
   EXPECT_EQ(state("failed_candidate").at("problem"), "startup_interrupted");

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <string>
+#include <utility>
 
 #include "domain/deleter.h"
 #include "domain/error.h"
@@ -19,10 +20,21 @@ namespace {
 constexpr int window_log_max = 26;  // 64 MiB
 constexpr std::string_view frame_magic{"\x28\xB5\x2F\xFD", 4};
 
+ArchiveSource file_source(const std::filesystem::path& archive) {
+  const auto file = std::make_shared<UniqueFd>(
+      posix_files::open(archive, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  require(bool(*file), "archive", "Cannot open bounded snapshot decoder");
+  return [file](char* buffer, std::size_t size) {
+    const ssize_t count = read_some(file->get(), buffer, size);
+    require(count >= 0, "archive", "Snapshot read failed");
+    return static_cast<std::size_t>(count);
+  };
+}
+
 }  // namespace
 
 struct BoundedZstd::Impl {
-  UniqueFd file;
+  ArchiveSource source;
   std::unique_ptr<ZSTD_DCtx, Deleter<ZSTD_freeDCtx>> decoder;
   std::array<char, kStreamBlock> input_block;
   std::array<char, kStreamBlock> output_block;
@@ -39,11 +51,9 @@ struct BoundedZstd::Impl {
   void fill() {
     std::size_t size = 0;
     while (size < input_block.size()) {
-      const ssize_t count =
-          read_some(file.get(), input_block.data() + size, input_block.size() - size);
-      require(count >= 0, "archive", "Snapshot read failed");
+      const std::size_t count = source(input_block.data() + size, input_block.size() - size);
       if (count == 0) break;
-      size += static_cast<std::size_t>(count);
+      size += count;
     }
     input = {input_block.data(), size, 0};
   }
@@ -72,11 +82,13 @@ struct BoundedZstd::Impl {
 };
 
 BoundedZstd::BoundedZstd(const std::filesystem::path& archive, unsigned long long limit)
-    : impl_(new Impl) {
+    : BoundedZstd(file_source(archive), limit) {}
+
+BoundedZstd::BoundedZstd(ArchiveSource source, unsigned long long limit) : impl_(new Impl) {
   impl_->limit = limit;
-  impl_->file = posix_files::open(archive, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  impl_->source = std::move(source);
   impl_->decoder.reset(ZSTD_createDCtx());
-  require(impl_->file && impl_->decoder, "archive", "Cannot open bounded snapshot decoder");
+  require(impl_->decoder != nullptr, "archive", "Cannot open bounded snapshot decoder");
   const auto set =
       ZSTD_DCtx_setParameter(impl_->decoder.get(), ZSTD_d_windowLogMax, window_log_max);
   require(!ZSTD_isError(set), "archive", "Cannot set the 64 MiB decoder window limit");

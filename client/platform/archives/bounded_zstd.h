@@ -2,13 +2,19 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string_view>
 
 struct archive;
 
 namespace tavro {
+
+/// Puts the next bytes of an archive into `buffer`, at most `size`, and answers how many; 0 at its
+/// end. Throws what is wrong with it.
+using ArchiveSource = std::function<std::size_t(char* buffer, std::size_t size)>;
 
 /// Decodes a file that holds exactly one ordinary Zstandard frame, in blocks of at most 65536
 /// bytes, with a decoder window of at most 64 MiB and a bound on the decoded bytes. The file's
@@ -18,6 +24,9 @@ class BoundedZstd {
  public:
   /// `limit` bounds the decoded bytes. Reads the first block, and proves the frame's magic number.
   BoundedZstd(const std::filesystem::path& archive, unsigned long long limit);
+  /// The same for bytes from elsewhere. What the source throws ends the decoding as a failure of
+  /// the file does: with its text.
+  BoundedZstd(ArchiveSource source, unsigned long long limit);
   ~BoundedZstd();
   BoundedZstd(const BoundedZstd&) = delete;
   BoundedZstd& operator=(const BoundedZstd&) = delete;

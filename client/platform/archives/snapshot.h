@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,5 +58,15 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest,
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
                       const std::filesystem::path& staging, const Progress& progress = {},
                       const ReservedTree* reserved = nullptr);
+
+/// The same for an archive that comes from elsewhere than a plain file, and for a part of its
+/// files: only those of `part`, which has them from `manifest`, are written and proved, into a tree
+/// that was reserved for `part`. Length and digest of the archive are proved as its bytes pass, and
+/// nothing of the tree counts before this returns. Progress counts all files of the archive, then
+/// those of the part. What `source` throws surfaces as a failure of the archive.
+void extract_snapshot_part(const SnapshotManifest& manifest, const SnapshotManifest& part,
+                           std::function<std::size_t(char* buffer, std::size_t size)> source,
+                           const std::filesystem::path& staging, const Progress& progress,
+                           const ReservedTree& reserved);
 
 }  // namespace tavro

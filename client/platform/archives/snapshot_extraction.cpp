@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "documents/manifest.h"
@@ -81,16 +82,18 @@ bool matches_declaration(struct archive_entry* entry, const PackageFile& declare
          archive_entry_perm(entry) == (declared.executable ? 0755U : 0644U);
 }
 
-/// One archive on its way into one staging directory.
+/// One archive on its way into one staging directory. What is not in `part` is passed over.
 class Extraction {
  public:
-  Extraction(const SnapshotManifest& manifest, const fs::path& archive, const fs::path& staging,
-             const Progress& progress, const ReservedTree* reserved)
+  template <typename Archive>
+  Extraction(const SnapshotManifest& manifest, const SnapshotManifest& part, Archive&& archive,
+             const fs::path& staging, const Progress& progress, const ReservedTree* reserved)
       : manifest_(manifest),
+        part_(part),
         staging_(staging),
         progress_(progress),
         reserved_(reserved),
-        decoder_(archive, decoded_bound(manifest)),
+        decoder_(std::forward<Archive>(archive), decoded_bound(manifest)),
         reader_(open_tar(decoder_)) {}
 
   void extract_files() {
@@ -116,6 +119,7 @@ class Extraction {
     const PackageFile& declared = admit(relative);
     require(matches_declaration(entry, declared), "archive_inventory",
             "Archive file length or mode differs from manifest");
+    if (!part_.files.contains(relative)) return pass_over(declared.length);
     make_directories(relative);
 
     AllocatedFile file = open_target(relative, path, declared.length);
@@ -124,6 +128,12 @@ class Extraction {
     file.finish_unsynchronized(true);
     require(digest_file(path, "sha256") == declared.sha256, "content_mismatch",
             "Extracted file hash differs from manifest");
+  }
+
+  void pass_over(unsigned long long length) {
+    require(archive_read_data_skip(reader_.get()) == ARCHIVE_OK, "archive",
+            "Snapshot decompression failed");
+    done_ += length;
   }
 
   AllocatedFile open_target(const std::string& relative, const fs::path& path,
@@ -170,6 +180,7 @@ class Extraction {
   }
 
   const SnapshotManifest& manifest_;
+  const SnapshotManifest& part_;
   const fs::path& staging_;
   const Progress& progress_;
   const ReservedTree* reserved_;
@@ -201,7 +212,57 @@ void sync_directories(const fs::path& staging) {
     sync_directory(*directory);
 }
 
+void settle_tree(const SnapshotManifest& manifest, const fs::path& staging,
+                 const Progress& progress) {
+  sync_files(manifest, staging, progress);
+  verify_snapshot_tree(manifest, staging, progress);
+  sync_directories(staging);
+}
+
+/// Proves length and digest of what passes through it.
+class ProvedSource {
+ public:
+  ProvedSource(const SnapshotManifest& manifest, ArchiveSource source)
+      : manifest_(manifest), source_(std::move(source)) {}
+
+  std::size_t read(char* buffer, std::size_t size) {
+    const std::size_t count = source_(buffer, size);
+    require(count <= manifest_.archive_length - length_, "content_mismatch", different);
+    length_ += count;
+    digest_.update({buffer, count});
+    return count;
+  }
+
+  void require_whole() const {
+    require(length_ == manifest_.archive_length && digest_.value() == manifest_.archive_sha256,
+            "content_mismatch", different);
+  }
+
+ private:
+  static constexpr char different[] = "Snapshot differs from its verified application manifest";
+  const SnapshotManifest& manifest_;
+  ArchiveSource source_;
+  DigestState digest_{"sha256"};
+  unsigned long long length_ = 0;
+};
+
 }  // namespace
+
+void extract_snapshot_part(const SnapshotManifest& manifest, const SnapshotManifest& part,
+                           ArchiveSource source, const fs::path& staging, const Progress& progress,
+                           const ReservedTree& reserved) {
+  reserved.validate(part, staging);
+  ProvedSource proved(manifest, std::move(source));
+  {
+    const ArchiveSource bytes = [&](char* buffer, std::size_t size) {
+      return proved.read(buffer, size);
+    };
+    Extraction extraction(manifest, part, bytes, staging, progress, &reserved);
+    extraction.extract_files();
+  }
+  proved.require_whole();
+  settle_tree(part, staging, progress);
+}
 
 void extract_snapshot(const SnapshotManifest& manifest, const fs::path& archive,
                       const fs::path& staging, const Progress& progress,
@@ -212,12 +273,10 @@ void extract_snapshot(const SnapshotManifest& manifest, const fs::path& archive,
   else
     make_staging(staging);
   {
-    Extraction extraction(manifest, archive, staging, progress, reserved);
+    Extraction extraction(manifest, manifest, archive, staging, progress, reserved);
     extraction.extract_files();
   }
-  sync_files(manifest, staging, progress);
-  verify_snapshot_tree(manifest, staging, progress);
-  sync_directories(staging);
+  settle_tree(manifest, staging, progress);
 }
 
 }  // namespace tavro

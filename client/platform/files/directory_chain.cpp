@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "domain/error.h"
 #include "platform/files/durable_files.h"
@@ -42,21 +43,28 @@ fs::path resolved_target(const fs::path& path) {
 /// The way from the root to a private directory.
 class DirectoryWalk {
  public:
-  explicit DirectoryWalk(const fs::path& root) : current_(posix_files::open(root, walk_flags)) {
+  explicit DirectoryWalk(const fs::path& target)
+      : target_(target), current_(posix_files::open(target.root_path(), walk_flags)) {
     if (!current_) refuse("unsafe_path", "Cannot anchor ", " directory ancestry");
   }
 
   void enter(const char* name, bool last) {
     if (++depth_ > max_ancestry) refuse("size_limit", "", " directory ancestry exceeds its bound");
     auto [next, readable] = enter_directory(current_.get(), name, last);
-    const bool created = !next && errno == ENOENT;
-    if (created) next = create_entry(name);
-    if (!next) refuse("unsafe_path", "", " directory ancestry is missing or linked");
+    bool created = false;
+    const bool missing = !next && errno == ENOENT;
+    if (missing) {
+      created = create_entry(name);
+      next = open_entry(current_.get(), name, walk_flags);
+    }
+    if (!next) refuse_because("unsafe_path", "", " directory ancestry is missing or linked");
     const struct stat node = entered(next.get(), name);
     if (created)
       keep_new(next.get());
     else if (last)
       require_own(next.get(), node);
+    // Who was faster may not have come to it yet.
+    if (missing && !created) synchronize();
     current_ = std::move(next);
     readable_ = readable;
   }
@@ -69,13 +77,28 @@ class DirectoryWalk {
   }
 
  private:
-  UniqueFd create_entry(const char* name) const {
+  /// False when another process was faster: what it made is proved as what stood there before.
+  bool create_entry(const char* name) const {
     // Without a readable parent the new name could not be synced, and the next run would take it
     // for an old one.
-    if (!readable_ ||
-        retried([&] { return system_calls().mkdirat(current_.get(), name, S_IRWXU); }) != 0)
-      refuse("permissions", "Cannot reserve a new ", " private directory");
-    return open_entry(current_.get(), name, walk_flags);
+    if (!readable_) errno = EACCES;
+    const bool made = readable_ && retried([&] {
+                                     return system_calls().mkdirat(current_.get(), name, S_IRWXU);
+                                   }) == 0;
+    if (!made && errno != EEXIST)
+      refuse_because("permissions", "Cannot reserve a new ", " private directory");
+    return made;
+  }
+
+  /// With the component that the walk has come to, and `errno`.
+  [[noreturn]] void refuse_because(std::string_view code, std::string_view before,
+                                   std::string_view after) const {
+    const int error = errno;
+    fs::path here = target_.root_path();
+    const fs::path below = target_.relative_path();
+    for (auto [name, left] = std::pair(below.begin(), depth_); left > 0; ++name, --left)
+      here /= *name;
+    fail(code, host::naming_system(before, after) + failed_because(here, error));
   }
 
   struct stat entered(int descriptor, const char* name) const {
@@ -89,20 +112,25 @@ class DirectoryWalk {
   // The name becomes durable only after the privacy, and before anything is created below it.
   void keep_new(int descriptor) const {
     secure_new_private(descriptor, true);
+    synchronize();
+  }
+
+  void synchronize() const {
     if (sync(current_.get()) != 0)
       refuse("file_sync", "Cannot synchronize new ", " directory ownership");
   }
 
-  static void require_own(int descriptor, const struct stat& node) {
+  void require_own(int descriptor, const struct stat& node) const {
     if (node.st_uid == ::geteuid() && (node.st_mode & mode_bits) != S_IRWXU) {
       // Narrowing the mode would quietly take from an access list what it grants.
       require_private_acl(descriptor, true);
       if (retried([&] { return system_calls().fchmod(descriptor, S_IRWXU); }) != 0)
-        refuse("permissions", "Cannot restrict ", " directory permissions");
+        refuse_because("permissions", "Cannot restrict ", " directory permissions");
     }
     private_node(descriptor, true);
   }
 
+  const fs::path& target_;
   UniqueFd current_;
   bool readable_ = true;
   int depth_ = 0;
@@ -153,7 +181,7 @@ Ancestry walk_ancestry(const fs::path& directory) {
 void private_directory(const fs::path& path) {
   const fs::path target = resolved_target(path);
   const fs::path below = target.relative_path();
-  DirectoryWalk walk(target.root_path());
+  DirectoryWalk walk(target);
   for (auto component = below.begin(); component != below.end();) {
     const fs::path& name = *component;
     const auto next = std::next(component);

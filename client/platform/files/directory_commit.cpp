@@ -152,7 +152,7 @@ void commit_private_path_new(const fs::path& source, const fs::path& destination
   require(named && unchanged(*held, *named), commit_code,
           "Source identity changed during verification");
 
-  if (host::rename_new(from.c_str(), to.c_str()) == 0) return;
+  if (host::rename_new(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str()) == 0) return;
   const bool taken = errno == EEXIST;
   fail(taken ? "already_installed" : commit_code,
        "Cannot atomically install without replacing an existing destination");

@@ -93,7 +93,9 @@ bool names(const fs::path& path, int descriptor, bool (*fit)(const struct stat&)
 FileLock::FileLock(const fs::path& path, bool wait, LockMode mode) {
   private_directory(path.parent_path());
   descriptor_ = create_or_open(path, 0);
-  require(bool(descriptor_), "lock_failed", "Cannot open operation lock");
+  require(bool(descriptor_), "lock_failed", [&path, error = errno] {
+    return "Cannot open operation lock" + posix_files::failed_because(path, error);
+  });
   const auto node = posix_files::node_of(descriptor_.get());
   require(node && own_lock_file(*node), "lock_failed",
           "Operation lock must be an ordinary private owned file");
@@ -122,6 +124,10 @@ NativeFileLock::NativeFileLock(const fs::path& path, bool create, NativeLockShar
           "Native ownership requires a bounded lock path and known sharing");
   require(ordinary_parent(path), code, "Native ownership requires ordinary existing parents");
   descriptor_ = create ? create_or_open(path, O_NONBLOCK) : open_lock(path, O_NONBLOCK);
+  require(bool(descriptor_), code, [&path, error = errno] {
+    return "Native ownership requires an ordinary empty private file" +
+           posix_files::failed_because(path, error);
+  });
   const auto node = posix_files::node_of(descriptor_.get());
   require(node && private_lock(*node), code,
           "Native ownership requires an ordinary empty private file");

@@ -1,12 +1,14 @@
 #include "platform/files/managed_tree.h"
 
-#include <algorithm>
-#include <set>
-#include <utility>
+#include <cerrno>
+#include <exception>
+#include <system_error>
 
-#include "documents/manifest.h"
 #include "domain/error.h"
+#include "platform/files/directory_chain.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/held_directory.h"
+#include "platform/files/private_storage.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/system_calls.h"
 
@@ -17,81 +19,48 @@ namespace fs = std::filesystem;
 
 constexpr unsigned long max_cleanup_entries = 250000;
 
-/// A separator at the end would follow a link, and make the path its own parent.
-fs::path without_end_separator(const fs::path& path) {
-  return path.has_filename() ? path : path.parent_path();
+[[noreturn]] void removal_failed(int error, const fs::path& root) {
+  throw fs::filesystem_error("cannot remove all", root,
+                             std::error_code(error, std::generic_category()));
 }
 
-fs::file_type link_type(const fs::path& path) {
-  return fs::symlink_status(without_end_separator(path)).type();
+/// The directory that stands at a held name and is held itself from here on; `errno` tells why
+/// there is none.
+UniqueFd hold_directory(const posix_files::HeldName& held) {
+  constexpr int flags = posix_files::walk_flags;
+  return UniqueFd(retried([&] {
+    return system_calls().openat(held.parent.get(), held.name.c_str(), flags, mode_t{});
+  }));
 }
 
-fs::path plain_root(const fs::path& root) { return without_end_separator(fs::absolute(root)); }
-
-/// One retirement: which directories may have become empty, and which have to be synced.
-class Retirement {
- public:
-  explicit Retirement(fs::path root) : root_(std::move(root)) {}
-
-  void remove_file(const std::string& relative) {
-    const fs::path path = safe_join(root_, relative, true);
-    const auto type = link_type(path);
-    require(type == fs::file_type::not_found || type == fs::file_type::regular, "unsafe_path",
-            "Changed managed paths were preserved");
-    if (type == fs::file_type::regular) {
-      require(retried([&] { return system_calls().unlink(path.c_str()); }) == 0, "file_remove",
-              "Cannot remove a declared managed file");
-      to_sync_.insert(path.parent_path());
-    }
-    for (auto end = relative.rfind('/'); end != 0 && end != relative.npos;
-         end = relative.rfind('/', end - 1))
-      if (!to_try_.insert(relative.substr(0, end)).second) break;
-  }
-
-  void remove_empty_directories() {
-    for (const auto& relative : to_try_) {
-      const fs::path directory = root_ / relative;
-      const auto type = link_type(directory);
-      if (type == fs::file_type::not_found) continue;
-      require(type == fs::file_type::directory, "unsafe_path",
-              "Changed managed directory was preserved");
-      if (fs::is_empty(directory))
-        remove_directory(directory, "Cannot retire empty managed directory");
-    }
-  }
-
-  /// True if the root remains.
-  bool remove_root() {
-    if (!fs::is_empty(root_)) return true;
-    remove_directory(root_, "Cannot retire empty snapshot directory");
-    return false;
-  }
-
-  void synchronize() const {
-    for (const auto& directory : to_sync_) sync_directory(directory);
-  }
-
- private:
-  // Deepest first, so that a directory is tried after all that stood below it.
-  struct DeeperFirst {
-    bool operator()(const std::string& left, const std::string& right) const {
-      const auto left_depth = std::count(left.begin(), left.end(), '/');
-      const auto right_depth = std::count(right.begin(), right.end(), '/');
-      return left_depth != right_depth ? left_depth > right_depth : left < right;
-    }
+/// False, with nothing removed, when `is_wanted` does not know the directory.
+bool remove_proved(const fs::path& root, const std::function<bool(const struct stat&)>& is_wanted) {
+  const auto held = posix_files::hold_name(root, posix_files::ParentLink::followed);
+  const auto named =
+      held.parent ? posix_files::node_in(held.parent.get(), held.name.c_str()) : std::nullopt;
+  if (!named && (errno == ENOENT || errno == ENOTDIR)) return !is_wanted;
+  if (!named) removal_failed(errno, root);
+  constexpr char unplain[] = "Tree cleanup requires an ordinary directory";
+  require(S_ISDIR(named->st_mode), "unsafe_path", unplain);
+  const UniqueFd directory = hold_directory(held);
+  if (!directory) removal_failed(errno, root);
+  const auto node = posix_files::node_of(directory.get());
+  require(node && posix_files::same_node(*node, *named), "unsafe_path", unplain);
+  if (is_wanted && !is_wanted(*node)) return false;
+  const auto require_in_place = [&] {
+    const auto now = posix_files::node_in(held.parent.get(), held.name.c_str());
+    require(now && posix_files::same_node(*node, *now), "unsafe_path", unplain);
   };
-
-  void remove_directory(const fs::path& directory, std::string_view message) {
-    require(retried([&] { return system_calls().rmdir(directory.c_str()); }) == 0, "file_remove",
-            message);
-    to_sync_.erase(directory);
-    to_sync_.insert(directory.parent_path());
-  }
-
-  fs::path root_;
-  std::set<std::string, DeeperFirst> to_try_;
-  std::set<fs::path> to_sync_;
-};
+  tree_bytes(root, max_cleanup_entries);
+  // The proof went by the path: it must have been of what is held.
+  require_in_place();
+  if (const int error = posix_files::remove_all_in(directory.get())) removal_failed(error, root);
+  require_in_place();
+  if (const int error = posix_files::remove_empty_in(held.parent.get(), held.name.c_str()))
+    removal_failed(error, root);
+  sync_directory(posix_files::plain_absolute(root).parent_path());
+  return true;
+}
 
 }  // namespace
 
@@ -124,52 +93,23 @@ unsigned long long tree_bytes(const fs::path& root, unsigned long max_entries) {
   return total;
 }
 
-void remove_plain_tree(const fs::path& root) {
-  const auto type = link_type(root);
-  if (type == fs::file_type::not_found) return;
-  require(type == fs::file_type::directory, "unsafe_path",
-          "Tree cleanup requires an ordinary directory");
-  tree_bytes(root, max_cleanup_entries);
-  fs::remove_all(root);
-  sync_directory(plain_root(root).parent_path());
+void remove_plain_tree(const fs::path& root) { remove_proved(root, {}); }
+
+bool remove_identified_tree(const fs::path& root,
+                            const std::array<unsigned long long, 2>& identity) {
+  return remove_proved(root, [&](const struct stat& node) {
+    return node.st_dev == identity[0] && node.st_ino == identity[1];
+  });
 }
 
 bool remove_path_quietly(const fs::path& path) noexcept {
-  std::error_code error;
   try {
-    fs::remove_all(path, error);
+    const auto held = posix_files::hold_name(path, posix_files::ParentLink::followed);
+    if (!held.parent) return errno == ENOENT;
+    return posix_files::remove_tree_in(held.parent.get(), held.name.c_str()) == 0;
   } catch (const std::exception&) {
     return false;
   }
-  return !error;
-}
-
-void validate_snapshot_retirement(const SnapshotManifest& manifest, const fs::path& root) {
-  const auto root_type = link_type(root);
-  if (root_type == fs::file_type::not_found) return;
-  require(root_type == fs::file_type::directory, "unsafe_path",
-          "Managed snapshot retirement requires an ordinary directory");
-  for (const auto& [relative, file] : manifest.files) {
-    const auto type = link_type(safe_join(root, relative, true));
-    require(type == fs::file_type::not_found || type == fs::file_type::regular, "unsafe_path",
-            "A managed snapshot path became a link or special file; it was preserved");
-  }
-}
-
-bool retire_snapshot_files(const SnapshotManifest& manifest, const fs::path& root,
-                           const std::function<void()>& tick) {
-  validate_snapshot_retirement(manifest, root);
-  if (link_type(root) == fs::file_type::not_found) return false;
-  Retirement retirement(plain_root(root));
-  for (const auto& [relative, file] : manifest.files) {
-    if (tick) tick();
-    retirement.remove_file(relative);
-  }
-  retirement.remove_empty_directories();
-  const bool remains = retirement.remove_root();
-  // Last, and once each: a crash before leaves what a further call completes.
-  retirement.synchronize();
-  return remains;
 }
 
 }  // namespace tavro

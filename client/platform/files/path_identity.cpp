@@ -34,6 +34,8 @@ void must(bool condition, std::string_view before, std::string_view after) {
 struct Walk {
   /// The deepest thing that exists.
   UniqueFd descriptor;
+  /// The deepest thing that can be read, when that is another one.
+  UniqueFd readable;
   struct stat node {};
   /// The components that do not exist yet.
   fs::path tail;
@@ -58,6 +60,11 @@ int open_component(int directory, const char* name, LastComponent last) {
   return attempt(host::search_only());
 }
 
+bool is_readable(int descriptor) {
+  const int search = host::search_only();
+  return search == 0 || (::fcntl(descriptor, F_GETFL) & search) == 0;
+}
+
 /// One step down. False when nothing stands at the name.
 bool enter(Walk& walk, const fs::path& name, LastComponent last) {
   UniqueFd next(open_component(walk.descriptor.get(), name.c_str(), last));
@@ -69,6 +76,8 @@ bool enter(Walk& walk, const fs::path& name, LastComponent last) {
       ::fstatat(walk.descriptor.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
       posix_files::same_node(held, named) && is_permitted(held, last);
   must(same, "", " setup ancestry is linked, unavailable or changed");
+  if (!is_readable(next.get()) && is_readable(walk.descriptor.get()))
+    walk.readable = std::move(walk.descriptor);
   walk.descriptor = std::move(next);
   return true;
 }
@@ -160,6 +169,18 @@ std::string place_key(const Inspection& found, const host::Mount& mount,
   return key;
 }
 
+/// What cannot be read does not tell all of a volume's identity: the root of the mount is asked
+/// only when nothing below it that was passed can be read.
+int readable_on(const Inspection& found, const host::Mount& mount, const host::VolumeCalls& calls) {
+  for (const Walk* walk : {&found.mount, &found.destination})
+    for (const UniqueFd* held : {&walk->descriptor, &walk->readable}) {
+      if (!*held || !is_readable(held->get())) continue;
+      const auto on = calls.mount(held->get());
+      if (on && on->id == mount.id) return held->get();
+    }
+  return found.mount.descriptor.get();
+}
+
 Inspection inspect(const fs::path& path, LastComponent last, const host::VolumeCalls& calls) {
   Inspection found;
   found.destination = follow(path, last, calls);
@@ -171,7 +192,7 @@ Inspection inspect(const fs::path& path, LastComponent last, const host::VolumeC
        " setup volume changed during inspection");
   found.destination_path = physical(found.destination.descriptor.get(), calls);
   found.mount_path = physical(found.mount.descriptor.get(), calls);
-  found.volume = calls.identity(found.mount.descriptor.get());
+  found.volume = calls.identity(readable_on(found, mount, calls));
   must(!found.volume.empty(), "Cannot identify the ", " setup volume and its case behavior");
   found.key = found.volume + place_key(found, mount, calls);
   return found;

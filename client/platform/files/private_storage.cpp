@@ -7,8 +7,10 @@
 #include <cerrno>
 #include <limits>
 #include <string>
+#include <system_error>
 
 #include "domain/error.h"
+#include "domain/input.h"
 #include "platform/host/host.h"
 #include "platform/host/system_calls.h"
 
@@ -28,6 +30,24 @@ bool private_by_mode(const struct stat& node, bool directory) {
   return single_file(node) && (node.st_mode & foreign_bits) == 0;
 }
 
+const char* remedy(int error) {
+  switch (error) {
+    case ENOSPC:
+    case EDQUOT:
+      return "; free space or file entries on its volume and try again";
+    case EMFILE:
+    case ENFILE:
+      return "; close other programs and try again";
+    case EROFS:
+      return "; choose a place that can be written";
+    case EACCES:
+    case EPERM:
+      return "; allow this user to enter and change the folder that holds it";
+    default:
+      return "";
+  }
+}
+
 }  // namespace
 
 UniqueFd open(const std::filesystem::path& path, int flags, mode_t mode) {
@@ -44,6 +64,12 @@ std::optional<struct stat> node_at(const std::filesystem::path& path) {
   struct stat node {};
   if (retried([&] { return ::lstat(path.c_str(), &node); }) != 0) return std::nullopt;
   return node;
+}
+
+std::string failed_because(const std::filesystem::path& path, int error) {
+  if (error == ENOENT || error == ELOOP || error == ENOTDIR) return {};
+  return ": " + path_utf8(path) + ": " + std::generic_category().message(error) + " (" +
+         std::to_string(error) + ")" + remedy(error);
 }
 
 int sync(int descriptor) { return host::full_sync(descriptor); }
@@ -115,8 +141,10 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
           [] { return host::naming_system("", " private storage needs a bounded absolute path"); });
   const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | (directory ? O_DIRECTORY : 0);
   const UniqueFd file = open(path, flags);
-  require(bool(file), "permissions",
-          [] { return host::naming_system("Cannot open ordinary ", " private storage"); });
+  require(bool(file), "permissions", [&path, error = errno] {
+    return host::naming_system("Cannot open ordinary ", " private storage") +
+           failed_because(path, error);
+  });
   private_node(file.get(), directory);
   const auto held = node_of(file.get());
   const auto named = node_at(path);

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 
 #include "domain/unique_fd.h"
 
@@ -24,6 +25,11 @@ UniqueFd open(const std::filesystem::path& path, int flags, mode_t mode = 0);
 /// What a descriptor, or a path whose final link is not followed, shows; empty on failure.
 std::optional<struct stat> node_of(int descriptor);
 std::optional<struct stat> node_at(const std::filesystem::path& path);
+
+/// What a message about a failed call ends with: the path, the system's words and number for the
+/// error, and what the user can do about it. Empty for what the message says already: that nothing
+/// ordinary stands there.
+std::string failed_because(const std::filesystem::path& path, int error);
 
 /// Full durable sync of data and metadata, interruptions retried. 0, or negative with `errno` set;
 /// a failure is final.

@@ -1,16 +1,31 @@
 #include "platform/files/running_files.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
-#include <exception>
-#include <system_error>
 
 #include "domain/error.h"
 #include "domain/input.h"
+#include "platform/files/managed_tree.h"
 #include "platform/host/system_calls.h"
 
 namespace tavro::native_files {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+/// A file, a link itself, or an empty directory.
+bool is_removed(const fs::path& path) noexcept {
+  const auto gone = [&](int flags) {
+    const auto remove = [&] { return system_calls().unlinkat(AT_FDCWD, path.c_str(), flags); };
+    return retried(remove) == 0 || errno == ENOENT;
+  };
+  // A directory answers EISDIR here and EPERM on other systems; nothing else is tried twice.
+  return gone(0) || ((errno == EISDIR || errno == EPERM) && gone(AT_REMOVEDIR));
+}
+
+}  // namespace
 
 void rename_replace(const fs::path& from, const fs::path& to) {
   const bool moved = retried([&] { return system_calls().rename(from.c_str(), to.c_str()); }) == 0;
@@ -18,23 +33,13 @@ void rename_replace(const fs::path& from, const fs::path& to) {
 }
 
 bool remove_or_trash(const fs::path& path, const fs::path&) {
-  const auto& calls = system_calls();
-  bool gone = retried([&] { return calls.unlink(path.c_str()); }) == 0 || errno == ENOENT;
-  // A directory answers EISDIR here and EPERM on other systems; nothing else is tried twice.
-  if (!gone && (errno == EISDIR || errno == EPERM))
-    gone = retried([&] { return calls.rmdir(path.c_str()); }) == 0 || errno == ENOENT;
-  require(gone, "file_remove", [&] { return "Cannot remove " + path_utf8(path); });
+  require(is_removed(path), "file_remove", [&] { return "Cannot remove " + path_utf8(path); });
   return true;
 }
 
-void remove_after_exit(const fs::path& path) noexcept {
-  try {
-    std::error_code ignored;
-    fs::remove_all(path, ignored);
-  } catch (const std::exception&) {
-    // Memory ran out: what stays is in the temporary folder, where it harms nobody.
-  }
-}
+bool remove_quietly(const fs::path& path) noexcept { return is_removed(path); }
+
+void remove_after_exit(const fs::path& path) noexcept { remove_path_quietly(path); }
 
 fs::path temporary_directory(const fs::path&) { return fs::temp_directory_path(); }
 

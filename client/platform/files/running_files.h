@@ -14,6 +14,9 @@ void rename_replace(const std::filesystem::path& from, const std::filesystem::pa
 bool remove_or_trash(const std::filesystem::path& path,
                      const std::filesystem::path& trash_directory);
 
+/// Removes one entry as `remove_or_trash`, but best effort. True when the path is gone.
+bool remove_quietly(const std::filesystem::path& path) noexcept;
+
 /// Removes the path recursively, once the process no longer needs it: at once where a running file
 /// can be removed. Every failure is ignored.
 void remove_after_exit(const std::filesystem::path& path) noexcept;

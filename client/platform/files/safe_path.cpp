@@ -74,6 +74,14 @@ fs::path safe_join(const fs::path& root, std::string_view relative, bool portabl
   return joined;
 }
 
+void require_unlinked(const fs::path& path) {
+  fs::path walked = path.root_path();
+  for (const auto& name : path.relative_path()) {
+    walked /= name;
+    require(!fs::is_symlink(walked), "unsafe_path", "Managed path contains a symbolic link");
+  }
+}
+
 void require_path_room(const fs::path& root, const fs::path& directory,
                        unsigned long longest_relative) {
   const std::size_t bound = host::longest_path();

@@ -12,6 +12,10 @@ namespace tavro {
 std::filesystem::path safe_join(const std::filesystem::path& root, std::string_view relative,
                                 bool portable);
 
+/// `unsafe_path`, with the words of `safe_join`, when a component of an absolute path is a link.
+/// The names are the user's own: no other rule holds for them.
+void require_unlinked(const std::filesystem::path& path);
+
 /// The check before a tree is staged: a file whose relative path has `longest_relative` bytes must
 /// fit below `directory` within the system's bound on a path. Throws `size_limit`; `root` is the
 /// folder that the user can choose otherwise.

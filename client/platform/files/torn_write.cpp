@@ -1,16 +1,47 @@
 #include "platform/files/torn_write.h"
 
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
+#include <algorithm>
+#include <exception>
 #include <string>
 
 #include "domain/error.h"
 #include "domain/identifier.h"
+#include "platform/files/directory_chain.h"
+#include "platform/files/held_directory.h"
+#include "platform/files/private_storage.h"
+#include "platform/host/system_calls.h"
 
 namespace tavro::torn_write {
+namespace {
+
+bool is_private_file(const struct stat& node) {
+  return S_ISREG(node.st_mode) && node.st_nlink == 1 && node.st_uid == ::geteuid() &&
+         (node.st_mode & posix_files::mode_bits & ~mode_t{S_IRWXU}) == 0;
+}
+
+}  // namespace
 
 bool is_temporary_name(std::string_view name, std::string_view destination) {
   return !nonce_between(name, destination, ".tmp").empty();
+}
+
+void remove_leftovers(const std::filesystem::path& folder,
+                      std::initializer_list<std::string_view> documents) noexcept {
+  try {
+    const UniqueFd directory = posix_files::open(folder, posix_files::walk_flags);
+    posix_files::for_each_entry(directory.get(), [&](const char* name, unsigned char) {
+      const bool known = std::any_of(
+          documents.begin(), documents.end(),
+          [name](std::string_view document) { return is_temporary_name(name, document); });
+      const auto node = known ? posix_files::node_in(directory.get(), name) : std::nullopt;
+      if (node && is_private_file(*node)) posix_files::remove_in(directory.get(), name);
+    });
+  } catch (const std::exception&) {
+    // Memory ran out: the files harm nobody, and the next call meets them again.
+  }
 }
 
 std::optional<json> parse_unless_torn(std::string_view bytes, std::size_t max_bytes) {

@@ -1,18 +1,27 @@
 #pragma once
 
 #include <cstddef>
+#include <filesystem>
+#include <initializer_list>
 #include <optional>
 #include <string_view>
 
 #include "domain/json.h"
 
 /// What a crash can leave of the atomic write of a compact JSON document: under the temporary name,
-/// any prefix of its text. These functions tell such a prefix from bytes that nobody can explain;
+/// any prefix of its text. The functions on bytes tell such a prefix from what nobody can explain;
 /// they look at the text alone.
 namespace tavro::torn_write {
 
 /// Whether `name` is a temporary name of an atomic write to `destination` (see `files.h`).
 bool is_temporary_name(std::string_view name, std::string_view destination);
+
+/// Removes from `folder` what cut-off atomic writes of these documents left there: regular files
+/// with such a temporary name, of this user, with one link and no access for anybody else. All
+/// others stay. Best effort, nothing is synced. To be called under the lock that guards the
+/// documents, since a writer at work has such a file too.
+void remove_leftovers(const std::filesystem::path& folder,
+                      std::initializer_list<std::string_view> documents) noexcept;
 
 /// The value of a document, or nothing when the bytes are no JSON at all and may thus be a prefix.
 /// Throws as `parse_json` for everything else that it refuses.

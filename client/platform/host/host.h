@@ -61,7 +61,7 @@ int clear_access_lists(int descriptor, bool directory) noexcept;
 
 /// A rename that fails with `EEXIST` when `to` exists. 0, or -1 with `errno` set; never done in two
 /// steps where the file system cannot do it in one.
-int rename_new(const char* from, const char* to) noexcept;
+int rename_new(int from_directory, const char* from, int to_directory, const char* to) noexcept;
 
 /// Exchanges two names in one step. 0, or -1 with `errno` set.
 int exchange_names(int left_directory, const char* left, int right_directory,
@@ -71,6 +71,13 @@ int exchange_names(int left_directory, const char* left, int right_directory,
 /// where the system can do that. 0, or -1 with `errno` set.
 int open_pipe(int (&ends)[2]) noexcept;
 int open_socket_pair(int (&ends)[2]) noexcept;
+
+/// Marks every descriptor from `first` on close-on-exec, also those that somebody else opened; safe
+/// between fork and exec.
+void close_on_exec_from(int first) noexcept;
+
+/// Writes to a pipe; safe between fork and exec. Bytes written, or -1 with `errno` set.
+long write_to_pipe(int pipe, const void* bytes, std::size_t size) noexcept;
 
 /// Sends on a stream socket without a signal when nobody can receive: that is `EPIPE`. Bytes sent,
 /// or -1 with `errno` set.

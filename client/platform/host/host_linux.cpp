@@ -4,7 +4,9 @@
 #include <linux/fs.h>
 #include <linux/posix_acl.h>
 #include <linux/posix_acl_xattr.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -132,9 +134,10 @@ int clear_access_lists(int descriptor, bool directory) noexcept {
   return directory && answer == 0 ? clear_list(descriptor, default_list) : answer;
 }
 
-int rename_new(const char* from, const char* to) noexcept {
-  return retried(
-      [&] { return system_calls().renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
+int rename_new(int from_directory, const char* from, int to_directory, const char* to) noexcept {
+  return retried([&] {
+    return system_calls().renameat2(from_directory, from, to_directory, to, RENAME_NOREPLACE);
+  });
 }
 
 int exchange_names(int left_directory, const char* left, int right_directory,
@@ -148,6 +151,23 @@ int open_pipe(int (&ends)[2]) noexcept { return ::pipe2(ends, O_CLOEXEC); }
 
 int open_socket_pair(int (&ends)[2]) noexcept {
   return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+}
+
+void close_on_exec_from(int first) noexcept {
+  constexpr unsigned close_on_exec = 1U << 2;  // CLOSE_RANGE_CLOEXEC, which older headers lack
+  constexpr long close_range_call = 436;       // of every architecture
+  if (::syscall(close_range_call, first, ~0U, close_on_exec) == 0) return;
+  // An older kernel: one by one. A limit that was lowered meanwhile may hide some above it.
+  struct rlimit limit {};
+  constexpr rlim_t most = 1048576;
+  const bool known = ::getrlimit(RLIMIT_NOFILE, &limit) == 0;
+  const auto end = static_cast<int>(known ? std::min(limit.rlim_cur, most) : most);
+  for (int descriptor = first; descriptor < end; ++descriptor)
+    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
+
+long write_to_pipe(int pipe, const void* bytes, std::size_t size) noexcept {
+  return retried([&] { return ::write(pipe, bytes, size); });
 }
 
 long send_without_signal(int socket, const void* bytes, std::size_t size) noexcept {

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "domain/crypto.h"
@@ -116,13 +117,49 @@ std::string mount_id(int descriptor) {
   return {};
 }
 
+/// The types whose rules are the same however they are mounted, by what `statfs` calls them.
+std::string_view type_of(int descriptor) {
+  constexpr std::array<std::pair<long, std::string_view>, 9> types{{
+      {EXT4_SUPER_MAGIC, "ext4"},
+      {XFS_SUPER_MAGIC, "xfs"},
+      {BTRFS_SUPER_MAGIC, "btrfs"},
+      {F2FS_SUPER_MAGIC, "f2fs"},
+      {0xca451a4e, "bcachefs"},
+      {OVERLAYFS_SUPER_MAGIC, "overlay"},
+      {TMPFS_MAGIC, "tmpfs"},
+      {MSDOS_SUPER_MAGIC, "vfat"},
+      {0x2011BAB0, "exfat"},
+  }};
+  struct statfs status {};
+  if (::fstatfs(descriptor, &status) != 0) return {};
+  const auto* const found = std::find_if(types.begin(), types.end(), [&](const auto& type) {
+    return type.first == static_cast<long>(status.f_type);
+  });
+  return found == types.end() ? std::string_view() : found->second;
+}
+
+std::string device_text(const struct stat& node) {
+  return std::to_string(major(node.st_dev)) + ":" + std::to_string(minor(node.st_dev));
+}
+
+/// In a root entered by `chroot` the table leaves out the mount that holds this root, and it alone.
+/// Where the root lies on its volume is not to be seen; its inode tells it from other roots.
+std::optional<TableLine> unlisted_root(int descriptor, const std::string& id) {
+  const UniqueFd root(
+      retried([] { return ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_PATH); }));
+  struct stat node {};
+  if (!root || mount_id(root.get()) != id || ::fstat(root.get(), &node) != 0) return std::nullopt;
+  const std::string place = "/root:" + std::to_string(node.st_ino);
+  return TableLine{id, device_text(node), place, "/", std::string(type_of(descriptor)), ""};
+}
+
 std::optional<TableLine> table_line(int descriptor) {
   const std::string id = mount_id(descriptor);
   if (id.empty()) return std::nullopt;
   const std::string table = kernel_file("/proc/self/mountinfo", mount_table_bytes);
   for (const auto text : split(table, '\n'))
     if (text.starts_with(id + " ")) return parse_line(text);
-  return std::nullopt;
+  return unlisted_root(descriptor, id);
 }
 
 bool folds_everywhere(std::string_view type) {
@@ -150,6 +187,10 @@ std::optional<Mount> mount(int descriptor) {
   found.id = line->id + " " + line->device;
   found.path = line->path;
   found.root = line->root;
+  // A bind mount of a folder that is gone shows no place on the volume; "/" behind the mark keeps
+  // it apart from a folder that is really called so.
+  constexpr std::string_view gone = "//deleted";
+  if (line->root.ends_with(gone)) found.accepted = false;
   if (folds_everywhere(line->type)) found.rules_above = NameRules::folded_dotless;
   return found;
 }

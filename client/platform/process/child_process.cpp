@@ -42,7 +42,7 @@ void require_startable(const fs::path& executable, const std::vector<std::string
           "The installed game executable is missing or linked");
   require(names_directory(directory), "launch_directory",
           "Game working directory is missing or linked");
-  require_image_arguments(arguments, argument_texts);
+  require_child_arguments(arguments);
   for (const auto& [name, value] : environment)
     require_environment_entry(name, value, "Process environment entry is invalid");
   require(!environment.contains(launcher_interrupt_reader_environment), "process_control",
@@ -59,6 +59,7 @@ struct Launch {
   ChildStreams streams;
   ChildGroup group;
   InterruptPipe* interrupt;
+  int output;
 };
 
 /// The start channel (read by the parent) tells whether the image runs: its end comes with a
@@ -90,7 +91,7 @@ struct StartChannels {
 
 [[noreturn]] void report_failure(int start_channel) noexcept {
   const int error = errno;
-  retried([&] { return ::write(start_channel, &error, sizeof error); });
+  host::write_to_pipe(start_channel, &error, sizeof error);
   ::_exit(failed_start);
 }
 
@@ -102,6 +103,8 @@ struct StartChannels {
   const auto must = [report](bool done) noexcept {
     if (!done) report_failure(report);
   };
+  // What this process inherited itself may lack the mark.
+  host::close_on_exec_from(STDERR_FILENO + 1);
   must(launch.interrupt == nullptr || launch.interrupt->prepare_child());
   must(launch.group == ChildGroup::inherited || ::setpgid(0, 0) == 0);
   char signal = 0;
@@ -111,7 +114,8 @@ struct StartChannels {
   if (!activated) ::_exit(failed_start);
   must(retried([&] { return ::chdir(launch.directory); }) == 0);
   must(retried([&] { return ::dup2(channels.input.get(), STDIN_FILENO); }) >= 0);
-  if (launch.streams == ChildStreams::output_to_errors)
+  if (launch.output >= 0) must(retried([&] { return ::dup2(launch.output, STDERR_FILENO); }) >= 0);
+  if (launch.output >= 0 || launch.streams == ChildStreams::output_to_errors)
     must(retried([] { return ::dup2(STDERR_FILENO, STDOUT_FILENO); }) >= 0);
   channels.input.reset();
   retried([&] { return ::execve(launch.executable, launch.arguments, launch.environment); });
@@ -152,12 +156,16 @@ int exit_status_of(int status) noexcept {
 
 }  // namespace
 
+void require_child_arguments(const std::vector<std::string>& arguments) {
+  require_image_arguments(arguments, argument_texts);
+}
+
 ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::string>& arguments,
                            const fs::path& directory,
                            const std::map<std::string, std::string>& environment,
                            ChildStreams streams, ChildEnvironment inherited,
                            std::function<void(unsigned long long)> started, ChildGroup group,
-                           ChildControl control, const std::vector<long>& handles) {
+                           ChildControl control, const std::vector<long>& handles, int output) {
   require_startable(executable, arguments, directory, environment, handles);
   if (control == ChildControl::interrupt) {
     require(streams == ChildStreams::output_inherited && group == ChildGroup::own,
@@ -172,9 +180,14 @@ ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::st
                         interrupt_->child_environment());
   const auto argv = image_vector(words);
   const auto envp = image_vector(variables);
-  const Launch launch = {executable.c_str(), directory.c_str(), argv.data(),
-                         envp.data(),        streams,           group,
-                         interrupt_.get()};
+  const Launch launch = {executable.c_str(),
+                         directory.c_str(),
+                         argv.data(),
+                         envp.data(),
+                         streams,
+                         group,
+                         interrupt_.get(),
+                         output};
   StartChannels channels;
   const pid_t child = ::fork();
   if (child == 0) become_image(launch, channels);

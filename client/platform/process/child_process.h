@@ -27,18 +27,24 @@ enum class ChildGroup : std::uint32_t { inherited = 0, own = 1 };
 /// Whether the child can be asked to stop by an `InterruptPipe`.
 enum class ChildControl : std::uint32_t { none = 0, interrupt = 1 };
 
+/// The rules for a child's arguments: at most 64, each of 4096 bytes without NUL, of 32768 together.
+/// Else `argument_limit`. For a caller that must know before it commits itself to a start.
+void require_child_arguments(const std::vector<std::string>& arguments);
+
 /// One started program. The object owns it until its end is known, but never stops it on its own:
 /// destroying the object leaves a running child running. Belongs to one thread.
 class ChildProcess {
  public:
   /// Starts `executable` in `directory`, both absolute and no links, and returns once the new image
-  /// runs. `arguments` come after the executable's own name: at most 64, each of 4096 bytes, of
-  /// 32768 together. `environment` overrides what is inherited. Nothing that this client opened
-  /// passes to the child except the interrupt channel.
+  /// runs. `arguments` come after the executable's own name and pass `require_child_arguments`.
+  /// `environment` overrides what is inherited. Nothing that is open passes to the child, also not
+  /// what this process inherited, except the three streams and the channel.
   ///
   /// `started`, when set, gets the process number while the child is still held back: if it throws,
   /// no code of the image has run, and the exception passes on. `handles` belong to other systems
-  /// and must be empty here.
+  /// and must be empty here. `output`, unless it is -1, is a descriptor of the caller's that both
+  /// output and errors of the child go to, whatever `streams` says; such a child gets no other
+  /// descriptor but its input, not even one that this process inherited itself.
   ///
   /// Throws with nothing left running: `launch_handles`, `launch_executable`, `launch_directory`,
   /// `argument_limit`, `argument_encoding`, `process_control` (an environment that names the
@@ -48,7 +54,8 @@ class ChildProcess {
                const std::filesystem::path& directory,
                const std::map<std::string, std::string>& environment, ChildStreams streams,
                ChildEnvironment inherited, std::function<void(unsigned long long)> started,
-               ChildGroup group, ChildControl control, const std::vector<long>& handles = {});
+               ChildGroup group, ChildControl control, const std::vector<long>& handles = {},
+               int output = -1);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -56,7 +63,8 @@ class ChildProcess {
   unsigned long long pid() const noexcept { return pid_; }
 
   /// The exit status once the child has ended, 128 plus the number of a signal that ended it; never
-  /// blocks. Throws `process_wait` when the system cannot tell.
+  /// blocks. Throws `process_wait` when the system cannot tell, as in a program that ignores
+  /// SIGCHLD: there no end is kept.
   std::optional<int> poll();
 
   /// Blocks, without a limit, until the child has ended. `cancelled`, which may be empty, is asked

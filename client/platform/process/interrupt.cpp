@@ -13,6 +13,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/unique_fd.h"
+#include "platform/host/host.h"
 #include "platform/host/system_calls.h"
 #include "platform/process/channel.h"
 
@@ -197,7 +198,7 @@ bool InterruptPipe::request() noexcept {
   if (!writer_) return false;
   WithoutPipeSignal quiet;
   if (!quiet) return false;
-  const ssize_t sent = retried([&] { return ::write(writer_.get(), &stop_request, 1); });
+  const long sent = host::write_to_pipe(writer_.get(), &stop_request, 1);
   if (sent < 0 && errno == EPIPE) quiet.consume();
   requested_ = sent == 1;
   return requested_;

@@ -26,7 +26,8 @@ bool is_loader_name(std::string_view name) {
 }
 
 bool names(const fs::path& path, mode_t type) {
-  const auto node = posix_files::node_at(path);
+  // A call would take what stands before a NUL for the whole path.
+  const auto node = has_nul(path.native()) ? std::nullopt : posix_files::node_at(path);
   return path.is_absolute() && node && (node->st_mode & S_IFMT) == type;
 }
 

@@ -45,6 +45,29 @@ std::string string_value(std::string_view text) {
   return value;
 }
 
+/// The text that `string_value` has made such a value of.
+std::string value_text(std::string_view value) {
+  std::string text;
+  if (value.starts_with("\\s")) {
+    text = " ";
+    value.remove_prefix(2);
+  }
+  for (std::size_t at = 0; at < value.size(); ++at) {
+    if (value[at] == '\\' && at + 1 < value.size()) ++at;
+    text += value[at];
+  }
+  return text;
+}
+
+/// The value of a key, which stands at the beginning of a line; empty without one.
+std::string entry_value(std::string_view text, std::string_view key) {
+  const std::string start = "\n" + std::string(key) + "=";
+  const std::size_t found = text.find(start);
+  if (found == text.npos) return {};
+  const std::string_view value = text.substr(found + start.size());
+  return value_text(value.substr(0, value.find('\n')));
+}
+
 /// One argument as a command line takes it. Quotes never hurt, so that only what plainly needs none
 /// goes without.
 std::string argument(std::string_view text) {
@@ -113,6 +136,18 @@ std::string linux_desktop_entry(const DesktopShortcut& shortcut) {
   add("StartupNotify", "true");
   add("Categories", "Game;");
   return text;
+}
+
+std::optional<DesktopShortcut> read_linux_desktop_entry(std::string_view text) {
+  DesktopShortcut shortcut;
+  // No path of ours holds a NUL byte, and no text of ours either.
+  if (text.find('\0') != text.npos) return std::nullopt;
+  shortcut.executable = entry_value(text, "TryExec");
+  shortcut.name = entry_value(text, "Name");
+  shortcut.icon = entry_value(text, "Icon");
+  if (!shortcut.icon.is_absolute()) shortcut.icon.clear();
+  if (shortcut.executable.empty() || shortcut.name.empty()) return std::nullopt;
+  return shortcut;
 }
 
 json create_linux_desktop_entry(const DesktopShortcut& shortcut, const fs::path& path) {

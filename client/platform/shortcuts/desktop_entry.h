@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,9 @@ inline constexpr std::string_view kDesktopEntryExtension = ".desktop";
 /// in the paths. Throws `shortcut_text`, `shortcut_path`, `unsupported_platform` on a system
 /// without desktop entries, and what `validate_identifier` throws.
 std::string linux_desktop_entry(const DesktopShortcut& shortcut);
+
+/// The program, the name and the icon that an entry names; see `read_native_shortcut`.
+std::optional<DesktopShortcut> read_linux_desktop_entry(std::string_view text);
 
 /// Creates the entry, durably. Otherwise as `create_native_shortcut`, in an existing folder.
 json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path);

@@ -50,9 +50,21 @@ fs::path native_menu_entry(const fs::path& root, std::string_view game, std::str
   return shortcut_place::absolute(native_menu_directory() / name);
 }
 
-json create_native_shortcut(const DesktopShortcut& shortcut, const fs::path& path) {
-  const fs::path target = shortcut_place::absolute(path);
-  const fs::path parent = target.parent_path();
+std::string native_shortcut_text(const DesktopShortcut& shortcut) {
+  return has_desktop_entries() ? linux_desktop_entry(shortcut) : macos_launch_document(shortcut);
+}
+
+std::optional<DesktopShortcut> read_native_shortcut(std::string_view text) {
+  if (has_desktop_entries()) return read_linux_desktop_entry(text);
+  try {
+    return parse_macos_launch_document(text);
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+void require_native_shortcut_place(const fs::path& path) {
+  const fs::path parent = shortcut_place::absolute(path).parent_path();
   if (shortcut_place::is_taken(parent)) {
     require_plain_directories(parent);
   } else {
@@ -60,8 +72,12 @@ json create_native_shortcut(const DesktopShortcut& shortcut, const fs::path& pat
             "Custom shortcut destinations require an existing parent directory");
     private_directory(parent);
   }
-  return has_desktop_entries() ? create_linux_desktop_entry(shortcut, target)
-                               : create_macos_launch_document(shortcut, target);
+}
+
+json create_native_shortcut(const DesktopShortcut& shortcut, const fs::path& path) {
+  require_native_shortcut_place(path);
+  return has_desktop_entries() ? create_linux_desktop_entry(shortcut, path)
+                               : create_macos_launch_document(shortcut, path);
 }
 
 }  // namespace tavro

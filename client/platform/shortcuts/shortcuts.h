@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,18 @@ std::filesystem::path native_menu_directory();
 /// `native_menu_directory`, `validate_identifier`, `path_identity::directory_key`.
 std::filesystem::path native_menu_entry(const std::filesystem::path& root, std::string_view game,
                                         std::string_view name);
+
+/// The bytes of the shortcut's file. Throws `shortcut_path`, `shortcut_text`, and what the form adds.
+std::string native_shortcut_text(const DesktopShortcut& shortcut);
+
+/// What such bytes, which may come from anywhere, say of themselves: the program and the name, and
+/// of the rest what the form tells. It proves nothing before the same bytes come of it. Nothing for
+/// bytes that do not even say that.
+std::optional<DesktopShortcut> read_native_shortcut(std::string_view text);
+
+/// Proves that a shortcut can lie at the path, whose last folder is created if it is the default
+/// one. Throws as `create_native_shortcut`.
+void require_native_shortcut_place(const std::filesystem::path& path);
 
 /// Creates the shortcut, and the default folder if that is where it goes and it is missing. Never
 /// writes over anything, and changes nothing on failure but for that folder. Returns the form's

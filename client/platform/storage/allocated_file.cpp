@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <limits>
 #include <string>
 
@@ -13,6 +14,7 @@
 #include "domain/input.h"
 #include "domain/unique_fd.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/held_directory.h"
 #include "platform/files/private_storage.h"
 #include "platform/host/host.h"
 #include "platform/host/system_calls.h"
@@ -32,26 +34,25 @@ constexpr unsigned long long block_bytes = 512;
   fail(code, std::string(message) + " (" + std::to_string(error) + ")");
 }
 
-UniqueFd open_for_inspection(const fs::path& path) {
-  return posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-}
-
 }  // namespace
 
-struct AllocatedFile::Impl : FileReservation {
+struct AllocatedFile::Impl : OpenReservation {
   unsigned long long written = 0;
   bool owned = false;
-  bool identity_known = false;
-  bool private_file = false;
-  UniqueFd descriptor;
+  /// Held, so that the removal reaches this file whatever became of the path.
+  posix_files::HeldName place;
 
   Impl() = default;
-  explicit Impl(const FileReservation& record) : FileReservation(record) {}
+  explicit Impl(const FileReservation& record) : OpenReservation(record) {}
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
   ~Impl() {
-    descriptor.reset();
-    if (owned && identity_known && path_names_file()) remove();
+    // Before the descriptor closes: while it is open no other file can get this inode.
+    try {
+      if (owned && identity_known) remove();
+    } catch (const std::exception&) {
+      // Memory ran out: the file stays, as after a kill.
+    }
   }
 
   enum class Opening { create, reopen };
@@ -59,16 +60,9 @@ struct AllocatedFile::Impl : FileReservation {
   void create(const std::function<void(const FileReservation&)>& on_created);
   void reopen(const FileReservation& record, unsigned long long least, unsigned long long most);
 
-  bool path_names_file() const noexcept;
-  bool remove() const noexcept {
-    return retried([&] { return system_calls().unlink(path.c_str()); }) == 0;
+  int remove() const {
+    return posix_files::remove_file_in(place.parent.get(), place.name, device, inode);
   }
-  void require_path(std::string_view message) const {
-    require(path_names_file(), changed, message);
-  }
-  unsigned long long inspect();
-  /// The path check, after the file was found between what was written and what was asked for.
-  void require_in_bounds(unsigned long long least, std::string_view message);
   void allocate();
   void seek(unsigned long long position);
   void synchronize();
@@ -76,36 +70,9 @@ struct AllocatedFile::Impl : FileReservation {
   void give_up() {
     owned = false;
     descriptor.reset();
+    place.parent.reset();
   }
 };
-
-bool AllocatedFile::Impl::path_names_file() const noexcept {
-  const auto named = posix_files::node_at(path);
-  return named && S_ISREG(named->st_mode) && named->st_dev == device && named->st_ino == inode;
-}
-
-unsigned long long AllocatedFile::Impl::inspect() {
-  const auto node = posix_files::node_of(descriptor.get());
-  require(node && S_ISREG(node->st_mode) && node->st_nlink == 1 && node->st_size >= 0,
-          "unsafe_path", "Allocation requires an ordinary single-link file");
-  if (private_file) {
-    constexpr mode_t forbidden = posix_files::mode_bits & ~mode_t{S_IRWXU};
-    require(node->st_uid == ::geteuid() && (node->st_mode & forbidden) == 0, "permissions",
-            [] { return host::naming_system("", " allocation must remain private and owned"); });
-    posix_files::require_private_acl(descriptor.get(), false);
-  }
-  require(!identity_known || (device == node->st_dev && inode == node->st_ino), changed,
-          "Prepared allocation identity changed");
-  device = node->st_dev;
-  inode = node->st_ino;
-  identity_known = true;
-  return static_cast<unsigned long long>(node->st_size);
-}
-
-void AllocatedFile::Impl::require_in_bounds(unsigned long long least, std::string_view message) {
-  const auto present = inspect();
-  require(least <= present && present <= size && path_names_file(), changed, message);
-}
 
 void AllocatedFile::Impl::allocate() {
   const int error = size == 0 ? 0 : posix_files::reserve(descriptor.get(), size);
@@ -126,13 +93,14 @@ void AllocatedFile::Impl::open(Opening opening) {
   require(size <= static_cast<unsigned long long>(std::numeric_limits<off_t>::max()), "size_limit",
           "File allocation exceeds native length bounds");
   path = fs::absolute(path);
-  std::error_code ignored;
-  require(fs::symlink_status(path.parent_path(), ignored).type() == fs::file_type::directory,
-          "unsafe_path", "Allocation requires an ordinary parent directory");
+  place = posix_files::hold_name(path, posix_files::ParentLink::refused);
+  require(bool(place.parent), "unsafe_path", "Allocation requires an ordinary parent directory");
   constexpr int common = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
   const bool is_new = opening == Opening::create;
   const int flags = is_new ? common | O_CREAT | O_EXCL : common;
-  descriptor = posix_files::open(path, flags, 0600);
+  descriptor.reset(retried([&] {
+    return system_calls().openat(place.parent.get(), place.name.c_str(), flags, mode_t{0600});
+  }));
   if (!descriptor)
     storage_failure(errno, "unsafe_path",
                     "Cannot exclusively create or reopen a prepared allocation");
@@ -207,18 +175,16 @@ AllocatedFile& AllocatedFile::operator=(AllocatedFile&&) noexcept = default;
 AllocatedFile::~AllocatedFile() = default;
 
 void AllocatedFile::verify_identity(const FileReservation& reservation) {
-  Impl file(reservation);
+  OpenReservation file(reservation);
   file.identity_known = true;
-  file.descriptor = open_for_inspection(file.path);
-  require(bool(file.descriptor), "unsafe_path", "Cannot inspect owned partial file identity");
+  file.open_for_inspection("Cannot inspect owned partial file identity");
   file.require_in_bounds(0, "Owned partial file identity or bounds changed");
 }
 
 FileReservation AllocatedFile::inspect_file(const fs::path& path) {
-  Impl file;
+  OpenReservation file;
   file.path = fs::absolute(path);
-  file.descriptor = open_for_inspection(file.path);
-  require(bool(file.descriptor), "unsafe_path", "Cannot inspect cache file identity");
+  file.open_for_inspection("Cannot inspect cache file identity");
   file.size = file.inspect();
   file.require_path("Cache file changed during inspection");
   return file;
@@ -259,9 +225,11 @@ void AllocatedFile::discard() {
   impl_->owned = true;
   impl_->descriptor.reset();
   impl_->require_path("Partial path changed before disposal");
-  if (!impl_->remove())
+  const int error = impl_->remove();
+  require(error != ESTALE, changed, "Partial path changed before disposal");
+  if (error != 0)
     throw fs::filesystem_error("cannot remove", impl_->path,
-                               std::error_code(errno, std::generic_category()));
+                               std::error_code(error, std::generic_category()));
   impl_->owned = false;
   sync_directory(impl_->path.parent_path());
 }

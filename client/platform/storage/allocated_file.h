@@ -6,20 +6,9 @@
 #include <string_view>
 
 #include "domain/progress.h"
+#include "platform/storage/file_reservation.h"
 
 namespace tavro {
-
-/// The record by which a reserved file is handed over between objects and processes.
-struct FileReservation {
-  /// Absolute.
-  std::filesystem::path path;
-  /// The size that was asked for, in bytes.
-  unsigned long long size = 0;
-  unsigned long long device = 0;
-  unsigned long long inode = 0;
-  /// Storage of `size` bytes was reserved; false on a file system that cannot reserve.
-  bool allocated = false;
-};
 
 /// The write target of every large file: created exclusively and private, reserved at full size
 /// before the work, and proved at each step to be still what its path names. A file that was

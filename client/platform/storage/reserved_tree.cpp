@@ -10,6 +10,7 @@
 #include "domain/error.h"
 #include "platform/files/directory_commit.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/held_directory.h"
 #include "platform/files/managed_tree.h"
 #include "platform/files/private_storage.h"
 #include "platform/files/safe_path.h"
@@ -71,6 +72,8 @@ Directories implied_directories(const SnapshotManifest& manifest) {
 bool is_reserved_file(const SnapshotManifest& manifest, const struct stat& node,
                       std::string_view relative) {
   if (!S_ISREG(node.st_mode) || node.st_nlink != 1) return false;
+  // A kill during the removal of one of these files leaves it so.
+  if (posix_files::is_set_aside(relative.substr(relative.rfind('/') + 1))) return true;
   const auto declared = manifest.files.find(std::string(relative));
   return declared != manifest.files.end() &&
          static_cast<unsigned long long>(node.st_size) <= declared->second.length;
@@ -178,7 +181,8 @@ bool ready_tree(const SnapshotManifest& manifest, const fs::path& root,
 void dispose_install_root(const fs::path& root, const TreeIdentity& identity, bool present) {
   if (present) {
     require_identity(root, identity, "Prepared directory changed before disposal");
-    remove_plain_tree(root);
+    require(remove_identified_tree(root, identity), changed,
+            "Prepared directory changed before disposal");
   }
   sync_directory(root.parent_path());
 }

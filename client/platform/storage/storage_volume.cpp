@@ -44,8 +44,12 @@ void StorageVolume::validate() const {
 
 StorageVolume inspect_storage_volume(const std::filesystem::path& directory) {
   std::error_code ignored;
+  // A separator at the end would lead through a link.
+  const auto itself = directory.has_filename() || directory == directory.root_path()
+                          ? directory
+                          : directory.parent_path();
   require(directory.is_absolute() && std::filesystem::is_directory(directory, ignored) &&
-              !std::filesystem::is_symlink(directory, ignored),
+              !std::filesystem::is_symlink(itself, ignored),
           "unsafe_path", "Storage needs an ordinary absolute directory");
   const auto space = std::filesystem::space(directory);
   struct stat status {};

@@ -3,6 +3,7 @@
 #include <archive_entry.h>
 
 #include "platform/files/managed_tree.h"
+#include "platform/files/snapshot_retirement.h"
 #include "support/fail_nth_call.h"
 #include "support/snapshot_archive.h"
 

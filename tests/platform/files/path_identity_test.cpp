@@ -1,7 +1,10 @@
 #include "platform/files/path_identity.h"
 
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/testing.h"
 
@@ -99,6 +102,26 @@ TEST_F(PathIdentity, IsTheSameThroughEveryMountOfTheVolume) {
   EXPECT_TRUE(mounted(first, second, MS_BIND));
   EXPECT_EQ(key(second / "x"), one);
   for (const auto& path : {bound, first, second}) umount2(path.c_str(), MNT_DETACH);
+}
+
+// The table of mounts does not show the one that holds such a root.
+TEST_F(PathIdentity, IsToldInARootThatIsNoMount) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only the superuser can enter another root";
+  fs::create_directories(at / "proc"), fs::create_directories(at / "data");
+  int status = 0;
+  if (::fork() == 0) {
+    const bool entered = ::unshare(CLONE_NEWNS) == 0 &&
+                         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                         ::mount("/proc", (at / "proc").c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+                         ::chroot(at.c_str()) == 0 && ::chdir("/") == 0;
+    std::string first, second;
+    const std::string failure = failure_of([&] { first = key("/data/x"), second = key("/data"); });
+    if (entered && !failure.empty()) std::fprintf(stderr, "%s\n", failure.c_str());
+    ::_exit(!entered ? 2 : path_identity::at_or_below(first, second) && first != second ? 0 : 1);
+  }
+  ::wait(&status);
+  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "may not enter another root";
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace tavro::path_identity_test

@@ -6,6 +6,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "support/fail_nth_call.h"
 
 namespace tavro::posix_files_test {
@@ -104,11 +107,34 @@ TEST_F(PrivateStorage, CreatesAChainOnlyBelowPlainDirectories) {
   std::ofstream(at / "file") << "x";
   for (const auto* bad : {"link", "link/new", "file", "file/new"})
     EXPECT_EQ(refused(at / bad), "unsafe_path: Linux directory ancestry is missing or linked");
+  for (const int error : {EEXIST, ENOSPC}) {
+    const FailNthCall strike(1, error, Fault::fail, "mkdirat");
+    const std::string told = refused(at / "b");
+    EXPECT_EQ(told.substr(0, told.find(':', 40)),
+              error == EEXIST ? "unsafe_path: Linux directory ancestry is missing or linked"
+                              : "permissions: Cannot reserve a new Linux private directory");
+    EXPECT_EQ(told.find((at / "b").string() + ": No space left on device (28); free") != told.npos,
+              error == ENOSPC);
+  }
   EXPECT_EQ(refused(at / "a/../b"), "unsafe_path: Linux private directory cannot traverse parents");
   fs::path deep = at;
   while (std::distance(deep.begin(), deep.end()) <= 128) deep /= "d";
   private_directory(deep);
   EXPECT_EQ(refused(deep / "d"), "size_limit: Linux directory ancestry exceeds its bound");
+}
+
+TEST_F(PrivateStorage, CreatesOneChainHoweverManyAskForIt) {
+  std::atomic<int> failed = 0;
+  for (int round = 0; round < 25; ++round) {
+    std::vector<std::thread> callers(8);
+    for (auto& caller : callers)
+      caller = std::thread([&, round] {
+        if (!code_of([&] { private_directory(at / std::to_string(round) / "a/b"); }).empty())
+          ++failed;
+      });
+    for (auto& caller : callers) caller.join();
+  }
+  EXPECT_EQ(failed, 0);
 }
 
 TEST_F(PrivateStorage, CompletesAChainWhereverItWasStopped) {

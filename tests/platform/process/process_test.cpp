@@ -59,7 +59,8 @@ TEST_F(Process, RefusesByItsRulesAndLeavesNoProcessThatWasNotRecorded) {
       {[&] { arguments.assign(9, full); }, "argument_limit: Launch arguments"},
       {[&] { arguments[0] = std::string(1, '\0'); }, "argument_limit: Launch argument is"},
       {[&] { create_directory_symlink("/usr", directory /= "link"); }, "launch_directory"},
-      {[&] { image = directory; }, "launch_executable"}};
+      {[&] { image = directory; }, "launch_executable"},
+      {[&] { image = "/usr/bin/bash" + std::string(1, '\0') + "x"; }, "launch_executable"}};
   for (const auto& [damage, refusal] : rows)
     EXPECT_EQ((damage(), failure().substr(0, refusal.size())), refusal);
   EXPECT_FAILURE(exec_process("/etc/passwd", {}, folder.path(), {}),
@@ -92,7 +93,6 @@ TEST_F(Process, PassesArgumentsAndTheEnvironmentOnByTheirRules) {
 
 // Also when it was itself started without some of them, and its channels get their numbers.
 TEST_F(Process, GivesItsChildTheStandardStreamsAndTheChannelAndNothingElse) {
-  for (int foreign = 3; foreign < 1024; ++foreign) ::fcntl(foreign, F_SETFD, FD_CLOEXEC);
   arguments = {"-c",
                "for n in {0..1023}; do fd=/proc/$$/fd/$n; [ -e $fd ] || continue\n"
                "[ 1:$n = \"$TAVRO_LAUNCHER_INTERRUPT_READER\" ] && n=channel\n"
@@ -104,6 +104,7 @@ TEST_F(Process, GivesItsChildTheStandardStreamsAndTheChannelAndNothingElse) {
     control = ChildControl(controlled), streams = ChildStreams(controlled);
     const int status = in_a_copy([&] {
       ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+      for (const int inherited_unmarked : {3, 9, 1000}) ::dup2(STDOUT_FILENO, inherited_unmarked);
       for (const int stream : {0, 1, 2})
         if (closed(stream)) ::close(stream);
       return start().wait({});

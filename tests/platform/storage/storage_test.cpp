@@ -25,7 +25,8 @@ TEST(Storage, InspectsOnlyAnOrdinaryDirectory) {
   const TempFolder folder;
   EXPECT_NO_THROW(inspect_storage_volume(folder.path()));
   std::filesystem::create_directory_symlink(".", folder.path() / "link");
-  EXPECT_EQ(code_of([&] { inspect_storage_volume(folder.path() / "link"); }), "unsafe_path");
+  for (const char* link : {"link", "link/"})
+    EXPECT_EQ(code_of([&] { inspect_storage_volume(folder.path() / link); }), "unsafe_path");
 }
 
 TEST(StoragePlan, ChargesWholeUnitsAUnitForEachEntryAndTheDownloadThatIsMissing) {

@@ -1,0 +1,204 @@
+#include "games/game_install.h"
+
+#include <nlohmann/json.hpp>
+
+#include <exception>
+#include <utility>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "platform/archives/snapshot.h"
+#include "platform/files/directory_commit.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/safe_path.h"
+#include "platform/host/system_calls.h"
+#include "platform/storage/install_preparation.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+GameVersion version_of(const json& document) {
+  return GameVersion::parse(document.at("reference"));
+}
+
+Progress in_phase(const GameProgress& progress, std::string_view phase) {
+  return [&progress, phase](auto done, auto total) {
+    return !progress || progress(phase, done, total);
+  };
+}
+
+}  // namespace
+
+std::optional<GameVersion> GameInstall::staged() const {
+  const json ready = writer_.document(writer_.paths().ready);
+  if (ready.is_null()) return std::nullopt;
+  validate_install_ready(ready);
+  return version_of(ready);
+}
+
+void GameInstall::settle() {
+  try {
+    settle_documents();
+  } catch (const Error& error) {
+    fail_about(error, writer_.paths().staging);
+  }
+  writer_.sweep(false);
+}
+
+void GameInstall::settle_documents() {
+  const json preparation = writer_.document(writer_.paths().preparation);
+  const auto version = staged();
+  // That of the staged build itself only waits to be dropped; a repair beside it has its own.
+  if (!preparation.is_null() && (!version || version_of(preparation) != *version))
+    settle_preparation(preparation);
+  if (version) settle_ready(*version);
+}
+
+void GameInstall::settle_preparation(const json& preparation) {
+  validate_install_preparation(preparation, nullptr);
+  const GameVersion version = version_of(preparation);
+  const GamePaths& paths = writer_.paths();
+  const fs::path tree = paths.staged(version.version);
+  // A folder that came into being and was not recorded any more is empty; only such a one goes.
+  if (preparation.at("staging_identity").is_null())
+    retried([&] { return system_calls().rmdir(tree.c_str()); });
+  if (bears_name(tree) || bears_name(paths.manifest(version.manifest_ref))) {
+    cleanup_prepared_install(writer_.manifest(version), preparation, tree,
+                             paths.version(version.version));
+    writer_.drop_manifest(version.manifest_ref);
+  }
+  writer_.drop(paths.preparation);
+}
+
+void GameInstall::settle_ready(const GameVersion& version) {
+  const GamePaths& paths = writer_.paths();
+  if (writer_.record.active == version) return finish_activation(version);
+  if (bears_name(paths.version(version.version))) return record_activation(version);
+  writer_.drop(paths.preparation);
+  if (!bears_name(paths.staged(version.version))) discard();
+}
+
+GamePlan GameInstall::plan(const GameRelease& release) const {
+  const GameArchive archive(release.manifest, release.manifest_ref);
+  const auto on_disk = GameDownloads(writer_).allocated(archive.target());
+  return plan_game_files(release.manifest, release.manifest, archive.target(), on_disk,
+                         writer_.paths().staging);
+}
+
+/// A stage that stood for a while is proved again; one that was damaged makes room for a new one.
+bool GameInstall::has_sound_stage(const GameRelease& release) {
+  const auto version = staged();
+  if (!version) return false;
+  try {
+    if (version->manifest_ref == release.manifest_ref) {
+      verify_snapshot_tree(release.manifest, writer_.paths().staged(version->version),
+                           in_phase(progress_, "verifying"));
+      return true;
+    }
+  } catch (const Error& error) {
+    if (error.code == "cancelled") throw;
+  }
+  discard();
+  return false;
+}
+
+void GameInstall::stage(TufClient& tuf, const GameRelease& release) {
+  if (!has_sound_stage(release)) bring_in(tuf, release);
+  GameDownloads(writer_).forget();
+}
+
+void GameInstall::bring_in(TufClient& tuf, const GameRelease& release) {
+  GameArchive archive(release.manifest, release.manifest_ref);
+  archive.require_published(tuf);
+  require_room(plan(release), release.manifest.game_id);
+  const GamePaths& paths = writer_.paths();
+  const GameVersion version{random_id(), release.manifest.build_id, release.manifest_ref,
+                            release.manifest_target};
+  require_path_room(paths.root, paths.version(version.version),
+                    release.manifest.longest_native_path());
+  with_tree(version, release.manifest, release.manifest, [&](ReservedTree& tree) {
+    GameDownloads downloads(writer_);
+    archive.fetch(tuf, downloads, progress_);
+    archive.extract(release.manifest, tree, progress_);
+    const json ready =
+        make_install_ready(release.manifest, version.to_json(), paths.versions, tree);
+    atomic_write(paths.ready, ready.dump());
+  });
+}
+
+void GameInstall::with_tree(const GameVersion& version, const GameManifest& manifest,
+                            const SnapshotManifest& part,
+                            const std::function<void(ReservedTree&)>& use) {
+  const GamePaths& paths = writer_.paths();
+  json preparation = make_install_preparation(manifest, version.to_json(), paths.versions);
+  atomic_write(paths.preparation, preparation.dump());
+  try {
+    writer_.keep_manifest(manifest);
+    ReservedTree tree(part, paths.staged(version.version), in_phase(progress_, "reserving"),
+                      [&](const TreeIdentity& identity) {
+                        record_install_preparation(preparation, identity);
+                        atomic_write(paths.preparation, preparation.dump());
+                      });
+    use(tree);
+  } catch (...) {
+    // The space is given back at once where that works; the next call does it otherwise.
+    try {
+      settle();
+    } catch (const std::exception&) {
+    }
+    throw;
+  }
+  settle();
+}
+
+void GameInstall::activate() {
+  const auto version = staged();
+  require(version.has_value(), "not_staged", "No build of this game waits to be activated");
+  const GamePaths& paths = writer_.paths();
+  commit_private_path_new(paths.staged(version->version), paths.version(version->version), {});
+  sync_directory(paths.staging);
+  sync_directory(paths.versions);
+  record_activation(*version);
+}
+
+void GameInstall::record_activation(const GameVersion& version) {
+  GameRecord& record = writer_.record;
+  require(record.retired.size() < kMaxRetiredVersions, "game_storage_full",
+          "Too many old builds of this game could not be taken away; see its versions folder");
+  if (record.previous) record.retired.push_back(*record.previous);
+  record.previous = std::exchange(record.active, version);
+  record.preload.reset();
+  record.deferral.reset();
+  writer_.save();
+  finish_activation(version);
+}
+
+void GameInstall::finish_activation(const GameVersion& version) {
+  const GamePaths& paths = writer_.paths();
+  cleanup_ready_install(writer_.manifest(version), writer_.document(paths.ready),
+                        paths.staged(version.version), paths.version(version.version), true);
+  writer_.drop(paths.preparation);
+  writer_.drop(paths.ready);
+  GameDownloads(writer_).forget();
+  writer_.sweep(false);
+}
+
+void GameInstall::discard() {
+  const GamePaths& paths = writer_.paths();
+  const auto version = staged();
+  if (version && bears_name(paths.manifest(version->manifest_ref)))
+    cleanup_ready_install(writer_.manifest(*version), writer_.document(paths.ready),
+                          paths.staged(version->version), paths.version(version->version), false);
+  GameDownloads(writer_).forget();
+  const bool was_recorded = writer_.record.preload.has_value();
+  writer_.record.preload.reset();
+  if (version) writer_.drop_manifest(version->manifest_ref);
+  if (was_recorded) writer_.save();
+  // The document goes last: until then it explains the others.
+  writer_.drop(paths.preparation);
+  writer_.drop(paths.ready);
+}
+
+}  // namespace tavro

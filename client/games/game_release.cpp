@@ -1,0 +1,123 @@
+#include "games/game_release.h"
+
+#include <nlohmann/json.hpp>
+
+#include <utility>
+#include <vector>
+
+#include "domain/crypto.h"
+#include "domain/error.h"
+#include "domain/identifier.h"
+#include "domain/input.h"
+#include "games/game_store.h"
+#include "platform/files/durable_files.h"
+#include "platform/files/file_locks.h"
+#include "platform/files/running_files.h"
+#include "platform/files/safe_path.h"
+#include "platform/host/native_platform.h"
+#include "platform/host/system_calls.h"
+#include "tuf/metadata.h"
+#include "tuf/tuf.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t cache_entries = 4096;
+
+/// A killed transfer leaves its partial file, which no later one goes on with.
+void drop_partial_files(const fs::path& folder, const std::string& final_name) {
+  std::error_code ignored;
+  if (!fs::is_directory(folder, ignored)) return;
+  std::vector<fs::path> dead;
+  std::size_t entries = 0;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    require(++entries <= cache_entries, "size_limit", "The cache of game offers holds too much");
+    if (!nonce_between(path_utf8(entry.path().filename()), final_name, ".partial").empty())
+      dead.push_back(entry.path());
+  }
+  for (const fs::path& path : dead) native_files::remove_or_trash(path, {});
+}
+
+}  // namespace
+
+GameOffers::GameOffers(fs::path data_root, TufClient& tuf)
+    : cache_(std::move(data_root) / "game-offers"), tuf_(tuf) {}
+
+std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
+                              const std::string& meaning, bool keep) {
+  json description;
+  try {
+    description = tuf_.target(target);
+  } catch (const Error& error) {
+    if (error.code != "target_not_found") throw;
+    fail(missing, meaning);
+  }
+  const auto bytes = length(description);
+  require(bytes <= most, "size_limit",
+          [&] { return "The repository's file is too large: " + target; });
+  private_directory(cache_);
+  const FileLock lock(cache_ / "offers.lock", false, LockMode::exclusive);
+  const fs::path file = safe_join(cache_, target, true);
+  drop_partial_files(file.parent_path(), path_utf8(file.filename()));
+  tuf_.download(target, cache_, {}, {}, {});
+  std::string text = read_file(file, most);
+  require(text.size() == bytes, "content_mismatch", "The cache of game offers changed meanwhile");
+  if (keep) return text;
+  native_files::remove_or_trash(file, {});
+  for (fs::path empty = file.parent_path(); empty != cache_; empty = empty.parent_path())
+    if (retried([&] { return system_calls().rmdir(empty.c_str()); }) != 0) break;
+  return text;
+}
+
+GameCatalog GameOffers::catalog() {
+  const std::string platform(native_platform());
+  const std::string text =
+      fetch(game_catalog_target(platform), kMaxCatalogBytes, "catalog_not_published",
+            "The repository publishes no games for " + platform, true);
+  GameCatalog catalog = GameCatalog::parse(parse_json(text, kMaxCatalogBytes));
+  require(catalog.platform == platform, "catalog_mismatch",
+          "The game catalogue is that of another platform");
+  return catalog;
+}
+
+GameRelease GameOffers::release(const std::string& game_id, const std::string& name) {
+  const std::string platform(native_platform());
+  const std::string target = game_manifest_target(game_id, platform, name);
+  const std::string text =
+      fetch(target, kMaxGameManifestBytes, "game_not_published",
+            "The repository publishes no such build: " + game_id + ", " + name, false);
+  constexpr std::size_t digest_characters = 64;
+  require(!is_lower_hex(name, digest_characters) || digest(text, "sha256") == name,
+          "content_mismatch", "The repository's manifest is not that of the build asked for");
+  GameRelease release{GameManifest::parse(parse_json(text, kMaxGameManifestBytes)),
+                      {},
+                      digest(text, "sha256"),
+                      target};
+  require(release.manifest.game_id == game_id, "content_mismatch",
+          "The repository's manifest is that of another game");
+  require(release.manifest.platform == platform, "platform_mismatch",
+          "The repository's manifest is for another platform");
+  release.manifest_ref = manifest_reference(release.manifest);
+  return release;
+}
+
+void require_as_listed(const GameCatalog& catalog, std::string_view channel,
+                       const GameRelease& release) {
+  const GameManifest& manifest = release.manifest;
+  const auto game = catalog.games.find(manifest.game_id);
+  if (game == catalog.games.end()) return;
+  const auto listed = game->second.channels.find(channel);
+  if (listed == game->second.channels.end()) return;
+  const bool true_words = game->second.display_name == manifest.display_name &&
+                          listed->second.build_id == manifest.build_id &&
+                          listed->second.manifest_sha256 == release.manifest_sha256 &&
+                          listed->second.download_length == game_download_length(manifest) &&
+                          listed->second.installed_length == manifest.expanded_length;
+  require(true_words, "catalog_mismatch", [&] {
+    return "The game catalogue and the manifest contradict each other: " + manifest.game_id;
+  });
+}
+
+}  // namespace tavro

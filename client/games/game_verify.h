@@ -1,0 +1,37 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "documents/game_manifest.h"
+#include "domain/progress.h"
+
+namespace tavro {
+
+/// How a tree differs from its manifest. The lists hold the first `kListedDifferences` relative
+/// paths of each kind; the counts are exact.
+inline constexpr std::size_t kListedDifferences = 1000;
+struct GameDifferences {
+  std::vector<std::string> damaged;
+  std::vector<std::string> missing;
+  /// What the manifest does not know, or what is no file where it wants one. It belongs to
+  /// somebody.
+  std::vector<std::string> foreign;
+  unsigned long long damaged_count = 0;
+  unsigned long long missing_count = 0;
+  unsigned long long foreign_count = 0;
+
+  /// Every file of the manifest is there and right; others do no harm.
+  bool is_sound() const { return damaged_count == 0 && missing_count == 0; }
+  /// All files to be brought anew, of which there may be more than are listed.
+  std::vector<std::string> to_repair;
+};
+
+/// Compares every file, by its length, digest and owner's execute permission. Folders that only
+/// hold other folders are not looked at. Throws `unsafe_path` when `root` is missing or a link,
+/// `size_limit` beyond 250000 entries, `cancelled`, `file_read`.
+GameDifferences compare_game_files(const SnapshotManifest& manifest,
+                                   const std::filesystem::path& root, const Progress& progress);
+
+}  // namespace tavro

@@ -1,0 +1,184 @@
+#include "installation/shortcut_recovery.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <system_error>
+
+#include "domain/error.h"
+#include "domain/input.h"
+#include "installation/data_folder.h"
+#include "installation/ledger_file.h"
+#include "installation/own_files.h"
+#include "platform/files/running_files.h"
+#include "platform/shortcuts/shortcuts.h"
+
+namespace tavro {
+namespace {
+
+namespace fs = std::filesystem;
+using ledger_file::Entries;
+
+constexpr std::size_t ledger_bytes = 262144;
+constexpr std::size_t shortcut_bytes = 65536;
+constexpr std::string_view launcher_suffix = "launcher";
+constexpr std::string_view game_prefix = "game-";
+
+/// Whether a later version has written the ledger; that version is the one to read it.
+bool is_newer(const fs::path& ledger) {
+  try {
+    const json document = parse_json(read_file(ledger, ledger_bytes), ledger_bytes);
+    const auto version = document.find("schema_version");
+    return version != document.end() && version->is_number_integer() && *version > 1;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool is_readable(const fs::path& root) {
+  try {
+    ledger_file::read(root);
+    return true;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+/// What the names of all shortcuts of this data folder begin with.
+std::string name_start(const fs::path& root) {
+  std::string name = native_menu_entry(root, {}, {}).stem().native();
+  name.resize(name.size() - launcher_suffix.size());
+  return name;
+}
+
+/// The game in the name of a shortcut of this folder, empty for the launcher; nothing for others.
+std::optional<std::string> game_of(const fs::path& path, const std::string& start) {
+  const std::string name = path.stem().native();
+  if (path.extension() != native_shortcut_extension() || !name.starts_with(start))
+    return std::nullopt;
+  const std::string rest = name.substr(start.size());
+  if (rest == launcher_suffix) return std::string();
+  if (!rest.starts_with(game_prefix)) return std::nullopt;
+  return rest.substr(game_prefix.size());
+}
+
+std::optional<DesktopShortcut> read_shortcut(const fs::path& path) {
+  try {
+    return read_native_shortcut(read_file(path, shortcut_bytes));
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+/// The entry of a file that has exactly the bytes that this installation writes.
+std::optional<OwnedShortcut> proved(const fs::path& path, const std::string& game,
+                                    const fs::path& root, const fs::path& executable) {
+  auto shortcut = read_shortcut(path);
+  if (!shortcut) return std::nullopt;
+  shortcut->executable = executable;
+  shortcut->data_root = root;
+  shortcut->game = game;
+  try {
+    const std::string text = native_shortcut_text(*shortcut);
+    if (!ledger_file::holds(path, text)) return std::nullopt;
+    return ledger_file::entry_of(*shortcut, path, text);
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+bool is_recorded(const Entries& entries, const fs::path& path) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [&](const auto& entry) { return entry.path == path_utf8(path); });
+}
+
+/// The program of an unchanged shortcut that leads out of this folder.
+std::optional<fs::path> program_elsewhere(const OwnedShortcut& entry, const fs::path& root) {
+  try {
+    if (!ledger_file::unchanged(entry)) return std::nullopt;
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+  const auto shortcut = read_shortcut(path_from_utf8(entry.path));
+  if (!shortcut || within(shortcut->executable, root)) return std::nullopt;
+  return shortcut->executable;
+}
+
+Entries entries_elsewhere(const fs::path& root) {
+  Entries entries = ledger_file::read(root);
+  std::erase_if(entries, [&](const auto& entry) { return !program_elsewhere(entry, root); });
+  return entries;
+}
+
+/// Takes such entries out of the ledger, and their files away where they lead nowhere.
+void release_elsewhere(const fs::path& root) {
+  const FileLock lock = ledger_file::lock(root);
+  Entries kept;
+  for (const auto& entry : ledger_file::read(root)) {
+    const auto program = program_elsewhere(entry, root);
+    if (!program)
+      kept.push_back(entry);
+    else if (!stands(*program))
+      native_files::remove_or_trash(path_from_utf8(entry.path), {});
+  }
+  ledger_file::write(root, kept);
+}
+
+}  // namespace
+
+std::string set_aside_damaged_ledger(const fs::path& root) {
+  const fs::path ledger = ledger_file::path_in(root);
+  const FileLock lock = ledger_file::lock(root);
+  if (is_readable(root) || is_newer(ledger)) return {};
+  return path_utf8(ledger) + " could not be read and was set aside as " +
+         path_utf8(set_aside(ledger).filename());
+}
+
+std::vector<fs::path> named_for(const fs::path& root) {
+  const std::string start = name_start(root);
+  std::vector<fs::path> found;
+  const fs::path menu = native_menu_directory();
+  if (!stands(menu)) return found;
+  for (const auto& path : children(menu))
+    if (game_of(path, start)) found.push_back(path);
+  return found;
+}
+
+FoundShortcuts adopt_native_shortcuts(const fs::path& root, const fs::path& executable) {
+  FoundShortcuts found;
+  const std::string start = name_start(root);
+  const std::vector<fs::path> standing = named_for(root);
+  if (standing.empty()) return found;
+  const FileLock lock = ledger_file::lock(root);
+  Entries entries = ledger_file::read(root);
+  for (const auto& path : standing) {
+    if (is_recorded(entries, path)) continue;
+    auto entry = proved(path, *game_of(path, start), root, executable);
+    if (entry && entries.size() < ledger_file::max_shortcuts) {
+      entries.push_back(*std::move(entry));
+      found.adopted.push_back(path);
+    } else {
+      found.unknown.push_back(path);
+    }
+  }
+  if (!found.adopted.empty()) ledger_file::write(root, entries);
+  return found;
+}
+
+std::vector<fs::path> follow_moved_folder(const fs::path& root, const fs::path& executable) {
+  const Entries moved = entries_elsewhere(root);
+  if (moved.empty()) return {};
+  std::vector<fs::path> made;
+  // The new ones first: a crash leaves both, and the next repair ends it.
+  for (const auto& entry : moved) {
+    const fs::path path = native_menu_entry(root, entry.game, entry.name);
+    create_owned_native_shortcut({executable, root, entry.game, entry.name}, path);
+    made.push_back(path);
+  }
+  release_elsewhere(root);
+  return made;
+}
+
+}  // namespace tavro
