@@ -1,5 +1,6 @@
 #include "publisher/assembly.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -48,7 +49,7 @@ Assembly::Assembly(const std::filesystem::path& place, std::string_view guard)
   require_absent(place_);
   folder_ += ".partial-" + random_id();
   if (!guard.empty()) guard_ = folder_ / guard;
-  if (system_calls().mkdir(folder_.c_str(), public_folder_mode) != 0)
+  if (system_calls().mkdirat(AT_FDCWD, folder_.c_str(), public_folder_mode) != 0)
     folder_failure(errno, folder_);
   try {
     if (!guard.empty()) create_document(guard_, guard_text);
@@ -70,7 +71,7 @@ void Assembly::publish(const std::function<void(const std::filesystem::path& fol
                         "Cannot remove the guard file " + path_utf8(guard_));
   sync_directory(folder_);
   check(folder_);
-  if (host::rename_new(folder_.c_str(), place_.c_str()) != 0) {
+  if (host::rename_new(AT_FDCWD, folder_.c_str(), AT_FDCWD, place_.c_str()) != 0) {
     const int error = errno;
     require_absent(place_);
     folder_failure(error, place_);

@@ -37,7 +37,7 @@ constexpr unsigned long max_served_entries = 250000;
 }
 
 void make_folder(const fs::path& path) {
-  if (system_calls().mkdir(path.c_str(), public_folder_mode) != 0 && errno != EEXIST)
+  if (system_calls().mkdirat(AT_FDCWD, path.c_str(), public_folder_mode) != 0 && errno != EEXIST)
     write_failure(path);
 }
 
@@ -253,7 +253,7 @@ std::size_t remove_served(const fs::path& repository,
             [&] { return "Cannot remove " + path_utf8(path); });
   // Children stand behind their parents; a folder that is not empty stays.
   for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder)
-    system_calls().rmdir(folder->c_str());
+    system_calls().unlinkat(AT_FDCWD, folder->c_str(), AT_REMOVEDIR);
   return unwanted.size();
 }
 

@@ -1,5 +1,7 @@
 #include "publisher/repository.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -64,7 +66,7 @@ void require_portable(const std::string& path) {
 void make_served_folders(const fs::path& repository) {
   fs::path folder = repository;
   for (const char* name : {"public", "tuf", "metadata"})
-    if (system_calls().mkdir((folder /= name).c_str(), 0755) != 0)
+    if (system_calls().mkdirat(AT_FDCWD, (folder /= name).c_str(), 0755) != 0)
       transaction_failure(static_cast<unsigned long>(errno), "Cannot make a served folder");
 }
 

@@ -20,6 +20,12 @@
 #ifndef TAVRO_GAME_H
 #define TAVRO_GAME_H
 
+/* A strict C99 compiler shows what the implementation calls only when it is asked to. */
+#if defined(TAVRO_GAME_IMPLEMENTATION) && defined(__STRICT_ANSI__) && !defined(_GNU_SOURCE) && \
+    !defined(_DEFAULT_SOURCE) && !defined(_POSIX_C_SOURCE)
+#define _POSIX_C_SOURCE 200809L
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

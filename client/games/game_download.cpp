@@ -1,5 +1,6 @@
 #include "games/game_download.h"
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
@@ -185,7 +186,9 @@ void GameDownloads::remove_files(const json& entry) const {
   sync_directory(folder);
   // Folders that nothing needs any more; one that holds something else stays.
   for (fs::path empty = folder; empty != directory; empty = empty.parent_path())
-    if (retried([&] { return system_calls().rmdir(empty.c_str()); }) != 0) break;
+    if (retried([&] { return system_calls().unlinkat(AT_FDCWD, empty.c_str(), AT_REMOVEDIR); }) !=
+        0)
+      break;
 }
 
 }  // namespace tavro

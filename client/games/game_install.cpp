@@ -1,5 +1,6 @@
 #include "games/game_install.h"
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 
 #include <exception>
@@ -63,7 +64,7 @@ void GameInstall::settle_preparation(const json& preparation) {
   const fs::path tree = paths.staged(version.version);
   // A folder that came into being and was not recorded any more is empty; only such a one goes.
   if (preparation.at("staging_identity").is_null())
-    retried([&] { return system_calls().rmdir(tree.c_str()); });
+    retried([&] { return system_calls().unlinkat(AT_FDCWD, tree.c_str(), AT_REMOVEDIR); });
   if (bears_name(tree) || bears_name(paths.manifest(version.manifest_ref))) {
     cleanup_prepared_install(writer_.manifest(version), preparation, tree,
                              paths.version(version.version));

@@ -1,5 +1,6 @@
 #include "games/game_release.h"
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 
 #include <utility>
@@ -42,8 +43,8 @@ void drop_partial_files(const fs::path& folder, const std::string& final_name) {
 
 }  // namespace
 
-GameOffers::GameOffers(fs::path data_root, TufClient& tuf)
-    : cache_(std::move(data_root) / "game-offers"), tuf_(tuf) {}
+GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf)
+    : cache_(data_root / "game-offers"), tuf_(tuf) {}
 
 std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
                               const std::string& meaning, bool keep) {
@@ -67,7 +68,9 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most, std::
   if (keep) return text;
   native_files::remove_or_trash(file, {});
   for (fs::path empty = file.parent_path(); empty != cache_; empty = empty.parent_path())
-    if (retried([&] { return system_calls().rmdir(empty.c_str()); }) != 0) break;
+    if (retried([&] { return system_calls().unlinkat(AT_FDCWD, empty.c_str(), AT_REMOVEDIR); }) !=
+        0)
+      break;
   return text;
 }
 

@@ -29,7 +29,7 @@ struct GameRelease {
 /// catalogue stays there. Throws `busy` while another process of this folder asks.
 class GameOffers {
  public:
-  GameOffers(std::filesystem::path data_root, TufClient& tuf);
+  GameOffers(const std::filesystem::path& data_root, TufClient& tuf);
 
   /// Throws `catalog_not_published`, `catalog_mismatch` (for another platform), `size_limit` before
   /// a byte of it is taken, and the codes of `GameCatalog::parse` and of the client.

@@ -1,5 +1,7 @@
 #include "games/game_removal.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <memory>
 
@@ -36,7 +38,7 @@ void require_none_runs(const GameWriter& writer) {
 }
 
 void remove_if_empty(const fs::path& folder) {
-  retried([&] { return system_calls().rmdir(folder.c_str()); });
+  retried([&] { return system_calls().unlinkat(AT_FDCWD, folder.c_str(), AT_REMOVEDIR); });
 }
 
 std::vector<std::string> left_versions(const fs::path& versions) {

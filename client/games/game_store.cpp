@@ -15,6 +15,7 @@
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
+#include "platform/files/snapshot_retirement.h"
 #include "platform/files/torn_write.h"
 #include "platform/host/native_platform.h"
 

@@ -8,6 +8,7 @@
 #include "domain/input.h"
 #include "domain/json.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/running_files.h"
 
 namespace tavro {
 namespace {

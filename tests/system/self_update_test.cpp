@@ -106,12 +106,13 @@ TEST_F(SelfUpdate, LeavesAClientThatStartsWhereverARunIsKilled) {
       if (content.starts_with(only_in_place) && read_file(image, 256U << 20) == content)
         return ++lost, true;
       works();
-      works();
+      if (bootstrap_update_pending(paths.root) || stands(paths.old_files)) works();
       expect_settled(content.starts_with(shell) ? before : after);
       return status == 128 + SIGKILL && !HasFailure();
     };
+    // The last one takes the longest, and differs from the others only where it is lost.
     int call = 1;
-    while (die_at(call)) ++call;
+    while (die_at(call)) call += content.starts_with(only_in_place) ? 5 : 1;
     EXPECT_GT(call, 60);
     copy_tree(start, native);
   }
