@@ -97,9 +97,12 @@ class Cleanup {
 
   static void require_known(const fs::path& record) {
     if (!stands(record)) return;
-    const std::string text = read_file(record, record_bytes);
-    require(text == cleanup_record().dump(), "unsupported_schema",
-            "Unknown launcher cleanup was preserved");
+    const bool known = is_file(record) && fs::file_size(record) <= record_bytes &&
+                       read_file(record, record_bytes) == cleanup_record().dump();
+    require(known, "unsupported_schema", [&] {
+      return "Unknown launcher cleanup was preserved; unless a newer Tavro began it, remove " +
+             path_utf8(record) + " and run self cleanup again";
+    });
   }
 
   // Versions, descriptors and stagings

@@ -77,8 +77,29 @@ void accept_existing_folder(const DataPaths& paths) {
           [] { return branded("Choose an empty folder or an earlier Tavro data folder"); });
 }
 
+/// A link of root's own is followed on the way to the data folder. Below it none is: all that a run
+/// writes would go elsewhere.
+void require_own_native(const fs::path& native) {
+  std::error_code unknown;
+  require(is_absent(native) || fs::is_directory(fs::symlink_status(native, unknown)), "unsafe_path",
+          [&] { return "Not a folder: " + path_utf8(native) + "; move it away and try again"; });
+}
+
+/// As `private_directory`, with a failure that names the folder. It never tells to remove one:
+/// player data may lie in it.
+void make_private(const fs::path& folder) {
+  try {
+    private_directory(folder);
+  } catch (const Error& error) {
+    const std::string message = error.what(), name = path_utf8(folder);
+    if (message.find(name) != message.npos) throw;
+    fail(error.code, message + ": " + name + "; give it to this user alone and try again");
+  }
+}
+
 /// Proves that the command applies to the state of the folder.
 void require_starting_point(const DataPaths& paths, bool repair) {
+  require_own_native(paths.native);
   const bool marked = stands(paths.incomplete_marker);
   const bool complete = stands(paths.installation) && !marked;
   const bool stranger = complete && is_stranger(paths.installation);
@@ -214,7 +235,7 @@ class LockedRun {
     // Another run may have come and gone between the look at the folder and the lock.
     fresh_ = was_absent_ && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
-    private_directory(paths_.native);
+    make_private(paths_.native);
     append(mended_, mend_locks(paths_));
     const NativeFileLock closed =
         wait_for_tavro_closed(paths_, std::chrono::milliseconds(0), cancellation_);
@@ -264,7 +285,7 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
   require_starting_point(paths, request.repair);
 
   // The first change on disk.
-  private_directory(paths.root);
+  make_private(paths.root);
   NativeInstallResult result =
       LockedRun(paths, package, request.repair, was_absent, cancellation).run();
 

@@ -140,6 +140,8 @@ TEST_F(LauncherStaging, SaysWhyACheckInPassingStagesNothing) {
   EXPECT_EQ(stage(true).at("skipped"), "cleanup_pending");
   EXPECT_EQ(code_of([&] { stage(); }), "launcher_cleanup_pending");
   EXPECT_EQ(code_of([&] { clean(); }), "unsupported_schema");
+  fs::remove(child("cleanup.json")), fs::create_directory(child("cleanup.json"));
+  EXPECT_EQ(code_of([&] { clean(); }), "unsupported_schema");
   fs::remove(child("cleanup.json"));
   select("candidate", nullptr);
   select("attempt", {{"nonce", std::string(32, 'a')}, {"reference", first}});

@@ -32,6 +32,8 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
       {[&] { put_file(paths.root / "notes.txt", ""); }, false, foreign},
       {[&] { put_file(paths.installation, "{}"); }, true,
        "unsupported_schema: Installation record is malformed: " + paths.installation.string()},
+      {[&] { put_file(paths.native, "a letter"); }, true,
+       "unsafe_path: Not a folder: " + paths.native.string() + "; move it away and try again"},
       {[&] { at.install(); }, false,
        "already_installed: Tavro is already installed" + in + "; use repair"},
   };
