@@ -17,7 +17,8 @@ constexpr std::string_view record_format = "tavro-launcher-store-v1";
 /// Runs a reader under the words for a record that is not as this client writes it.
 template <typename Reader>
 auto read_record(Reader&& reader) {
-  return read_fields("launcher_state", "Launcher installation record is malformed; it was preserved",
+  return read_fields("launcher_state",
+                     "Launcher installation record is malformed; it was preserved",
                      std::forward<Reader>(reader));
 }
 

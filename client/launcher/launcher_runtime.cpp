@@ -131,8 +131,8 @@ std::unique_ptr<LauncherRuntime> LauncherRuntime::attach(std::string_view build_
   } else {
     start = read_authority(nonce, build_id, interface, ordinary);
   }
-  return std::unique_ptr<LauncherRuntime>(new LauncherRuntime(
-      std::make_unique<State>(std::move(start), interface)));
+  return std::unique_ptr<LauncherRuntime>(
+      new LauncherRuntime(std::make_unique<State>(std::move(start), interface)));
 }
 
 LauncherRuntime::LauncherRuntime(std::unique_ptr<State> state) : state_(std::move(state)) {}

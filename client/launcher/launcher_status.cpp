@@ -31,7 +31,9 @@ std::string failure_sentence(const LauncherFailure& failure) {
 
 std::string probation_sentences(const LauncherStore& store, const LauncherRecord& record) {
   std::string text;
-  const auto add = [&](const std::string& sentence) { text += (text.empty() ? "" : " ") + sentence; };
+  const auto add = [&](const std::string& sentence) {
+    text += (text.empty() ? "" : " ") + sentence;
+  };
   if (record.candidate) add("Build " + record.candidate->build_id + " is tried at the next start.");
   if (record.attempt)
     add("The first start of build " + record.attempt->reference.build_id + " has not ended" +

@@ -45,7 +45,8 @@ bool mend_lock(const fs::path& path) {
   if (!named || !S_ISREG(named->st_mode) || named->st_nlink != 1 || named->st_uid != ::geteuid() ||
       (named->st_mode & posix_files::mode_bits) == lock_mode)
     return false;
-  // A file that its own user may neither read nor write stays: there is no descriptor to mend it by.
+  // A file that its own user may neither read nor write stays: there is no descriptor to mend it
+  // by.
   constexpr int flags = O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
   UniqueFd file = posix_files::open(path, O_RDONLY | flags);
   if (!file) file = posix_files::open(path, O_WRONLY | flags);

@@ -85,8 +85,9 @@ std::unique_ptr<MaintenanceRuntime> prepare_console_maintenance(
     LauncherStore& store, const json& reference, const fs::path& root,
     const std::function<bool()>& cancelled, bool as_json) {
   require(!cancelled || !cancelled(), "cancelled", "Uninstall cancelled");
-  return prepare_console_maintenance(store, present_reference(reference, "Install a verified launcher first"), root, cancelled,
-                                     as_json);
+  return prepare_console_maintenance(
+      store, present_reference(reference, "Install a verified launcher first"), root, cancelled,
+      as_json);
 }
 
 std::unique_ptr<MaintenanceRuntime> prepare_gui_maintenance(const fs::path& root,

@@ -85,7 +85,8 @@ std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(LauncherStore& s
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::prepare(
     LauncherStore& store, const json& reference, std::string_view role, const fs::path& root,
     const MaintenanceProgress& progress) {
-  return prepare(store, present_reference(reference, "Install a verified launcher first"), role, root, progress);
+  return prepare(store, present_reference(reference, "Install a verified launcher first"), role,
+                 root, progress);
 }
 
 std::unique_ptr<MaintenanceRuntime> MaintenanceRuntime::attach(std::string_view, std::string_view) {

@@ -30,12 +30,12 @@ struct LauncherStart {
 ///
 /// A candidate that failed is told on standard error, with how it ended.
 ///
-/// Throws `argument_limit` for arguments that no child takes, before anything is tried; `busy` while
-/// another bootstrap tries a candidate, `launcher_running` while an unfinished
-/// start is still alive, `launcher_startup_timeout` when a failed launcher could not be confirmed
-/// gone, and the failure of the candidate when there is no active version. A disk that cannot be
-/// written is a code of `local_storage_failure`, or `lock_failed`: then no launcher of the attempt
-/// runs, though it may be open still.
+/// Throws `argument_limit` for arguments that no child takes, before anything is tried; `busy`
+/// while another bootstrap tries a candidate, `launcher_running` while an unfinished start is still
+/// alive, `launcher_startup_timeout` when a failed launcher could not be confirmed gone, and the
+/// failure of the candidate when there is no active version. A disk that cannot be written is a
+/// code of `local_storage_failure`, or `lock_failed`: then no launcher of the attempt runs, though
+/// it may be open still.
 std::optional<int> start_candidate(const LauncherStart& start, std::chrono::milliseconds limit);
 
 }  // namespace tavro

@@ -214,8 +214,9 @@ void BootstrapRun::become(const LauncherStore& store, const LauncherReference& r
 
 void BootstrapRun::prove_failed_before(const LauncherManifest& manifest, const fs::path& payload,
                                        const LauncherReference& reference) const {
-  const bool failed_before = failed_candidate_ && failed_candidate_->reference &&
-                             failed_candidate_->reference->manifest_sha256 == reference.manifest_sha256;
+  const bool failed_before =
+      failed_candidate_ && failed_candidate_->reference &&
+      failed_candidate_->reference->manifest_sha256 == reference.manifest_sha256;
   if (!failed_before) return;
   verify_snapshot_tree(manifest, payload);
   std::cerr << "tavro: launcher build " << reference.build_id << " did not start before ("

@@ -1,5 +1,5 @@
-/* A game to learn from: guess a number. It keeps its best result among the player's saves, and tells the
-   launcher how its session goes. */
+/* A game to learn from: guess a number. It keeps its best result among the player's saves, and
+   tells the launcher how its session goes. */
 #define TAVRO_GAME_IMPLEMENTATION
 #include "tavro_game.h"
 

@@ -1,7 +1,6 @@
-#include "documents/theme_definition.h"
-
 #include "documents/bitmap.h"
 #include "documents/documents.h"
+#include "documents/theme_definition.h"
 #include "support/theme_folder.h"
 
 namespace tavro::theme_test {

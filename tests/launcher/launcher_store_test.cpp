@@ -59,7 +59,8 @@ TEST_F(Store, KeepsWhatItDoesNotKnowInARecord) {
   const json attempt = {{"nonce", std::string(32, 'a')}, {"reference", reference}, {"since", 7}};
   auto record = store.load();
   record.update({{"generation", 1}, {"active", reference}, {"attempt", attempt}, {"x", nullptr}});
-  for (const json& failed : {json{{"reference", nullptr}}, {{"reference", reference}, {"code", 5}},
+  for (const json& failed : {json{{"reference", nullptr}},
+                             {{"reference", reference}, {"code", 5}},
                              {{"reference", reference}, {"problem", 7}, {"reason", ""}}}) {
     record["failed_candidate"] = failed;
     write("installation.json", record.dump());
@@ -73,7 +74,8 @@ TEST_F(Store, KeepsWhatItDoesNotKnowInARecord) {
 TEST_F(Store, NamesTheFileThatKeepsItFromWorkAndMendsItsLocks) {
   const auto reference = version("1.0.0", 0);
   const auto owner = store.directory() / "bootstrap.lock";
-  const auto lease = store.directory() / "leases/versions" / (store.payload(reference).filename().string() + ".lock");
+  const auto lease = store.directory() / "leases/versions" /
+                     (store.payload(reference).filename().string() + ".lock");
   const auto work = [&] { store.owner(), store.version_guard(reference, LockMode::shared); };
   const auto refused = [&](const fs::path& file, const std::string& code) {
     try {

@@ -52,10 +52,8 @@ class Bootstrap : public Test {
   }
   /// What the record says of a start that was given up.
   static json note(const json& version, const std::string& code, const std::string& reason) {
-    return {{"reference", version},
-            {"problem", "startup_failed"},
-            {"code", code},
-            {"reason", reason}};
+    return {
+        {"reference", version}, {"problem", "startup_failed"}, {"code", code}, {"reason", reason}};
   }
   Launched start(const Words& words = {}, const std::string& steps = usual,
                  const Launched::Environment& environment = {}) const {
@@ -138,8 +136,8 @@ TEST_F(Bootstrap, KeepsTheWorkingVersionUnlessTheCandidateProvesItself) {
 
 TEST_F(Bootstrap, StartsTheWorkingVersionWhenTheDiskKeepsTheOtherFromItsTrial) {
   const json attempt = {{"nonce", std::string(32, 'a')}, {"reference", second}};
-  for (const auto& [call, error, code] : {std::tuple("write", ENOSPC, "(insufficient_space)"),
-                                          {"open", EROFS, "(lock_failed)"}})
+  for (const auto& [call, error, code] :
+       {std::tuple("write", ENOSPC, "(insufficient_space)"), {"open", EROFS, "(lock_failed)"}})
     for (const bool open : {false, true}) {
       select(first, second);
       auto record = store.load();
@@ -150,7 +148,8 @@ TEST_F(Bootstrap, StartsTheWorkingVersionWhenTheDiskKeepsTheOtherFromItsTrial) {
         const FailNthCall full(1, error, Fault::fail, call);
         return run_launcher_bootstrap(root, "cli", {}, std::chrono::milliseconds(10000), {});
       });
-      EXPECT_THAT(started.rest(), AllOf(HasSubstr(code), EndsWith("the working one starts\n1.0.0\n")));
+      EXPECT_THAT(started.rest(),
+                  AllOf(HasSubstr(code), EndsWith("the working one starts\n1.0.0\n")));
       EXPECT_EQ(state(open ? "attempt" : "candidate"), open ? attempt : second);
     }
   // No child takes this line, and the version is not to blame for it.
@@ -166,7 +165,9 @@ TEST_F(Bootstrap, ProvesTheTreeOfAVersionThatFailedWhenNothingElseIsLeft) {
   expect({{[] {}, HasSubstr("exited before initialization"), {}, 1, "exit:0"},
           {[] {}, AllOf(HasSubstr(before), EndsWith("\n2.0.0\n"))},
           {[&] { put_file(file(second), std::string(1000, 'x')); },
-           AllOf(HasSubstr("(content_mismatch)"), HasSubstr(repair)), {}, 1}});
+           AllOf(HasSubstr("(content_mismatch)"), HasSubstr(repair)),
+           {},
+           1}});
 }
 
 // Each row breaks one thing more.
@@ -240,20 +241,21 @@ TEST_F(Bootstrap, AnswersOrPassesOnWhatItIsGiven) {
   const auto none = [] {};
   const std::string steps = "attach arguments";
   const Words nobody = {"self", "shortcut", "create", "x"};
-  expect({{none, passed({}), {}, 0, steps},
-          {none, passed({"--json", "list"}), {"list", "--json"}, 0, steps},
-          {none, passed({"list"}), {"--data-dir", root, "list"}, 0, steps},
-          {none, passed({"--", "--data-dir"}), {"--gui", "--", "--data-dir"}, 0, steps},
-          {none, Not(HasSubstr(root.string())), {}, 0, "descriptors"},
-          {none, HasSubstr(R"("kind":"help","schema_version":1)"), {"--json", "--help"}, 0},
-          {none, uninstall, {"self", "uninstall", "--json"}, 0, "helper:maintenance arguments"},
-          {none, HasSubstr("Use self shortcut create"), nobody, 2},
-          {none, misplaced, {"list", "--data-dir", root}, 2},
-          {none, misplaced, {"--gui", "x", "--data-dir", root}, 2},
-          {none, "--data-dir needs a nonempty path\n", {"--data-dir"}, 2},
-          {none, "Duplicate global option: --data-dir\n", {"--data-dir", root, "--data-dir", root}, 2},
-          {none, HasSubstr(R"({"problem":{"code":"usage")"), {"nothing", "--json"}, 2},
-          {none, HasSubstr("This bootstrap serves "), {"--data-dir", folder.path()}, 2}});
+  expect(
+      {{none, passed({}), {}, 0, steps},
+       {none, passed({"--json", "list"}), {"list", "--json"}, 0, steps},
+       {none, passed({"list"}), {"--data-dir", root, "list"}, 0, steps},
+       {none, passed({"--", "--data-dir"}), {"--gui", "--", "--data-dir"}, 0, steps},
+       {none, Not(HasSubstr(root.string())), {}, 0, "descriptors"},
+       {none, HasSubstr(R"("kind":"help","schema_version":1)"), {"--json", "--help"}, 0},
+       {none, uninstall, {"self", "uninstall", "--json"}, 0, "helper:maintenance arguments"},
+       {none, HasSubstr("Use self shortcut create"), nobody, 2},
+       {none, misplaced, {"list", "--data-dir", root}, 2},
+       {none, misplaced, {"--gui", "x", "--data-dir", root}, 2},
+       {none, "--data-dir needs a nonempty path\n", {"--data-dir"}, 2},
+       {none, "Duplicate global option: --data-dir\n", {"--data-dir", root, "--data-dir", root}, 2},
+       {none, HasSubstr(R"({"problem":{"code":"usage")"), {"nothing", "--json"}, 2},
+       {none, HasSubstr("This bootstrap serves "), {"--data-dir", folder.path()}, 2}});
   unsetenv(launcher_nonce_environment);
 }
 

@@ -27,8 +27,9 @@ enum class ChildGroup : std::uint32_t { inherited = 0, own = 1 };
 /// Whether the child can be asked to stop by an `InterruptPipe`.
 enum class ChildControl : std::uint32_t { none = 0, interrupt = 1 };
 
-/// The rules for a child's arguments: at most 64, each of 4096 bytes without NUL, of 32768 together.
-/// Else `argument_limit`. For a caller that must know before it commits itself to a start.
+/// The rules for a child's arguments: at most 64, each of 4096 bytes without NUL, of 32768
+/// together. Else `argument_limit`. For a caller that must know before it commits itself to a
+/// start.
 void require_child_arguments(const std::vector<std::string>& arguments);
 
 /// One started program. The object owns it until its end is known, but never stops it on its own:
