@@ -71,7 +71,7 @@ void Assembly::publish(const std::function<void(const std::filesystem::path& fol
                         "Cannot remove the guard file " + path_utf8(guard_));
   sync_directory(folder_);
   check(folder_);
-  if (host::rename_new(AT_FDCWD, folder_.c_str(), AT_FDCWD, place_.c_str()) != 0) {
+  if (host::rename_new(folder_.c_str(), place_.c_str()) != 0) {
     const int error = errno;
     require_absent(place_);
     folder_failure(error, place_);
