@@ -1,6 +1,5 @@
 #include <archive.h>
 #include <archive_entry.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <array>
@@ -158,7 +157,7 @@ class Extraction {
     for (auto end = relative.find('/'); end != relative.npos; end = relative.find('/', end + 1)) {
       const fs::path directory = staging_ / relative.substr(0, end);
       if (!made_.insert(directory.native()).second) continue;
-      system_calls().mkdirat(AT_FDCWD, directory.c_str(), S_IRWXU);
+      system_calls().mkdir(directory.c_str(), S_IRWXU);
       private_directory(directory);
     }
   }
