@@ -9,7 +9,10 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
+#include "installation/data_folder.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/private_storage.h"
+#include "platform/files/running_files.h"
 #include "platform/files/torn_write.h"
 #include "platform/shortcuts/shortcut_place.h"
 
@@ -107,6 +110,15 @@ OwnedShortcut entry_of(const DesktopShortcut& shortcut, const fs::path& path,
 
 void remove_leftovers(const fs::path& path) {
   torn_write::remove_leftovers(path.parent_path(), {path.filename().native()});
+  // Killed between its second name and the end of its first, the shortcut itself has both.
+  const auto shortcut = posix_files::node_at(path);
+  if (!shortcut || !S_ISREG(shortcut->st_mode) || shortcut->st_nlink == 1) return;
+  for (const auto& entry : children(path.parent_path())) {
+    const auto node = posix_files::node_at(entry);
+    if (node && posix_files::same_node(*node, *shortcut) &&
+        torn_write::is_temporary_name(entry.filename().native(), path.filename().native()))
+      native_files::remove_or_trash(entry, {});
+  }
 }
 
 }  // namespace tavro::ledger_file

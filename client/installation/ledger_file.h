@@ -34,7 +34,8 @@ bool holds(const std::filesystem::path& path, std::string_view text) noexcept;
 OwnedShortcut entry_of(const DesktopShortcut& shortcut, const std::filesystem::path& path,
                        std::string_view text);
 
-/// Takes away what a creation that was cut off has left beside this path.
+/// Takes away what a creation that was cut off has left beside this path. Throws as `children` and
+/// `remove_or_trash`.
 void remove_leftovers(const std::filesystem::path& path);
 
 }  // namespace tavro::ledger_file

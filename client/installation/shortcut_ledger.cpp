@@ -78,9 +78,9 @@ Outcome remove_entries(const Entries& entries) {
   Outcome outcome;
   for (const auto& entry : entries) {
     const fs::path path = path_from_utf8(entry.path);
-    ledger_file::remove_leftovers(path);
-    if (!shortcut_place::is_taken(path)) continue;
     try {
+      ledger_file::remove_leftovers(path);
+      if (!shortcut_place::is_taken(path)) continue;
       const bool ours = ledger_file::unchanged(entry);
       if (ours) native_files::remove_or_trash(path, {});
       (ours ? outcome.removal.removed : outcome.removal.changed).push_back(path);

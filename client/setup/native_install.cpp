@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <exception>
 #include <iterator>
 #include <system_error>
@@ -68,11 +69,10 @@ bool holds_nothing_but_setup_lock(const DataPaths& paths) {
 void accept_existing_folder(const DataPaths& paths) {
   std::error_code ignored;
   bool accepted = fs::is_directory(fs::symlink_status(paths.root, ignored));
-  if (accepted) {
-    bool earlier = false;
-    for (const auto name : known_entries) earlier = earlier || stands(paths.root / name);
-    accepted = earlier || holds_nothing_but_setup_lock(paths);
-  }
+  // Listed first: what another installer adds meanwhile is known, and the lock tells of it.
+  if (accepted && !holds_nothing_but_setup_lock(paths))
+    accepted = std::any_of(known_entries.begin(), known_entries.end(),
+                           [&](const auto name) { return stands(paths.root / name); });
   require(accepted, "unsafe_path",
           [] { return branded("Choose an empty folder or an earlier Tavro data folder"); });
 }

@@ -105,7 +105,10 @@ void mark_removal(const DataPaths& paths) {
 /// The record goes before all that it describes. It is not looked for behind a link in place of the
 /// native folder: that link goes, and what it leads to stays.
 void remove_installation_record(const DataPaths& paths) {
-  if (is_directory_itself(paths.native)) native_files::remove_or_trash(paths.installation, {});
+  if (!is_directory_itself(paths.native)) return;
+  // A folder in its place is emptied with all the rest, under another name.
+  if (is_directory_itself(paths.installation)) set_aside(paths.installation);
+  native_files::remove_or_trash(paths.installation, {});
 }
 
 /// Without the marker the folder counts as removed, so that the removals must be durable first. The

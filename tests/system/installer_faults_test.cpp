@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <memory>
 
 #include "system/installer_program.h"
 
@@ -153,6 +154,24 @@ TEST(TwoInstallers, NeverSpoilEachOthersWork) {
     ASSERT_FALSE(HasFailure());
   }
   EXPECT_GT(refused, 3);
+}
+
+TEST(ManyInstallers, LetOneInstallAndTellTheOthersSo) {
+  Struck world(package_of(1, 100));
+  const std::vector<std::string> words = {"install",    "--package", world.package.folder,
+                                          "--data-dir", world.root,  "--json"};
+  for (int round = 0; round < 8; ++round) {
+    fs::remove_all(world.root);
+    std::vector<std::unique_ptr<Started>> all;
+    for (int each = 0; each < 6; ++each) all.emplace_back(new Started(world.start(words)));
+    int installed = 0;
+    for (const auto& each : all) {
+      const Ending ended = each->wait();
+      installed += ended.status == 0;
+      EXPECT_THAT(ended.code(), AnyOf("", "busy", "already_installed")) << ended.errors;
+    }
+    EXPECT_EQ(installed, 1);
+  }
 }
 
 TEST(FullDisk, FailsInWordsAndLosesNothing) {
