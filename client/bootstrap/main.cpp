@@ -36,7 +36,7 @@ BootstrapOptions read_options(const std::vector<std::string>& arguments) {
     if (*next == "--gui" && !options.windowed) {
       options.windowed = true;
     } else if (*next == "--data-dir") {
-      tavro::require(!options.data_dir, "usage", "--data-dir is given twice; name one data folder");
+      tavro::require(!options.data_dir, "usage", "Duplicate global option: --data-dir");
       tavro::require(++next != arguments.end() && !next->empty(), "usage",
                      "--data-dir needs a nonempty path");
       options.data_dir = tavro::path_from_utf8(*next);

@@ -28,6 +28,7 @@
 #include "setup/install_plan.h"
 #include "setup/install_shortcuts.h"
 #include "setup/native_commit.h"
+#include "tuf/trust_folder.h"
 #include "tuf/tuf.h"
 
 namespace tavro {
@@ -202,6 +203,18 @@ void append(std::vector<std::string>& all, std::vector<std::string> more) {
   all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
 }
 
+/// A trust folder whose root has the form of one may still hold what no client could use.
+std::vector<std::string> mend_trust(const DataPaths& paths, const NativePackage& package) {
+  const TrustDamage mended = mend_trust_folder(paths.trust, package.root_metadata);
+  std::vector<std::string> done;
+  if (mended.root)
+    done.push_back(path_utf8(paths.trust / "root.json") +
+                   " did not prove and was replaced from the package");
+  for (const auto& document : mended.documents)
+    done.push_back(path_utf8(paths.trust / document) + " did not prove and is asked for anew");
+  return done;
+}
+
 /// One run, as far as it works under the locks.
 class LockedRun {
  public:
@@ -247,6 +260,7 @@ class LockedRun {
       mark_incomplete(paths_);
       append(mended_, set_aside_strangers(paths_));
     }
+    if (!plan.trust) append(mended_, mend_trust(paths_, package_));
     commit(paths_, package_, plan);
     // What was proved or replaced just now has not failed to start.
     if (repair_) clear_failed_starts(paths_.root);

@@ -13,6 +13,7 @@
 #include "domain/input.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
+#include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "tuf/client_limits.h"
@@ -180,9 +181,8 @@ class Proof {
 /// Whatever bears the name; of a folder everything in it, and of a link the link.
 void remove_entry(const fs::path& path) {
   if (fs::is_directory(fs::symlink_status(path))) {
-    std::error_code error;
-    fs::remove_all(path, error);
-    require(!error, "file_remove", [&] { return "Cannot remove folder: " + path_utf8(path); });
+    require(remove_path_quietly(path), "file_remove",
+            [&] { return "Cannot remove folder: " + path_utf8(path); });
     return;
   }
   native_files::remove_or_trash(path, path.parent_path());

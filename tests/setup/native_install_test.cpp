@@ -191,6 +191,14 @@ TEST_F(Install, ClearsWhatFailedStartsAndCutOffWritesLeft) {
   for (const auto& file : left) EXPECT_FALSE(stands(file)) << file;
 }
 
+TEST_F(Install, ProvesTheTrustFolder) {
+  at.install();
+  put_file(paths.trust / "timestamp.json", "{}");
+  EXPECT_THAT(at.repair().mended,
+              testing::ElementsAre(testing::StartsWith((paths.trust / "timestamp.json").string())));
+  EXPECT_TRUE(at.repair().mended.empty());
+}
+
 TEST_F(Install, WorksInAFolderOfAnyName) {
   for (const auto* name : {"back\\slash", "co:lon", "line\nbreak"}) {
     SCOPED_TRACE(name);

@@ -58,9 +58,6 @@ TEST(NativeSetup, ShowsEachRunInAViewOfItsOwn) {
   EXPECT_EQ(installed.result.at("replaced").size(), 3);
   EXPECT_EQ(installed.phase + installed.error_code, "installing");
   EXPECT_TRUE(installed.total > 0 && installed.done == installed.total);
-  setenv("TMPDIR", "/nowhere", 1);
-  EXPECT_EQ(front.run(Kind::uninstall).error_code, "setup_failed");
-  unsetenv("TMPDIR");
   const auto status = front.run(Kind::status);
   EXPECT_TRUE(status.phase.empty() && status.error_code.empty() && status.total == 0);
 }

@@ -112,7 +112,7 @@ TEST_F(Removal, IsRefusedToWhateverIsNotItsOwnProvedHelper) {
          {{"TAVRO_LAUNCHER_HEALTH_NONCE", std::string(32, 'a')}});
   refuse(program("example-launcher"), by_console, "Installed maintenance needs a managed");
   refuse(program("example-launcher-gui"), by_window, "Start the installed Tavro GUI or use");
-  refuse(gui, by_window, "temp_directory_path", {{"TMPDIR", "/nowhere"}});
+  refuse(gui, by_window, "set TMPDIR to a folder that exists", {{"TMPDIR", "/nowhere"}});
   for (const auto& damaged : {helper, image("launcher-maintenance-gui")})
     std::fstream(damaged).seekp(-6, std::ios::end) << "damage";  // it still runs
   refuse(bootstrap, uninstall, "The maintenance helper is damaged; run");

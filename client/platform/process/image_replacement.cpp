@@ -40,13 +40,14 @@ constexpr ArgumentTexts argument_texts = {"Too many replacement arguments",
   const auto argv = image_vector(words);
   const auto envp = image_vector(variables);
 
-  const fs::path before = fs::current_path();
+  // A working directory that was deleted is none to come back to.
+  std::error_code ignored;
+  const fs::path before = fs::current_path(ignored);
   require(retried([&] { return ::chdir(directory.c_str()); }) == 0, "process_start",
           "Cannot enter the external maintenance runtime");
   retried([&] { return ::execve(executable.c_str(), argv.data(), envp.data()); });
   const int error = errno;
-  std::error_code ignored;
-  fs::current_path(before, ignored);
+  if (!before.empty()) fs::current_path(before, ignored);
   fail("process_start", "Cannot replace this process (native error " + std::to_string(error) + ")");
 }
 
