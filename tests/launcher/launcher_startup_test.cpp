@@ -113,7 +113,7 @@ TEST_F(Startup, RejectsAnAttemptUnderACodeOfItsAlphabet) {
   EXPECT_TRUE(store.load().at("attempt").is_null() && store.load().at("active").is_null());
   EXPECT_EQ(store.load().at("failed_candidate").at("reference"), reference);
   for (const json& nonce : {json("A"), json(1), json(std::string(31, 'a') + "/")})
-    EXPECT_EQ(code_of([&] { store.health_path({{"nonce", nonce}}); }), "launcher_state");
+    EXPECT_EQ(code_of([&] { store.health_path(json{{"nonce", nonce}}); }), "launcher_state");
 }
 
 TEST_F(Startup, LetsNoImageRunThatIsNotWhatItsStartSays) {
