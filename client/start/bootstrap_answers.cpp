@@ -14,7 +14,8 @@ namespace {
 /// Nothing for a line that is malformed.
 std::optional<CliEntry> read_line(const std::vector<std::string>& arguments, bool* as_json) {
   try {
-    return parse_cli_entry(arguments, {}, as_json);
+    // No folder is looked for here; an empty one would be refused.
+    return parse_cli_entry(arguments, ".", as_json);
   } catch (const std::exception&) {
     return std::nullopt;
   }
