@@ -70,9 +70,10 @@ LauncherRecord read_launcher_record(const json& document) {
 /// another kind stays what it is.
 std::string take_text(json& further, const char* key) {
   const json* member = find_member(further, key);
-  if (member == nullptr || !member->is_string() || *member == "") return {};
+  if (member == nullptr || !member->is_string()) return {};
   auto text = member->get<std::string>();
-  further.erase(key);
+  // An empty one is kept among what is further there, so that it is written again.
+  if (!text.empty()) further.erase(key);
   return text;
 }
 

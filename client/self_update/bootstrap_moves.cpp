@@ -156,7 +156,8 @@ std::optional<BootstrapMoves::Move> BootstrapMoves::earlier_move(const std::stri
 }
 
 void BootstrapMoves::complete_exchanges() const {
-  for (const auto& [path, file] : update_) {
+  for (const auto& entry : update_) {
+    const auto& path = entry.first;
     const Move move = places(path);
     if (!working_.contains(path) || !is_file_itself(move.target)) continue;
     const auto is_new = [&](const fs::path& place) {
