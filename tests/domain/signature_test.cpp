@@ -92,7 +92,7 @@ TEST(Signature, HoldsByNoKeyOfSmallOrder) {
   const std::string eighth = "26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05";
   const std::string other = "c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac037a";
   std::vector<std::string> points;
-  for (std::string y :
+  for (const std::string& y :
        {zeros, "01" + zeros.substr(2), eighth, other, "ec" + ones, "ed" + ones, "ee" + ones})
     for (const bool negative : {false, true}) {
       auto bytes = unhex(y, 64);

@@ -116,7 +116,7 @@ TEST_F(PathIdentity, IsToldInARootThatIsNoMount) {
                          ::chroot(at.c_str()) == 0 && ::chdir("/") == 0;
     std::string first, second;
     const std::string failure = failure_of([&] { first = key("/data/x"), second = key("/data"); });
-    if (entered && !failure.empty()) std::fprintf(stderr, "%s\n", failure.c_str());
+    if (entered && !failure.empty()) (void)std::fprintf(stderr, "%s\n", failure.c_str());
     ::_exit(!entered ? 2 : path_identity::at_or_below(first, second) && first != second ? 0 : 1);
   }
   ::wait(&status);
