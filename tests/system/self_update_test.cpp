@@ -205,7 +205,7 @@ TEST_F(SelfUpdate, LeadsOutOfEverythingThatStandsInTheWayOfAnUpdate) {
 bool fill_disk(const fs::path& folder) {
   const fs::path small = folder.parent_path() / "small";
   fs::create_directory(small);
-  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=48m,mode=0700") != 0) return false;
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=256m,mode=0700") != 0) return false;
   copy_tree(folder, small / "data");
   std::ofstream rest(small / "rest");
   while (rest << std::string(4096, 'x') << std::flush) continue;
