@@ -108,7 +108,8 @@ std::vector<fs::path> children(const fs::path& folder) {
     entries.push_back(entry->path());
   }
   require(!error, "file_read",
-          [&] { return "Cannot list the folder " + path_utf8(folder) + ": " + error.message(); });
+          [&] { return "Cannot list the folder " + path_utf8(folder) + ": " + error.message() +
+                   "; give it to this user alone and try again"; });
   return entries;
 }
 

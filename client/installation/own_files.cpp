@@ -176,11 +176,19 @@ fs::path set_aside(const fs::path& path) {
   return aside;
 }
 
-std::string named_message(const Error& error, const fs::path& path) {
+std::string message_naming(const Error& error, const fs::path& path) {
   std::string message = error.what();
   const std::string name = path_utf8(path);
   if (message.find(name) == message.npos) message += ": " + name;
-  return message + "; run repair, or remove it while nothing runs from the folder";
+  return message;
+}
+
+std::string named_message(const Error& error, const fs::path& path) {
+  // Player data may lie in a folder that is not private, so that nobody is told to remove one.
+  return message_naming(error, path) +
+         (error.code == "permissions"
+              ? "; give it to this user alone and try again"
+              : "; run repair, or remove it while nothing runs from the folder");
 }
 
 std::vector<std::string> file_problems(const DataPaths& paths) {

@@ -69,7 +69,7 @@ constexpr SystemCalls striking_calls{
     TAVRO_STRIKING(fsync),        TAVRO_STRIKING(rename),    TAVRO_STRIKING(renameat2),
     TAVRO_STRIKING(link),         TAVRO_STRIKING(unlink),    TAVRO_STRIKING(unlinkat),
     TAVRO_STRIKING(rmdir),        TAVRO_STRIKING(mkdir),     TAVRO_STRIKING(mkdirat),
-    TAVRO_STRIKING(fchmod),       TAVRO_STRIKING(ftruncate), TAVRO_STRIKING(fallocate),
+    TAVRO_STRIKING(fchmod), TAVRO_STRIKING(fchmodat),       TAVRO_STRIKING(ftruncate), TAVRO_STRIKING(fallocate),
     TAVRO_STRIKING(fremovexattr), TAVRO_STRIKING(flock)};
 #undef TAVRO_STRIKING
 
