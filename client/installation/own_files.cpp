@@ -137,7 +137,7 @@ std::string set_aside_as(const fs::path& aside) {
 }
 
 std::string move_aside(const Place& place, Form form) {
-  if (form == Form::filled) require_free(place.path);
+  if (form != Form::stranger) require_free(place.path);
   return told(place, form) + set_aside_as(set_aside(place.path));
 }
 
@@ -155,8 +155,7 @@ std::string make_private(const Place& place) {
 std::string mended(const Place& place) {
   const Form form = form_of(place);
   if (form == Form::open_to_others) return make_private(place);
-  if (form == Form::filled || form == Form::stranger) return move_aside(place, form);
-  return {};
+  return form == Form::sound ? std::string() : move_aside(place, form);
 }
 
 std::vector<std::string> mend(const std::vector<Place>& places) {

@@ -23,6 +23,8 @@ constexpr unsigned long max_entries = 250000;
 /// Lists folders from the top down, each through the descriptor of the one that holds it.
 class Opening {
  public:
+  explicit Opening(OthersFolders others) : passes_others_(others == OthersFolders::passed) {}
+
   void open(const fs::path& folder) {
     const auto held = posix_files::hold_name(folder, posix_files::ParentLink::followed);
     if (held.parent) enter(held.parent.get(), held.name.c_str(), folder);
@@ -40,9 +42,8 @@ class Opening {
     const UniqueFd folder(retried(
         [&] { return calls.openat(parent, name, posix_files::walk_flags, mode_t{}); }));
     int error = errno;
-    require(folder || error != EACCES, "permissions", [&] {
-      return path_utf8(path) + " belongs to another user and cannot be listed" + remedy;
-    });
+    require(own || (folder && passes_others_), "permissions",
+            [&] { return path_utf8(path) + " belongs to another user" + remedy; });
     if (folder) error = look_into(folder.get(), path);
     require(error == 0 || is_gone(error), "file_read", [&] {
       return "Cannot list the folder " + path_utf8(path) + ": " +
@@ -71,14 +72,15 @@ class Opening {
 
   static constexpr char remedy[] = "; give it to this user alone and try again";
 
+  bool passes_others_;
   std::vector<std::string> done_;
   unsigned long entries_ = 0;
 };
 
 }  // namespace
 
-std::vector<std::string> open_own_folders(const DataPaths& paths) {
-  Opening opening;
+std::vector<std::string> open_own_folders(const DataPaths& paths, OthersFolders others) {
+  Opening opening(others);
   for (const auto& folder : {paths.native, paths.launcher, paths.trust}) opening.open(folder);
   return std::move(opening).done();
 }

@@ -251,7 +251,7 @@ class LockedRun {
     fresh_ = was_absent_ && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
     make_private(paths_.native);
-    append(mended_, open_own_folders(paths_));
+    append(mended_, open_own_folders(paths_, OthersFolders::refused));
     append(mended_, mend_locks(paths_));
     const NativeFileLock closed =
         wait_for_tavro_closed(paths_, std::chrono::milliseconds(0), cancellation_);

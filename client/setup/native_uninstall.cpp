@@ -150,7 +150,7 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
   });
   // Another run may have come and gone since the first look.
   require_removable(paths);
-  open_own_folders(paths);
+  open_own_folders(paths, OthersFolders::passed);
   mend_locks(paths);
   {
     const NativeFileLock closed = wait_for_tavro_closed(paths, request.timeout, cancellation);

@@ -149,7 +149,7 @@ std::optional<int> BootstrapRun::answer(const std::vector<std::string>& argument
   const auto control =
       native_maintenance_control(root_, line_.args, [this] { return cancelled(); });
   if (!control.is_null()) {
-    std::cout << compact_line(control) << std::endl;
+    write_line(compact_line(control));
     return 0;
   }
   const auto maintenance = maintenance_arguments(forwarded, root_);
