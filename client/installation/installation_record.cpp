@@ -33,7 +33,8 @@ auto with_way_out(std::string_view way_out, const Work& work) {
   try {
     return work();
   } catch (const Error& error) {
-    if (error.code == "file_read") fail(error.code, error.what(), {"Give the file to this user alone and try again"});
+    if (error.code == "file_read")
+      fail(error.code, error.what(), {"Give the file to this user alone and try again"});
     fail(error.code, error.what(), {way_out});
   }
 }

@@ -39,8 +39,8 @@ class Opening {
     const bool own = node->st_uid == ::geteuid();
     if (own && (node->st_mode & S_IRWXU) != S_IRWXU) give_rights(parent, name, path);
     const auto& calls = system_calls();
-    const UniqueFd folder(retried(
-        [&] { return calls.openat(parent, name, posix_files::walk_flags, mode_t{}); }));
+    const UniqueFd folder(
+        retried([&] { return calls.openat(parent, name, posix_files::walk_flags, mode_t{}); }));
     int error = errno;
     require(own || (folder && passes_others_), "permissions",
             [&] { return path_utf8(path) + " belongs to another user" + remedy; });
