@@ -42,12 +42,12 @@ fs::file_type type_at(const fs::path& path) {
 }
 
 std::vector<fs::path> folder_entries(const fs::path& folder, std::size_t max_entries,
-                                     std::string_view too_many) {
+                                     std::string_view too_many, std::string_view code) {
   std::vector<fs::path> entries;
   std::error_code error;
   for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {
-    require(entries.size() < max_entries, "size_limit", too_many);
+    require(entries.size() < max_entries, code, too_many);
     entries.push_back(entry->path());
   }
   if (error) refuse_folder(folder, error.value());

@@ -18,9 +18,10 @@ namespace tavro {
 std::filesystem::file_type type_at(const std::filesystem::path& path);
 
 /// The paths of all that a folder holds, in no order. A link in its place is followed. The entry
-/// beyond `max_entries` is `size_limit` with the message given; else throws as `refuse_folder`.
+/// beyond `max_entries` is the failure given; else throws as `refuse_folder`.
 std::vector<std::filesystem::path> folder_entries(const std::filesystem::path& folder,
                                                   std::size_t max_entries,
-                                                  std::string_view too_many);
+                                                  std::string_view too_many,
+                                                  std::string_view code = "size_limit");
 
 }  // namespace tavro
