@@ -18,6 +18,7 @@
 #include "installation/own_folders.h"
 #include "launcher/launcher_store.h"
 #include "launcher/start_marker.h"
+#include "launcher/store_repair.h"
 #include "package/native_package.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/durable_files.h"
@@ -265,6 +266,7 @@ class LockedRun {
     }
     if (!plan.trust) append(mended_, mend_trust(paths_, package_));
     commit(paths_, package_, plan);
+    if (!plan.launcher) append(mended_, mend_launcher_store(paths_.root));
     // What was proved or replaced just now has not failed to start.
     if (repair_) clear_failed_starts(paths_.root);
 
