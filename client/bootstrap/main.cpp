@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "console/console_report.h"
+#include "console/stop_signals.h"
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
@@ -85,6 +86,7 @@ tavro::ReportForm report_form(const std::vector<std::string>& arguments) {
 int main(int argc, char** argv) {
   auto form = tavro::ReportForm::text_and_commands;
   try {
+    tavro::hold_standard_streams();
     tavro::initialize_client_runtime();
     // Whoever starts this may ignore the end of its children; here it has to be known.
     (void)std::signal(SIGCHLD, SIG_DFL);

@@ -11,6 +11,7 @@
 #include "domain/error.h"
 #include "download/receipt_group.h"
 #include "installation/data_folder.h"
+#include "platform/files/held_directory.h"
 #include "platform/files/managed_tree.h"
 #include "platform/host/native_platform.h"
 #include "tuf/threshold.h"
@@ -88,6 +89,10 @@ void clean_other_downloads(CleanupWork& work) {
     if (work.took(*entry)) continue;
     if (is_folder(*entry) && !occupied.contains(*entry)) {
       work.drop("download_folder", *entry);
+      continue;
+    }
+    if (is_file(*entry) && posix_files::is_set_aside(entry->filename().native())) {
+      work.drop("download", *entry);
       continue;
     }
     if (!is_folder(*entry)) work.keep(*entry, unknown_store_file);

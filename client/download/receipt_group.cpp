@@ -8,6 +8,7 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/safe_path.h"
 #include "platform/files/torn_write.h"
 
@@ -84,15 +85,13 @@ class GroupReader {
 std::map<std::string, Files> read_receipt_files(const fs::path& root) {
   const fs::path folder = safe_join(root, "download-intents", true);
   std::map<std::string, Files> found;
-  std::size_t entries = 0;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    require(++entries <= max_files, "size_limit",
-            "Target download receipt count exceeds its scan bound");
-    const std::string name = path_utf8(entry.path().filename());
+  for (const auto& entry :
+       folder_entries(folder, max_files, "Target download receipt count exceeds its scan bound")) {
+    const std::string name = path_utf8(entry.filename());
     const std::string nonce = name.substr(0, nonce_size);
     require(target_download_file_name(name, nonce), uncertain,
             "Unknown download receipt names preserve the target store");
-    found[nonce].emplace(name, read_file(entry.path(), kDownloadReceiptBytes));
+    found[nonce].emplace(name, read_file(entry, kDownloadReceiptBytes));
   }
   return found;
 }

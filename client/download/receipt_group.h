@@ -40,9 +40,9 @@ struct ReceiptGroup {
 using ReceiptGroups = std::map<std::string, ReceiptGroup>;
 
 /// The groups of a whole store by nonce, each with the resume records of its partial file. The
-/// caller holds the lock of the store. At most 64 files of receipts: `size_limit`. Also throws
-/// `launcher_download_uncertain`, what `target_download_resume_files` throws, and
-/// `std::filesystem::filesystem_error` for a folder that cannot be listed.
+/// caller holds the lock of the store. Throws as `folder_entries` (more than 64 files of receipts,
+/// or a folder that cannot be listed), `launcher_download_uncertain`, and what
+/// `target_download_resume_files` throws.
 ReceiptGroups read_receipt_groups(const std::filesystem::path& root);
 
 /// Whether a file of `download-intents` belongs to this nonce: its receipt, or the temporary file

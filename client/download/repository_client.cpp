@@ -8,6 +8,7 @@
 #include "domain/input.h"
 #include "domain/json_fields.h"
 #include "installation/data_folder.h"
+#include "installation/repair_advice.h"
 #include "platform/host/native_platform.h"
 #include "transport/https.h"
 #include "tuf/client_limits.h"
@@ -25,7 +26,23 @@ constexpr std::size_t record_bytes = 65536;
 RepositoryRecord record_of(const DataPaths& paths) {
   require_complete_native_install(paths.root);
   require_installed(stands(paths.repository), paths.root);
-  return RepositoryRecord::parse(read_file(paths.repository, record_bytes));
+  return advising(paths.root, paths.repository, [&] {
+    return RepositoryRecord::parse(read_file(paths.repository, record_bytes));
+  });
+}
+
+/// What a client that cannot begin failed at, where its failure does not name it.
+fs::path cause_in(const fs::path& trust, std::string_view code) {
+  if (code == "permissions") return trust;
+  return trust / (code == "lock_failed" ? ".lock" : "root.json");
+}
+
+TufClient open_trust(const DataPaths& paths, Transport& metadata, Transport& targets) {
+  try {
+    return {paths.trust, metadata, targets, client_limits, std::chrono::system_clock::now};
+  } catch (const Error& error) {
+    throw advised(error, paths.root, cause_in(paths.trust, error.code));
+  }
 }
 
 }  // namespace
@@ -53,7 +70,7 @@ struct RepositoryClient::Impl {
        const std::shared_ptr<HttpsBudget>& budget)
       : metadata(record.origin + "/tuf/metadata/", record.ca_bundle, 0, budget),
         targets(record.origin + "/tuf/targets/", record.ca_bundle, 0, budget),
-        tuf(paths.trust, metadata, targets, client_limits, std::chrono::system_clock::now) {}
+        tuf(open_trust(paths, metadata, targets)) {}
 };
 
 RepositoryClient::RepositoryClient(const fs::path& root,

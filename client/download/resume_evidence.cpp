@@ -8,6 +8,7 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/safe_path.h"
 #include "platform/files/torn_write.h"
 #include "platform/storage/allocated_file.h"
@@ -177,11 +178,9 @@ std::vector<std::string> ResumeScan::list(const std::string& folder) const {
           "Download resume parent is not an ordinary directory");
   const std::string below = (folder + '/').substr(std::string_view("downloads/").size());
   std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(path)) {
-    require(names.size() < max_entries, "size_limit",
-            "Target resume metadata scan exceeds its bound");
-    names.push_back(below + path_utf8(entry.path().filename()));
-  }
+  for (const auto& entry :
+       folder_entries(path, max_entries, "Target resume metadata scan exceeds its bound"))
+    names.push_back(below + path_utf8(entry.filename()));
   return names;
 }
 

@@ -49,8 +49,6 @@ NativeFileLock wait_for_tavro_closed(const DataPaths& paths, std::chrono::millis
   if (!std::filesystem::is_directory(leases, ignored)) return lock;
   // With the bootstrap lock held no new lease is taken, so that each has to be free only once.
   for (const auto& lease : children(leases)) {
-    // What a repair has set aside was no lease, and would keep everybody out for ever.
-    if (lease.filename().native().find(".lock.set-aside-") != std::string::npos) continue;
     when_free(deadline, cancellation, [&] {
       return naming(lease, [&] { return FileLock(lease, false, LockMode::exclusive); });
     });

@@ -107,8 +107,10 @@ std::vector<fs::path> children(const fs::path& folder) {
     require(entries.size() < folder_entries, "size_limit", "Directory entry count exceeds bounds");
     entries.push_back(entry->path());
   }
-  require(!error, "file_read",
-          [&] { return "Cannot list the folder " + path_utf8(folder) + ": " + error.message(); });
+  require(!error, "file_read", [&] {
+    return "Cannot list the folder " + path_utf8(folder) + ": " + error.message() +
+           "; give it to this user alone and try again";
+  });
   return entries;
 }
 

@@ -9,6 +9,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
+#include "domain/json_file.h"
 #include "package/native_package.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/running_files.h"
@@ -22,6 +23,21 @@ namespace fs = std::filesystem;
 constexpr std::size_t record_bytes = 65536;
 constexpr std::size_t bootstrap_manifest_bytes = 524288;
 constexpr std::size_t message_bytes = 2048;
+
+/// For a record that may be of any version, so that a repair does not replace it.
+constexpr char anew[] = "Run uninstall, then install; saves and settings stay";
+
+/// Lets a failure of `work` tell what helps: the messages themselves are fixed.
+template <typename Work>
+auto with_way_out(std::string_view way_out, const Work& work) {
+  try {
+    return work();
+  } catch (const Error& error) {
+    if (error.code == "file_read")
+      fail(error.code, error.what(), {"Give the file to this user alone and try again"});
+    fail(error.code, error.what(), {way_out});
+  }
+}
 
 bool is_record(const json& document, std::string_view kind) {
   return document.at("schema_version") == 1 && document.at("kind") == kind;
@@ -58,11 +74,13 @@ void clear_incomplete(const DataPaths& paths) {
 }
 
 void check_installation(const DataPaths& paths) {
-  const json document = parse_json(read_file(paths.installation, record_bytes), record_bytes);
-  const std::string path = path_utf8(paths.installation);
-  read_fields("unsupported_schema", "Installation record is malformed: " + path, [&] {
-    require(is_record(document, "tavro-installation"), "unsupported_schema",
-            [&] { return "Unsupported installation record " + path; });
+  with_way_out(anew, [&] {
+    const json document = read_json_file(paths.installation, record_bytes);
+    const std::string path = path_utf8(paths.installation);
+    read_fields("unsupported_schema", "Installation record is malformed: " + path, [&] {
+      require(is_record(document, "tavro-installation"), "unsupported_schema",
+              [&] { return "Unsupported installation record " + path; });
+    });
   });
 }
 
@@ -77,8 +95,8 @@ void write_installation(const DataPaths& paths, const NativePackage& package) {
 }
 
 SnapshotManifest current_bootstrap(const DataPaths& paths) {
-  const std::string text = read_file(paths.bootstrap_manifest, bootstrap_manifest_bytes);
-  return SnapshotManifest::parse(parse_json(text, bootstrap_manifest_bytes));
+  return SnapshotManifest::parse(
+      read_json_file(paths.bootstrap_manifest, bootstrap_manifest_bytes));
 }
 
 fs::path shortcut_bootstrap(const DataPaths& paths) {
@@ -92,10 +110,12 @@ fs::path shortcut_bootstrap(const DataPaths& paths) {
 
 std::optional<NativeSetupRecord> last_operation(const DataPaths& paths) {
   if (!stands(paths.setup_status)) return std::nullopt;
-  const json document = parse_json(read_file(paths.setup_status, record_bytes), record_bytes);
-  return read_fields("unsupported_schema",
-                     "Setup status record is malformed: " + path_utf8(paths.setup_status),
-                     [&] { return setup_record(document); });
+  return with_way_out("Run repair; it writes " + path_utf8(paths.setup_status) + " anew", [&] {
+    const json document = read_json_file(paths.setup_status, record_bytes);
+    return read_fields("unsupported_schema",
+                       "Setup status record is malformed: " + path_utf8(paths.setup_status),
+                       [&] { return setup_record(document); });
+  });
 }
 
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,

@@ -133,12 +133,14 @@ void require_free(const fs::path& path) {
 fs::path aside_name(const fs::path& path) { return path.native() + ".set-aside-" + random_id(); }
 
 std::string set_aside_as(const fs::path& aside) {
-  return " and was set aside as " + path_utf8(aside.filename());
+  return " and was set aside as " + path_utf8(aside);
 }
 
-std::string move_aside(const Place& place, Form form) {
-  if (form == Form::filled) require_free(place.path);
-  return told(place, form) + set_aside_as(set_aside(place.path));
+std::string move_aside(const DataPaths& paths, const Place& place, Form form) {
+  if (form != Form::stranger) require_free(place.path);
+  const bool of_store = within(place.path, paths.launcher);
+  return told(place, form) + set_aside_as(of_store ? set_aside_from_store(paths.root, place.path)
+                                                   : set_aside(place.path));
 }
 
 /// Empty when the file cannot be opened or belongs to another user: then the lock says so.
@@ -152,17 +154,16 @@ std::string make_private(const Place& place) {
   return path_utf8(place.path) + " was made private again";
 }
 
-std::string mended(const Place& place) {
+std::string mended(const DataPaths& paths, const Place& place) {
   const Form form = form_of(place);
   if (form == Form::open_to_others) return make_private(place);
-  if (form == Form::filled || form == Form::stranger) return move_aside(place, form);
-  return {};
+  return form == Form::sound ? std::string() : move_aside(paths, place, form);
 }
 
-std::vector<std::string> mend(const std::vector<Place>& places) {
+std::vector<std::string> mend(const DataPaths& paths, const std::vector<Place>& places) {
   std::vector<std::string> done;
   for (const auto& place : places)
-    if (std::string sentence = mended(place); !sentence.empty())
+    if (std::string sentence = mended(paths, place); !sentence.empty())
       done.push_back(std::move(sentence));
   return done;
 }
@@ -176,11 +177,30 @@ fs::path set_aside(const fs::path& path) {
   return aside;
 }
 
-std::string named_message(const Error& error, const fs::path& path) {
+fs::path set_aside_from_store(const fs::path& root, const fs::path& path) {
+  const fs::path folder = DataPaths(root).native / "set-aside";
+  private_directory(folder);
+  const fs::path aside = folder / (path.filename().native() + "." + random_id());
+  native_files::rename_replace(path, aside);
+  // Durable where it lies now before it is gone from where it lay.
+  sync_directory(folder);
+  sync_directory(path.parent_path());
+  return aside;
+}
+
+std::string message_naming(const Error& error, const fs::path& path) {
   std::string message = error.what();
   const std::string name = path_utf8(path);
   if (message.find(name) == message.npos) message += ": " + name;
-  return message + "; run repair, or remove it while nothing runs from the folder";
+  return message;
+}
+
+std::string named_message(const Error& error, const fs::path& path) {
+  // Player data may lie in a folder that is not private, so that nobody is told to remove one.
+  return message_naming(error, path) +
+         (error.code == "permissions"
+              ? "; give it to this user alone and try again"
+              : "; run repair, or remove it while nothing runs from the folder");
 }
 
 std::vector<std::string> file_problems(const DataPaths& paths) {
@@ -194,10 +214,12 @@ std::vector<std::string> file_problems(const DataPaths& paths) {
 }
 
 std::vector<std::string> mend_setup_lock(const DataPaths& paths) {
-  return mend({setup_place(paths)});
+  return mend(paths, {setup_place(paths)});
 }
 
-std::vector<std::string> mend_locks(const DataPaths& paths) { return mend(lock_places(paths)); }
+std::vector<std::string> mend_locks(const DataPaths& paths) {
+  return mend(paths, lock_places(paths));
+}
 
 std::vector<std::string> set_aside_marker(const DataPaths& paths) {
   const Place marker{paths.incomplete_marker, Kind::document};
@@ -219,7 +241,7 @@ bool has_strangers(const DataPaths& paths) {
 }
 
 std::vector<std::string> set_aside_strangers(const DataPaths& paths) {
-  return mend(document_places(paths));
+  return mend(paths, document_places(paths));
 }
 
 }  // namespace tavro

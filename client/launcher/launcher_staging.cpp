@@ -11,11 +11,13 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "installation/data_folder.h"
+#include "installation/repair_advice.h"
 #include "launcher/launcher_download.h"
 #include "launcher/launcher_record.h"
 #include "launcher/launcher_store.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
@@ -55,24 +57,22 @@ constexpr std::array<Bound, 7> record_bounds = {{{"downloads", 48},
                                                  {"download-intents", 32}}};
 
 /// The lock files of attempts are small, and are never removed while anybody may still hold one.
-bool is_attempt_lock(const fs::directory_entry& entry) {
+bool is_attempt_lock(const fs::path& entry) {
   constexpr std::string_view extension = ".lock";
   constexpr std::size_t nonce_bytes = 32;
-  const std::string name = path_utf8(entry.path().filename());
+  const std::string name = path_utf8(entry.filename());
   if (name.size() != nonce_bytes + extension.size() || !name.ends_with(extension)) return false;
   const bool nonce =
       name.find_first_not_of("0123456789abcdef") == nonce_bytes;  // The dot ends the number.
-  return nonce && entry.symlink_status().type() == fs::file_type::regular;
+  return nonce && type_at(entry) == fs::file_type::regular;
 }
 
-/// How many entries count, up to one more than `most`.
-std::size_t count_entries(const fs::path& folder, std::size_t most, bool without_attempt_locks) {
-  std::size_t count = 0;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    if (without_attempt_locks && is_attempt_lock(entry)) continue;
-    if (++count > most) break;
-  }
-  return count;
+std::size_t count_entries(const fs::path& folder, bool without_attempt_locks) {
+  const auto entries =
+      folder_entries(folder, store_entries, "Directory entry count exceeds bounds");
+  return entries.size() - (without_attempt_locks
+                               ? std::count_if(entries.begin(), entries.end(), is_attempt_lock)
+                               : 0);
 }
 
 /// As signed; empty when only the longer digest is signed.
@@ -180,9 +180,8 @@ class Staging {
             "Launcher updates exceed their private storage budget");
     for (const auto& bound : record_bounds) {
       const bool attempts = bound.folder == "leases/attempts";
-      require(count_entries(child(bound.folder), bound.entries, attempts) <= bound.entries,
-              storage_full, "Retained launcher records reached their bounded capacity",
-              {cleanup_command});
+      require(count_entries(child(bound.folder), attempts) <= bound.entries, storage_full,
+              "Retained launcher records reached their bounded capacity", {cleanup_command});
     }
   }
 
@@ -193,8 +192,7 @@ class Staging {
     const auto missing = admission.complete ? 0 : length - admission.size;
     require_budget(storage_sum::add(storage_sum::add(expanded, missing), document_margin));
     const bool new_slot = !admission.complete && !admission.partial;
-    require(!new_slot || count_entries(child("downloads"), new_download_entries, false) <
-                             new_download_entries,
+    require(!new_slot || count_entries(child("downloads"), false) < new_download_entries,
             storage_full, "A new target needs bounded partial/checkpoint slots", {cleanup_command});
   }
 
@@ -243,8 +241,14 @@ class Staging {
     return record_.active == release.reference;
   }
 
+  /// A version that lies there damaged is for a repair: an update never replaces what may run.
+  void prove(const Release& release, const fs::path& payload) const {
+    advising(store_.root(), payload,
+             [&] { verify_snapshot_tree(release.manifest, payload, progress_); });
+  }
+
   json keep_current(const Release& release) {
-    verify_snapshot_tree(release.manifest, store_.payload(release.reference), progress_);
+    prove(release, store_.payload(release.reference));
     downloads_.retire(release.reference.to_json());
     return already_current(release.manifest.build_id);
   }
@@ -256,7 +260,7 @@ class Staging {
             "Start the pending launcher candidate before staging a different build");
     const fs::path payload = store_.payload(release.reference);
     require_path_room(store_.root(), payload, release.manifest.longest_native_path());
-    const bool room = count_entries(child("versions"), version_entries, false) < version_entries;
+    const bool room = count_entries(child("versions"), false) < version_entries;
     require(room || stands(payload), storage_full,
             "Retained launcher versions reached their bounded capacity", {cleanup_command});
   }
@@ -281,8 +285,10 @@ class Staging {
       atomic_create(path, release.descriptor);
       return;
     }
-    require(read_file(path, launcher_descriptor_bytes) == release.descriptor, "content_mismatch",
-            "Immutable launcher descriptor changed");
+    advising(store_.root(), path, [&] {
+      require(read_file(path, launcher_descriptor_bytes) == release.descriptor, "content_mismatch",
+              "Immutable launcher descriptor changed");
+    });
   }
 
   void publish(const Release& release) {
@@ -291,7 +297,7 @@ class Staging {
     downloads_.retire(release.reference.to_json());
     const fs::path payload = store_.payload(release.reference);
     if (stands(payload))
-      verify_snapshot_tree(release.manifest, payload, progress_);
+      prove(release, payload);
     else
       extract(release, payload);
   }
@@ -336,7 +342,7 @@ class Staging {
 json LauncherStore::stage(TufClient& tuf, const Progress& progress, const StagingPhase& phase,
                           bool optional) {
   const auto lock = owner();
-  return Staging(*this, tuf, progress, phase).run(optional);
+  return advising(root_, [&] { return Staging(*this, tuf, progress, phase).run(optional); });
 }
 
 }  // namespace tavro

@@ -14,8 +14,9 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/product_name.h"
-#include "launcher/store_repair.h"
+#include "installation/repair_advice.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/native_platform.h"
 #include "platform/storage/storage_volume.h"
@@ -28,19 +29,17 @@ namespace fs = std::filesystem;
 constexpr std::size_t fallback_entries = 64;
 constexpr std::string_view record_name = "installation.json";
 
-bool is_version_folder(const fs::directory_entry& entry) {
+bool is_version_folder(const fs::path& path) {
   std::error_code error;
-  return fs::is_directory(entry.symlink_status(error)) &&
-         path_utf8(entry.path().filename()).size() == 64;
+  return fs::is_directory(fs::symlink_status(path, error)) &&
+         path_utf8(path.filename()).size() == 64;
 }
 
-/// A missing folder holds no version; one that cannot be read is no answer.
-fs::directory_iterator version_entries(const fs::path& folder) {
-  std::error_code error;
-  fs::directory_iterator entries(folder, error);
-  if (error && error != std::errc::no_such_file_or_directory)
-    throw fs::filesystem_error("Cannot list launcher versions", folder, error);
-  return entries;
+/// In no order. A missing folder holds no version; one that cannot be read is no answer.
+std::vector<fs::path> version_entries(const fs::path& folder) {
+  if (type_at(folder) == fs::file_type::not_found) return {};
+  return folder_entries(folder, fallback_entries, "Too many launcher versions to choose a fallback",
+                        "launcher_state");
 }
 
 }  // namespace
@@ -55,13 +54,10 @@ LauncherStore::LauncherStore(const fs::path& root, bool staged_install)
     : LauncherStore(root, Paths{}) {
   if (!staged_install) require_complete_native_install(root_);
   const auto make_private = [&](const fs::path& folder) {
-    named(root_, folder, [&] { private_directory(folder); });
+    advising(root_, folder, [&] { private_directory(folder); });
   };
   make_private(directory_);
-  constexpr std::array<std::string_view, 9> folders = {
-      "versions", "manifests", "downloads",       "download-intents", "staging",
-      "intents",  "health",    "leases/versions", "leases/attempts"};
-  for (const auto folder : folders) make_private(child(folder));
+  for (const auto folder : launcher_folders) make_private(child(folder));
   record();
 }
 
@@ -90,7 +86,8 @@ std::unique_ptr<LauncherStore> LauncherStore::for_launch(const fs::path& root) {
 }
 
 fs::path LauncherStore::child(std::string_view relative) const {
-  return named(root_, directory_ / relative, [&] { return safe_join(directory_, relative, true); });
+  return advising(root_, directory_ / relative,
+                  [&] { return safe_join(directory_, relative, true); });
 }
 
 LauncherRecord LauncherStore::record() const {
@@ -98,7 +95,7 @@ LauncherRecord LauncherStore::record() const {
   std::error_code error;
   // Only a name that is surely absent means a new store; all else must be readable.
   if (fs::symlink_status(path, error).type() == fs::file_type::not_found) return {};
-  const json document = named(root_, path, [&] {
+  const json document = advising(root_, path, [&] {
     return parse_json(read_file(path, launcher_record_bytes), launcher_record_bytes);
   });
   try {
@@ -148,15 +145,12 @@ fs::path LauncherStore::payload(const LauncherReference& reference) const {
 LauncherReference LauncherStore::newest_version() const {
   std::optional<LauncherReference> newest;
   fs::file_time_type newest_time;
-  std::size_t seen = 0;
-  for (const auto& entry : version_entries(child("versions"))) {
-    require(++seen <= fallback_entries, "launcher_state",
-            "Too many launcher versions to choose a fallback");
-    if (!is_version_folder(entry)) continue;
+  for (const auto& folder : version_entries(child("versions"))) {
+    if (!is_version_folder(folder)) continue;
     try {
-      auto reference = stored_reference(path_utf8(entry.path().filename()));
+      auto reference = stored_reference(path_utf8(folder.filename()));
       manifest(reference);
-      const auto time = entry.last_write_time();
+      const auto time = fs::last_write_time(folder);
       if (newest && time <= newest_time) continue;
       newest = std::move(reference);
       newest_time = time;
@@ -178,7 +172,7 @@ LauncherReference LauncherStore::stored_reference(const std::string& name) const
 }
 
 std::unique_ptr<FileLock> LauncherStore::lock(const fs::path& path, LockMode mode) const {
-  return named(root_, path, [&] { return std::make_unique<FileLock>(path, false, mode); });
+  return advising(root_, path, [&] { return std::make_unique<FileLock>(path, false, mode); });
 }
 
 std::unique_ptr<FileLock> LauncherStore::owner() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -21,6 +22,11 @@ namespace tavro {
 std::filesystem::path ordinary_root(const std::filesystem::path& path);
 
 class TufClient;
+
+/// The folders of a store, below its own, in the order in which they are made.
+inline constexpr std::array<std::string_view, 9> launcher_folders = {
+    "versions", "manifests", "downloads",       "download-intents", "staging",
+    "intents",  "health",    "leases/versions", "leases/attempts"};
 
 /// Told the name of each phase of a staging, and whether its progress counts bytes.
 using StagingPhase = std::function<void(std::string_view name, bool counts_bytes)>;

@@ -1,101 +1,172 @@
 #include "launcher/store_repair.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
+#include <optional>
 #include <string_view>
-#include <system_error>
+#include <utility>
 
 #include "domain/crypto.h"
+#include "domain/error.h"
 #include "domain/input.h"
-#include "platform/files/private_storage.h"
-#include "platform/host/system_calls.h"
+#include "installation/data_folder.h"
+#include "installation/own_files.h"
+#include "installation/repair_advice.h"
+#include "launcher/launcher_record.h"
+#include "launcher/launcher_store.h"
+#include "platform/archives/snapshot.h"
+#include "platform/files/folder_access.h"
+#include "platform/files/managed_tree.h"
 
 namespace tavro {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr mode_t lock_mode = S_IRUSR | S_IWUSR;
-/// Far more than a store ever holds.
-constexpr std::size_t most_leases = 65536;
+constexpr unsigned long tree_entries = 250000;
+constexpr char too_many[] = "Directory entry count exceeds bounds";
+constexpr std::size_t digest_characters = 64;
 
-/// A word of a command line, in single quotes where the shell would read more into it.
-std::string command_word(const std::string& word) {
-  constexpr std::string_view plain =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%=";
-  if (!word.empty() && word.find_first_not_of(plain) == word.npos) return word;
-  std::string quoted = "'";
-  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
+/// The digest that a version or a descriptor has for its name; empty for any other name.
+std::string digest_of(const fs::path& path, std::string_view extension) {
+  const std::string name = path_utf8(path.filename());
+  const bool fits = name.ends_with(extension) &&
+                    is_lower_hex(name.substr(0, name.size() - extension.size()), digest_characters);
+  return fits ? name.substr(0, digest_characters) : std::string();
 }
 
-/// Codes that say nothing against the file.
-bool says_nothing(std::string_view code) {
-  constexpr std::array<std::string_view, 3> codes = {"busy", "cancelled", "insufficient_space"};
-  return std::find(codes.begin(), codes.end(), code) != codes.end();
-}
+class StoreRepair {
+ public:
+  explicit StoreRepair(const fs::path& root) : root_(root), directory_(DataPaths(root).launcher) {}
 
-/// Whether it had to be made private, and is so now.
-bool mend_lock(const fs::path& path) {
-  const auto named = posix_files::node_at(path);
-  if (!named || !S_ISREG(named->st_mode) || named->st_nlink != 1 || named->st_uid != ::geteuid() ||
-      (named->st_mode & posix_files::mode_bits) == lock_mode)
-    return false;
-  // A file that its own user may neither read nor write stays: there is no descriptor to mend it
-  // by.
-  constexpr int flags = O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-  UniqueFd file = posix_files::open(path, O_RDONLY | flags);
-  if (!file) file = posix_files::open(path, O_WRONLY | flags);
-  const auto held = posix_files::node_of(file.get());
-  return held && posix_files::same_node(*held, *named) &&
-         retried([&] { return system_calls().fchmod(file.get(), lock_mode); }) == 0;
-}
-
-/// The files of this folder that bear the name of a lease.
-std::vector<fs::path> leases(const fs::path& folder, std::size_t characters) {
-  std::vector<fs::path> found;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string name = path_utf8(entry->path().filename());
-    if (name.size() == characters + 5 && name.ends_with(".lock") &&
-        is_lower_hex(std::string_view(name).substr(0, characters), characters))
-      found.push_back(entry->path());
-    if (found.size() == most_leases) break;
+  std::vector<std::string> run() {
+    for (const auto folder : launcher_folders) clear_place(folder);
+    const LauncherStore store(root_);
+    const auto owner = store.owner();
+    auto record = store.record();
+    const auto& selected = record.active ? record.active : record.candidate;
+    selected_ = selected ? selected->manifest_sha256 : std::string();
+    set_strangers_aside();
+    prove_descriptors();
+    prove_versions();
+    if (forget(record, store)) store.save(record);
+    return std::move(done_);
   }
-  std::sort(found.begin(), found.end());
-  return found;
-}
+
+ private:
+  void set_aside(const fs::path& path, std::string_view why) {
+    const fs::path aside = set_aside_from_store(root_, path);
+    done_.push_back(path_utf8(path) + std::string(why) + " and was set aside as " +
+                    path_utf8(aside));
+  }
+
+  /// Also on the way to a folder: behind a link lies what is not this store's.
+  void clear_place(const fs::path& folder) {
+    fs::path path = directory_;
+    for (const auto& name : folder) {
+      path /= name;
+      const auto type = type_at(path);
+      if (type == fs::file_type::not_found) return;
+      if (type != fs::file_type::directory) return set_aside(path, " is no folder");
+    }
+  }
+
+  /// What no budget of the store accepts. A version is proved as a whole.
+  void set_strangers_aside() {
+    const fs::path versions = directory_ / "versions";
+    std::vector<fs::path> found;
+    walk_tree(directory_, tree_entries, too_many, [&](const auto& entry, std::string_view) {
+      const auto type = entry.symlink_status().type();
+      const bool of_version =
+          entry.path().parent_path() != versions && within(entry.path(), versions);
+      if (type != fs::file_type::directory && type != fs::file_type::regular && !of_version)
+        found.push_back(entry.path());
+    });
+    for (const auto& path : found) set_aside(path, " is neither a file nor a folder");
+  }
+
+  std::vector<fs::path> entries(std::string_view folder) const {
+    auto found = folder_entries(directory_ / folder, tree_entries, too_many);
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+  void prove_descriptors() {
+    for (const auto& path : entries("manifests")) {
+      const std::string name = digest_of(path, ".json");
+      if (name.empty() || name == selected_ || proves_descriptor(path, name)) continue;
+      set_aside(path, " is not the descriptor that its name says");
+    }
+  }
+
+  static bool proves_descriptor(const fs::path& path, const std::string& name) {
+    try {
+      return digest(read_file(path, launcher_descriptor_bytes), "sha256") == name;
+    } catch (const Error&) {
+      return false;
+    }
+  }
+
+  void prove_versions() {
+    for (const auto& path : entries("versions")) {
+      const std::string name = digest_of(path, "");
+      if (name.empty() || name == selected_ || proves_version(path, name)) continue;
+      set_aside(path, " does not prove");
+    }
+  }
+
+  /// Without a descriptor, that nothing in it is in the way; the next one proves the rest.
+  bool proves_version(const fs::path& path, const std::string& name) const {
+    try {
+      const auto manifest = descriptor(name);
+      if (manifest)
+        verify_snapshot_tree(*manifest, path);
+      else
+        tree_bytes(path, tree_entries);
+      return true;
+    } catch (const Error&) {
+      return false;
+    }
+  }
+
+  std::optional<LauncherManifest> descriptor(const std::string& name) const {
+    const fs::path path = directory_ / "manifests" / (name + ".json");
+    if (!stands(path)) return std::nullopt;
+    return LauncherManifest::parse(
+        parse_json(read_file(path, launcher_descriptor_bytes), launcher_descriptor_bytes));
+  }
+
+  /// Whether the record named a version that is not there any more, as a whole.
+  bool forget(LauncherRecord& record, const LauncherStore& store) {
+    bool forgotten = false;
+    for (auto* named : {&record.rollback, &record.candidate}) {
+      if (!*named || (*named)->manifest_sha256 == selected_ || is_whole(**named, store)) continue;
+      done_.push_back("launcher build " + (*named)->build_id + " is no longer tried");
+      named->reset();
+      forgotten = true;
+    }
+    return forgotten;
+  }
+
+  static bool is_whole(const LauncherReference& reference, const LauncherStore& store) {
+    try {
+      store.manifest(reference);
+      return stands(store.payload(reference));
+    } catch (const Error&) {
+      return false;
+    }
+  }
+
+  const fs::path root_;
+  const fs::path directory_;
+  /// Digest of the version that is proved already; empty when there is none.
+  std::string selected_;
+  std::vector<std::string> done_;
+};
 
 }  // namespace
 
-std::string repair_command(const fs::path& root) {
-  return "tavro-install repair --data-dir " + command_word(path_utf8(root));
-}
-
-Error naming(const Error& error, const fs::path& root, const fs::path& file) {
-  if (says_nothing(error.code)) return error;
-  std::string message = error.what();
-  const std::string name = path_utf8(file);
-  if (message.find(name) == message.npos) message += ": " + name;
-  auto commands = error.next_commands;
-  if (commands.empty()) commands.push_back(repair_command(root));
-  return {error.code, message, commands};
-}
-
-std::vector<fs::path> mend_store_locks(const fs::path& root) {
-  const fs::path launcher = root / "launcher";
-  std::vector<fs::path> locks = {launcher / "bootstrap.lock"};
-  for (const auto& [folder, characters] :
-       {std::pair("versions", std::size_t{64}), std::pair("attempts", std::size_t{32})})
-    for (auto& lease : leases(launcher / "leases" / folder, characters))
-      locks.push_back(std::move(lease));
-  std::erase_if(locks, [](const fs::path& path) { return !mend_lock(path); });
-  return locks;
+std::vector<std::string> mend_launcher_store(const fs::path& root) {
+  return advising(root, [&] { return StoreRepair(root).run(); });
 }
 
 }  // namespace tavro

@@ -2,36 +2,19 @@
 
 #include <filesystem>
 #include <string>
-#include <utility>
 #include <vector>
-
-#include "domain/error.h"
 
 namespace tavro {
 
-/// The command that mends the installation in this data folder, as a user types it.
-std::string repair_command(const std::filesystem::path& root);
-
-/// The failure of something done to a file of the store below `root`, with the same code. Its
-/// message ends in the file, unless it names it already; its next command is a repair, unless it
-/// has one. What only says that somebody is at work, or that the disk is full, stays as it is.
-Error naming(const Error& error, const std::filesystem::path& root,
-             const std::filesystem::path& file);
-
-/// What `step` answers; its failures are those of `naming`.
-template <typename Step>
-auto named(const std::filesystem::path& root, const std::filesystem::path& file, Step&& step) {
-  try {
-    return std::forward<Step>(step)();
-  } catch (const Error& error) {
-    throw naming(error, root, file);
-  }
-}
-
-/// Makes the store's own lock files usable again whose mode a copy or a tool changed: `launcher/
-/// bootstrap.lock` and the leases of versions and attempts. Only ordinary files of this user with
-/// one name are touched, and only their mode; whatever else bears such a name stays. Returns the
-/// paths mended. Best effort: what cannot be mended fails where it is used.
-std::vector<std::filesystem::path> mend_store_locks(const std::filesystem::path& root);
+/// Mends what keeps updates and starts from a store whose selected version is sound: something else
+/// in the place of one of its folders, links and special files, descriptors that are not what their
+/// name says, and versions that their descriptor does not prove. It sets them aside, and the record
+/// no longer names what is not whole: the next update brings it anew. The active version, without
+/// one the candidate, is not looked at.
+///
+/// Answers what was done, one sentence part an entry. To be called where nothing runs from the
+/// finished installation. Throws what `LauncherStore` and `set_aside_from_store` throw; the next
+/// call goes on.
+std::vector<std::string> mend_launcher_store(const std::filesystem::path& root);
 
 }  // namespace tavro

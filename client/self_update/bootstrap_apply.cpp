@@ -10,6 +10,7 @@
 #include "domain/product_name.h"
 #include "installation/data_folder.h"
 #include "installation/installed_brand.h"
+#include "installation/own_files.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
@@ -118,7 +119,7 @@ class WaitingUpdate {
     try {
       (void)working_bootstrap(paths_);
     } catch (const Error& error) {
-      fail(error.code, path_utf8(paths_.manifest) + ": " + error.what() +
+      fail(error.code, message_naming(error, paths_.manifest) +
                            branded("; repair Tavro by running its installer again"));
     }
   }

@@ -38,6 +38,20 @@ bool same_file(const fs::path& left, const fs::path& right) {
   return one && other && posix_files::same_node(*one, *other);
 }
 
+/// The first link on the way from `root`, itself included, to a file in it; empty without one.
+fs::path link_on_way(const fs::path& root, const fs::path& file) {
+  fs::path walked = root;
+  const auto is_link = [&] {
+    const auto node = posix_files::node_at(walked);
+    return node && S_ISLNK(node->st_mode);
+  };
+  for (const auto& name : file) {
+    if (is_link()) return walked;
+    walked /= name;
+  }
+  return is_link() ? walked : fs::path();
+}
+
 bool give_name(const fs::path& file, const fs::path& name) {
   return retried([&] { return system_calls().link(file.c_str(), name.c_str()); }) == 0;
 }
@@ -122,8 +136,18 @@ BootstrapMoves::BootstrapMoves(const BootstrapPaths& paths,
   if (update) order_.push_back(update->executable);
   // Only now: until the new entry point is in place, the old one may need them.
   order_.insert(order_.end(), unneeded.begin(), unneeded.end());
+  keep_within_the_trees();
   complete_exchanges();
   moves_ = earlier_moves();
+}
+
+void BootstrapMoves::keep_within_the_trees() {
+  for (const auto& [path, file] : update_)
+    if (const auto link = link_on_way(paths_.update, path); !link.empty())
+      native_files::remove_or_trash(link, {});
+  std::erase_if(order_, [&](const fs::path& path) {
+    return !link_on_way(paths_.installed, path.parent_path()).empty();
+  });
 }
 
 BootstrapMoves::Move BootstrapMoves::places(const std::string& path) const {
@@ -156,10 +180,10 @@ std::optional<BootstrapMoves::Move> BootstrapMoves::earlier_move(const std::stri
 }
 
 void BootstrapMoves::complete_exchanges() const {
-  for (const auto& entry : update_) {
-    const auto& path = entry.first;
+  for (const auto& path : order_) {
     const Move move = places(path);
-    if (!working_.contains(path) || !is_file_itself(move.target)) continue;
+    if (!update_.contains(path) || !working_.contains(path) || !is_file_itself(move.target))
+      continue;
     const auto is_new = [&](const fs::path& place) {
       return lists(update_, path, place) && !lists(working_, path, place);
     };

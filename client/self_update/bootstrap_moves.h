@@ -74,6 +74,9 @@ class BootstrapMoves {
     std::filesystem::path aside;
   };
 
+  /// No file may move to or from where a link leads: one in the staged tree goes, so that what is
+  /// behind it counts as missing, and what the installed tree has behind one is left out.
+  void keep_within_the_trees();
   Move places(const std::string& path) const;
   /// Whether a ".old" beside a missing file can be that file, and not one left from an update
   /// before: such a one is a file of the old manifest, or a folder that made way for the file.

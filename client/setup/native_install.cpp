@@ -15,8 +15,10 @@
 #include "installation/cancellation.h"
 #include "installation/closed_proof.h"
 #include "installation/own_files.h"
+#include "installation/own_folders.h"
 #include "launcher/launcher_store.h"
 #include "launcher/start_marker.h"
+#include "launcher/store_repair.h"
 #include "package/native_package.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/durable_files.h"
@@ -205,7 +207,8 @@ void append(std::vector<std::string>& all, std::vector<std::string> more) {
 
 /// A trust folder whose root has the form of one may still hold what no client could use.
 std::vector<std::string> mend_trust(const DataPaths& paths, const NativePackage& package) {
-  const TrustDamage mended = mend_trust_folder(paths.trust, package.root_metadata);
+  const TrustDamage mended =
+      naming(paths.trust, [&] { return mend_trust_folder(paths.trust, package.root_metadata); });
   std::vector<std::string> done;
   if (mended.root)
     done.push_back(path_utf8(paths.trust / "root.json") +
@@ -249,6 +252,7 @@ class LockedRun {
     fresh_ = was_absent_ && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
     make_private(paths_.native);
+    append(mended_, open_own_folders(paths_, OthersFolders::refused));
     append(mended_, mend_locks(paths_));
     const NativeFileLock closed =
         wait_for_tavro_closed(paths_, std::chrono::milliseconds(0), cancellation_);
@@ -262,6 +266,7 @@ class LockedRun {
     }
     if (!plan.trust) append(mended_, mend_trust(paths_, package_));
     commit(paths_, package_, plan);
+    if (!plan.launcher) append(mended_, mend_launcher_store(paths_.root));
     // What was proved or replaced just now has not failed to start.
     if (repair_) clear_failed_starts(paths_.root);
 

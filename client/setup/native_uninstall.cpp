@@ -14,6 +14,7 @@
 #include "installation/closed_proof.h"
 #include "installation/installed_brand.h"
 #include "installation/own_files.h"
+#include "installation/own_folders.h"
 #include "package/brand.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
@@ -149,6 +150,7 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
   });
   // Another run may have come and gone since the first look.
   require_removable(paths);
+  open_own_folders(paths, OthersFolders::passed);
   mend_locks(paths);
   {
     const NativeFileLock closed = wait_for_tavro_closed(paths, request.timeout, cancellation);

@@ -56,7 +56,7 @@ const char* phase_line(std::string_view phase) {
 
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program,
                       std::string_view seal, const std::function<bool()>& cancelled) {
-  ReportForm form = ReportForm::text;
+  ReportForm form = ReportForm::text_and_commands;
   try {
     const bool installer = program == "tavro-install";
     SetupCommand command = parse_setup_command(arguments, default_data_root(arguments));

@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include <exception>
-#include <iostream>
 
 #include "console/console_report.h"
 #include "launcher/launcher_status.h"
@@ -44,11 +43,9 @@ std::optional<int> answer_help(const std::vector<std::string>& arguments) {
 
 int print_help(bool as_json) {
   if (as_json)
-    std::cout << compact_line({{"schema_version", 1}, {"kind", "help"}, {"text", cli_help()}})
-              << "\n";
+    write_line(compact_line({{"schema_version", 1}, {"kind", "help"}, {"text", cli_help()}}));
   else
-    std::cout << cli_help();
-  std::cout.flush();
+    write_text(cli_help());
   return 0;
 }
 
@@ -57,10 +54,7 @@ bool asks_for_status(const CliEntry& line) {
 }
 
 int print_status(const LauncherStore& store, bool as_json) {
-  if (as_json)
-    std::cout << compact_line(store.status()) << std::endl;
-  else
-    std::cout << status_sentences(store, store.record()) << std::endl;
+  write_line(as_json ? compact_line(store.status()) : status_sentences(store, store.record()));
   return 0;
 }
 

@@ -13,9 +13,9 @@
 #include "domain/input.h"
 #include "domain/product_name.h"
 #include "installation/data_folder.h"
+#include "installation/repair_advice.h"
 #include "launcher/launcher_startup.h"
 #include "launcher/start_marker.h"
-#include "launcher/store_repair.h"
 #include "maintenance/maintenance_control.h"
 #include "platform/archives/snapshot.h"
 #include "platform/process/image_replacement.h"
@@ -55,6 +55,12 @@ std::optional<LauncherReference> newest_on_disk(const LauncherStore& store) {
 /// somebody who is at work.
 bool lies_with_the_disk(std::string_view code) {
   return local_storage_failure(code) || code == "lock_failed" || code == "unsafe_path";
+}
+
+/// A version that does not start, why not, and what the user can do about it.
+void tell(std::string_view what, const Error& error, std::string_view end) {
+  std::cerr << "tavro: " << what << " (" << error.code << "): " << error.what() << end << std::endl;
+  for (const auto& command : error.next_commands) std::cerr << "Try: " << command << std::endl;
 }
 
 /// One run of the bootstrap.
@@ -133,8 +139,7 @@ std::optional<int> BootstrapRun::start_waiting(const LauncherStore& store,
     if (error.code == "launcher_running" && asks_for_status(line_))
       return print_status(store, line_.json);
     if (!record.active || !lies_with_the_disk(error.code)) throw;
-    std::cerr << "tavro: the waiting version cannot be tried (" << error.code
-              << "): " << error.what() << "; the working one starts" << std::endl;
+    tell("the waiting version cannot be tried", error, "; the working one starts");
     return std::nullopt;
   }
 }
@@ -149,7 +154,7 @@ std::optional<int> BootstrapRun::answer(const std::vector<std::string>& argument
   const auto control =
       native_maintenance_control(root_, line_.args, [this] { return cancelled(); });
   if (!control.is_null()) {
-    std::cout << compact_line(control) << std::endl;
+    write_line(compact_line(control));
     return 0;
   }
   const auto maintenance = maintenance_arguments(forwarded, root_);
@@ -190,9 +195,7 @@ void BootstrapRun::try_version(const LauncherStore& store, const LauncherReferen
   try {
     become(store, reference);
   } catch (const Error& error) {
-    std::cerr << "tavro: launcher version unusable (" << error.code << "): " << error.what()
-              << std::endl;
-    for (const auto& command : error.next_commands) std::cerr << "Try: " << command << std::endl;
+    tell("launcher version unusable", error, "");
     last_code_ = error.code;
     last_message_ = error.what();
   } catch (const std::exception& error) {

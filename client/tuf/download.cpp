@@ -8,6 +8,7 @@
 #include "domain/input.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/safe_path.h"
+#include "platform/files/torn_write.h"
 #include "platform/host/system_calls.h"
 #include "tuf/download_record.h"
 #include "tuf/resumable_target.h"
@@ -80,6 +81,7 @@ void TufClient::Impl::bring_in(TargetRequest& request) {
   require_no_folder(request.final_path);
   const bool complete = already_there(request.final_path, request.description, request.progress);
   private_directory(request.final_path.parent_path());
+  torn_write::remove_leftovers(request.final_path.parent_path(), {});
   if (complete) {
     DownloadAdmission admission = unused_admission(request.final_path);
     admission.complete = true;

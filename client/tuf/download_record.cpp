@@ -8,6 +8,7 @@
 #include "domain/input.h"
 #include "domain/json_fields.h"
 #include "domain/relative_path.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/safe_path.h"
 #include "tuf/tuf_state.h"
 
@@ -56,11 +57,9 @@ class Search {
   std::optional<ResumeCandidate> run() {
     const fs::path final_path = safe_join(directory_, claim_.target, false);
     final_name_ = path_utf8(final_path.filename());
-    unsigned entries = 0;
-    for (const auto& entry : fs::directory_iterator(final_path.parent_path())) {
-      require(++entries <= max_entries, "size_limit",
-              "Download directory exceeds its bounded resume scan");
-      const std::string name = path_utf8(entry.path().filename());
+    for (const auto& entry : folder_entries(final_path.parent_path(), max_entries,
+                                            "Download directory exceeds its bounded resume scan")) {
+      const std::string name = path_utf8(entry.filename());
       if (name.starts_with(final_name_ + '.') && name.ends_with(suffix_)) weigh(name);
     }
     require(best_ || records_ < max_records, not_admitted,

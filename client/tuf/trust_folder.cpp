@@ -13,6 +13,7 @@
 #include "domain/input.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
@@ -109,10 +110,9 @@ class Proof {
 
   void list() {
     if (!bears_name(directory_)) return;
-    for (const auto& entry : fs::directory_iterator(directory_)) {
-      require(names_.size() < max_entries, "size_limit", "Trust folder holds too many entries");
-      names_.insert(path_utf8(entry.path().filename()));
-    }
+    for (const auto& entry :
+         folder_entries(directory_, max_entries, "Trust folder holds too many entries"))
+      names_.insert(path_utf8(entry.filename()));
   }
 
   void choose_root(json packaged) {

@@ -2,8 +2,11 @@
 
 #include <future>
 
+#include "installation/own_files.h"
+#include "installation/repair_advice.h"
 #include "launcher/store_repair.h"
 #include "platform/archives/snapshot.h"
+#include "platform/files/managed_tree.h"
 #include "support/sealed_package.h"
 
 namespace tavro::launcher_store_test {
@@ -26,7 +29,7 @@ class Store : public testing::Test {
   }
   std::string stored() { return read_file(store.directory() / "installation.json", 100000); }
 
-  void seed() { store.seed_initial(descriptor, package.path("launcher_archive")); }
+  json seed() { return store.seed_initial(descriptor, package.path("launcher_archive")); }
 
   TempFolder folder;
   SealedPackage package{folder.path()};
@@ -91,23 +94,59 @@ TEST_F(Store, NamesTheFileThatKeepsItFromWorkAndMendsItsLocks) {
   for (const auto& lock : {owner, lease}) {
     fs::permissions(lock, fs::perms::all);
     refused(lock, "lock_failed");
-    EXPECT_THAT(mend_store_locks(root), testing::ElementsAre(lock));
+    EXPECT_EQ(mend_locks(DataPaths(root)).size(), 1U);
     work();
     fs::remove(lock);
     fs::create_directory(lock);
     refused(lock, "lock_failed");
-    EXPECT_TRUE(mend_store_locks(root).empty());
-    fs::remove(lock);
+    EXPECT_EQ(mend_locks(DataPaths(root)).size(), 1U);
+    work();
   }
   write("installation.json", "{");
-  EXPECT_THAT(failure_of([&] { store.record(); }),
-              testing::HasSubstr((store.directory() / "installation.json").string()));
+  EXPECT_FAILURE(store.record(), "invalid_json: Not a whole JSON document: " +
+                                     (store.directory() / "installation.json").string());
   fs::remove(store.directory() / "installation.json");
   fs::remove_all(store.directory() / "leases");
   write("leases", "");
   EXPECT_THAT(failure_of([&] { LauncherStore{root}; }),
               testing::HasSubstr((store.directory() / "leases").string()));
   EXPECT_EQ(repair_command("/a b/it's"), "tavro-install repair --data-dir '/a b/it'\\''s'");
+}
+
+TEST_F(Store, IsMendedWithoutALookAtItsActiveVersion) {
+  auto record = store.record();
+  const auto candidate = LauncherReference::parse(seed());
+  const auto active = LauncherReference::parse(version("0.9.0", 0));
+  const auto tree = store.payload(candidate);
+  record.active = record.rollback = active;
+  record.candidate = candidate;
+  store.save(record);
+  EXPECT_TRUE(mend_launcher_store(root).empty());
+  const auto link = [&](const fs::path& path) {
+    fs::remove_all(path);
+    fs::create_symlink(folder.path(), path);
+  };
+  const std::map<std::string, std::function<void()>> damages = {
+      {"folder", [&] { link(store.directory() / "leases"); }},
+      {"entry", [&] { link(store.directory() / "downloads/x"); }},
+      {"descriptor", [&] { write("manifests/" + candidate.manifest_sha256 + ".json", "{}"); }},
+      {"tree", [&] { write("versions/" + candidate.manifest_sha256 + "/odd", ""); }},
+      {"link in a tree", [&] { link(tree / "bin"); }},
+      {"version", [&] { fs::remove_all(tree); }}};
+  const TempFolder kept;
+  fs::copy(root, kept.path() / "data", fs::copy_options::recursive);
+  for (const auto& [name, damage] : damages) {
+    SCOPED_TRACE(name);
+    fs::remove_all(root);
+    fs::copy(kept.path() / "data", root, fs::copy_options::recursive);
+    damage();
+    EXPECT_FALSE(mend_launcher_store(root).empty());
+    EXPECT_TRUE(mend_launcher_store(root).empty());
+    EXPECT_GT(tree_bytes(store.directory(), 1000), 0U);
+    EXPECT_EQ(store.record().active, active);
+    EXPECT_EQ(store.record().candidate.has_value(), name == "folder" || name == "entry");
+    EXPECT_EQ(fs::exists(root / "native/set-aside"), name != "version");
+  }
 }
 
 TEST_F(Store, PreservesARecordThatItCannotUse) {

@@ -65,12 +65,12 @@ ssize_t striking_write(int descriptor, const void* bytes, std::size_t size) {
   .name = [](auto... arguments) { return carry_out(#name, strike.real->name, arguments...); }
 
 constexpr SystemCalls striking_calls{
-    TAVRO_STRIKING(open),         TAVRO_STRIKING(openat),    .write = striking_write,
-    TAVRO_STRIKING(fsync),        TAVRO_STRIKING(rename),    TAVRO_STRIKING(renameat2),
-    TAVRO_STRIKING(link),         TAVRO_STRIKING(unlink),    TAVRO_STRIKING(unlinkat),
-    TAVRO_STRIKING(rmdir),        TAVRO_STRIKING(mkdir),     TAVRO_STRIKING(mkdirat),
-    TAVRO_STRIKING(fchmod),       TAVRO_STRIKING(ftruncate), TAVRO_STRIKING(fallocate),
-    TAVRO_STRIKING(fremovexattr), TAVRO_STRIKING(flock)};
+    TAVRO_STRIKING(open),      TAVRO_STRIKING(openat),       .write = striking_write,
+    TAVRO_STRIKING(fsync),     TAVRO_STRIKING(rename),       TAVRO_STRIKING(renameat2),
+    TAVRO_STRIKING(link),      TAVRO_STRIKING(unlink),       TAVRO_STRIKING(unlinkat),
+    TAVRO_STRIKING(rmdir),     TAVRO_STRIKING(mkdir),        TAVRO_STRIKING(mkdirat),
+    TAVRO_STRIKING(fchmod),    TAVRO_STRIKING(fchmodat),     TAVRO_STRIKING(ftruncate),
+    TAVRO_STRIKING(fallocate), TAVRO_STRIKING(fremovexattr), TAVRO_STRIKING(flock)};
 #undef TAVRO_STRIKING
 
 const SystemCalls& armed(int nth, int error, Fault fault, std::string_view only) {

@@ -1,6 +1,7 @@
 #include "tuf/resumable_target.h"
 
 #include "platform/files/durable_files.h"
+#include "platform/files/held_directory.h"
 #include "support/fail_nth_call.h"
 #include "tuf/trusted_client.h"
 
@@ -85,6 +86,8 @@ TEST_F(ResumableTarget, IsWholeAtTheEndWhereverARunStops) {
         EXPECT_EQ(read_file(folder / "file", 1u << 20), server.content);
         EXPECT_TRUE(at == 0 || at == server.content.size() || server.offsets.at(0) == at);
         EXPECT_LE(ending(".resume.json").size(), 1u);
+        for (const auto& left : ending(".tmp"))
+          EXPECT_FALSE(posix_files::is_set_aside(left.filename().native())) << left;
       };
       const auto work = [&] { download(); };
       EXPECT_GT(strike_each_call(fault, EIO, prepare, work, check), 20);

@@ -123,11 +123,11 @@ class DirectoryWalk {
   void require_own(int descriptor, const struct stat& node) const {
     if (node.st_uid == ::geteuid() && (node.st_mode & mode_bits) != S_IRWXU) {
       // Narrowing the mode would quietly take from an access list what it grants.
-      require_private_acl(descriptor, true);
+      require_private_acl(descriptor, true, target_);
       if (retried([&] { return system_calls().fchmod(descriptor, S_IRWXU); }) != 0)
         refuse_because("permissions", "Cannot restrict ", " directory permissions");
     }
-    private_node(descriptor, true);
+    private_node(descriptor, true, target_);
   }
 
   const fs::path& target_;

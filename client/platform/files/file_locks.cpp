@@ -10,6 +10,7 @@
 #include <iterator>
 
 #include "domain/error.h"
+#include "domain/input.h"
 #include "domain/product_name.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/private_storage.h"
@@ -97,9 +98,10 @@ FileLock::FileLock(const fs::path& path, bool wait, LockMode mode) {
     return "Cannot open operation lock" + posix_files::failed_because(path, error);
   });
   const auto node = posix_files::node_of(descriptor_.get());
-  require(node && own_lock_file(*node), "lock_failed",
-          "Operation lock must be an ordinary private owned file");
-  posix_files::require_private_acl(descriptor_.get(), false);
+  require(node && own_lock_file(*node), "lock_failed", [&path] {
+    return "Operation lock must be an ordinary private owned file: " + path_utf8(path);
+  });
+  posix_files::require_private_acl(descriptor_.get(), false, path);
   require(take(descriptor_.get(), mode, wait), "busy",
           [] { return branded("Another Tavro operation is using this state"); });
 }

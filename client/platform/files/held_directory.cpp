@@ -36,16 +36,27 @@ int unlink_in(int directory, const char* name, int flags) noexcept {
   return gone ? 0 : errno;
 }
 
+/// Removes what a directory holds. One of this user's own that has lost its rights gets them back.
+int empty_directory(int directory, const char* name) {
+  const auto& calls = system_calls();
+  for (bool given = false;; given = true) {
+    const UniqueFd below(
+        retried([&] { return calls.openat(directory, name, walk_flags, mode_t{}); }));
+    const int error = below ? remove_all_in(below.get()) : errno;
+    if (error != EACCES || given) return error;
+    if (retried([&] { return calls.fchmodat(directory, name, S_IRWXU, AT_SYMLINK_NOFOLLOW); }) != 0)
+      return error;
+  }
+}
+
 int remove_entry(int directory, const char* name, unsigned char type) {
   if (type != DT_DIR) {
     const int error = remove_in(directory, name);
     // A directory answers EISDIR here and EPERM on other systems.
     if (error != EISDIR && error != EPERM) return error;
   }
-  const UniqueFd below(
-      retried([&] { return system_calls().openat(directory, name, walk_flags, mode_t{}); }));
-  if (!below) return errno == ENOENT ? 0 : errno;
-  const int error = remove_all_in(below.get());
+  const int error = empty_directory(directory, name);
+  if (error == ENOENT) return 0;
   return error != 0 ? error : remove_empty_in(directory, name);
 }
 

@@ -5,8 +5,10 @@
 #include <system_error>
 
 #include "domain/error.h"
+#include "domain/input.h"
 #include "platform/files/directory_chain.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/held_directory.h"
 #include "platform/files/private_storage.h"
 #include "platform/files/safe_path.h"
@@ -69,23 +71,32 @@ void walk_tree(const fs::path& root, unsigned long max_entries, std::string_view
   const std::string& prefix = root.native();
   const std::size_t skipped = prefix.size() + (prefix.ends_with('/') ? 0 : 1);
   unsigned long count = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+  std::error_code error;
+  // The step behind a folder is the one into it.
+  fs::path entered = root;
+  fs::recursive_directory_iterator entry(root, error);
+  for (const fs::recursive_directory_iterator end; !error && entry != end; entry.increment(error)) {
     require(++count <= max_entries, "size_limit", too_many);
-    visit(entry, std::string_view(entry.path().native()).substr(skipped));
+    visit(*entry, std::string_view(entry->path().native()).substr(skipped));
+    entered = entry->path();
   }
+  if (error) refuse_folder(entered, error.value());
 }
 
 unsigned long long tree_bytes(const fs::path& root, unsigned long max_entries) {
-  if (!fs::exists(root)) return 0;
-  require(fs::is_directory(root) && !fs::is_symlink(root), "unsafe_path",
-          "Expected a plain directory");
+  const auto standing = type_at(root);
+  if (standing == fs::file_type::not_found) return 0;
+  require(standing == fs::file_type::directory, "unsafe_path", "Expected a plain directory");
   unsigned long long total = 0;
   walk_tree(root, max_entries, "Directory entry count exceeds bounds",
             [&](const auto& entry, auto relative) {
               safe_join(root, relative, true);
-              require(!entry.is_symlink() && (entry.is_directory() || entry.is_regular_file()),
-                      "unsafe_path", "Tree contains a link or special file");
-              if (entry.is_directory()) return;
+              const auto type = entry.symlink_status().type();
+              const bool folder = type == fs::file_type::directory;
+              require(folder || type == fs::file_type::regular, "unsafe_path", [&] {
+                return "Tree contains a link or special file: " + path_utf8(entry.path());
+              });
+              if (folder) return;
               const auto length = static_cast<unsigned long long>(entry.file_size());
               require(!__builtin_add_overflow(total, length, &total), "size_limit",
                       "Tree size overflowed");

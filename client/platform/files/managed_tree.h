@@ -12,7 +12,8 @@ using TreeVisitor =
 
 /// Calls `visit` for each entry below the directory `root`, parents before children, without
 /// following links. `relative` is the entry's path below `root`, valid during the call. The entry
-/// beyond `max_entries` is `size_limit` with the message given.
+/// beyond `max_entries` is `size_limit` with the message given; a folder that cannot be read fails
+/// as in `refuse_folder`.
 void walk_tree(const std::filesystem::path& root, unsigned long max_entries,
                std::string_view too_many, const TreeVisitor& visit);
 

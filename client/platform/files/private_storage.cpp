@@ -40,12 +40,18 @@ const char* remedy(int error) {
       return "; close other programs and try again";
     case EROFS:
       return "; choose a place that can be written";
+    case ENOTEMPTY:
+      return "; move it away and try again";
     case EACCES:
     case EPERM:
       return "; allow this user to enter and change the folder that holds it";
     default:
       return "";
   }
+}
+
+std::string as_end(const std::filesystem::path& path) {
+  return path.empty() ? std::string() : ": " + path_utf8(path);
 }
 
 }  // namespace
@@ -68,8 +74,12 @@ std::optional<struct stat> node_at(const std::filesystem::path& path) {
 
 std::string failed_because(const std::filesystem::path& path, int error) {
   if (error == ENOENT || error == ELOOP || error == ENOTDIR) return {};
-  return ": " + path_utf8(path) + ": " + std::generic_category().message(error) + " (" +
-         std::to_string(error) + ")" + remedy(error);
+  return ": " + path_utf8(path) + because(error);
+}
+
+std::string because(int error) {
+  return ": " + std::generic_category().message(error) + " (" + std::to_string(error) + ")" +
+         remedy(error);
 }
 
 int sync(int descriptor) { return host::full_sync(descriptor); }
@@ -106,19 +116,20 @@ void secure_new_private(int descriptor, bool directory) {
   private_node(descriptor, directory);
 }
 
-void private_node(int descriptor, bool directory) {
+void private_node(int descriptor, bool directory, const std::filesystem::path& path) {
   const auto node = node_of(descriptor);
-  require(node && owned(*node) && private_by_mode(*node, directory), "permissions", [] {
+  require(node && owned(*node) && private_by_mode(*node, directory), "permissions", [&path] {
     return host::naming_system(
-        "", " private storage must be ordinary, owned and accessible only to this user");
+               "", " private storage must be ordinary, owned and accessible only to this user") +
+           as_end(path);
   });
-  require_private_acl(descriptor, directory);
+  require_private_acl(descriptor, directory, path);
 }
 
-void require_private_acl(int descriptor, bool directory) {
+void require_private_acl(int descriptor, bool directory, const std::filesystem::path& path) {
   using host::AccessLists;
-  const auto refuse = [](std::string_view before, std::string_view after) {
-    fail("permissions", host::naming_system(before, after));
+  const auto refuse = [&path](std::string_view before, std::string_view after) {
+    fail("permissions", host::naming_system(before, after) + as_end(path));
   };
   switch (host::inspect_access_lists(descriptor, directory)) {
     case AccessLists::nobody_else:
@@ -145,7 +156,7 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
     return host::naming_system("Cannot open ordinary ", " private storage") +
            failed_because(path, error);
   });
-  private_node(file.get(), directory);
+  private_node(file.get(), directory, path);
   const auto held = node_of(file.get());
   const auto named = node_at(path);
   require(held && named && same_node(*held, *named), "permissions", [] {

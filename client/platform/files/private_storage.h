@@ -30,6 +30,8 @@ std::optional<struct stat> node_at(const std::filesystem::path& path);
 /// error, and what the user can do about it. Empty for what the message says already: that nothing
 /// ordinary stands there.
 std::string failed_because(const std::filesystem::path& path, int error);
+/// The same for a message that names the path itself, whatever the error.
+std::string because(int error);
 
 /// Full durable sync of data and metadata, interruptions retried. 0, or negative with `errno` set;
 /// a failure is final.
@@ -45,12 +47,14 @@ int reserve(int descriptor, unsigned long long size);
 /// mode 0700 or 0600. Anything but an own, new node throws `permissions` and stays as it is.
 void secure_new_private(int descriptor, bool directory);
 
-/// Throws `permissions` unless the node is private. Changes nothing.
-void private_node(int descriptor, bool directory);
+/// Throws `permissions` unless the node is private, with the path in the message if there is one.
+/// Changes nothing.
+void private_node(int descriptor, bool directory, const std::filesystem::path& path = {});
 
 /// The access list's part of the definition alone. Throws `permissions`; the list is preserved. A
 /// caller that knows its node for a file saves a call.
-void require_private_acl(int descriptor, bool directory = true);
+void require_private_acl(int descriptor, bool directory = true,
+                         const std::filesystem::path& path = {});
 
 /// Proves the object that an absolute path of at most 4096 bytes names. A final link is not
 /// followed. Throws `unsafe_path` for the path's form, else `permissions`.

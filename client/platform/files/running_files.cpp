@@ -7,6 +7,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "platform/files/managed_tree.h"
+#include "platform/files/private_storage.h"
 #include "platform/host/system_calls.h"
 
 namespace tavro::native_files {
@@ -29,11 +30,14 @@ bool is_removed(const fs::path& path) noexcept {
 
 void rename_replace(const fs::path& from, const fs::path& to) {
   const bool moved = retried([&] { return system_calls().rename(from.c_str(), to.c_str()); }) == 0;
-  require(moved, "file_write", [&] { return "Cannot move " + path_utf8(from) + " into place"; });
+  require(moved, "file_write", [&from, error = errno] {
+    return "Cannot move " + path_utf8(from) + " into place" + posix_files::because(error);
+  });
 }
 
 bool remove_or_trash(const fs::path& path, const fs::path&) {
-  require(is_removed(path), "file_remove", [&] { return "Cannot remove " + path_utf8(path); });
+  require(is_removed(path), "file_remove",
+          [&path] { return "Cannot remove " + path_utf8(path) + posix_files::because(errno); });
   return true;
 }
 

@@ -10,6 +10,7 @@
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/relative_path.h"
+#include "platform/files/folder_access.h"
 #include "platform/files/private_storage.h"
 #include "platform/host/host.h"
 #include "platform/host/system_calls.h"
@@ -20,6 +21,11 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int max_system_links = 16;
+
+void refuse_link(const fs::path& path) {
+  require(type_at(path) != fs::file_type::symlink, "unsafe_path",
+          [&] { return "Managed path contains a symbolic link: " + path_utf8(path); });
+}
 
 /// A link that no ordinary user can have planted.
 bool is_system_link(const fs::path& path, const struct stat& node) {
@@ -68,7 +74,7 @@ fs::path safe_join(const fs::path& root, std::string_view relative, bool portabl
   for (std::size_t begin = 0; begin <= relative.size();) {
     const std::size_t end = std::min(relative.find('/', begin), relative.size());
     joined /= relative.substr(begin, end - begin);
-    require(!fs::is_symlink(joined), "unsafe_path", "Managed path contains a symbolic link");
+    refuse_link(joined);
     begin = end + 1;
   }
   return joined;
@@ -78,7 +84,7 @@ void require_unlinked(const fs::path& path) {
   fs::path walked = path.root_path();
   for (const auto& name : path.relative_path()) {
     walked /= name;
-    require(!fs::is_symlink(walked), "unsafe_path", "Managed path contains a symbolic link");
+    refuse_link(walked);
   }
 }
 

@@ -16,10 +16,11 @@ namespace tavro::torn_write {
 /// Whether `name` is a temporary name of an atomic write to `destination` (see `files.h`).
 bool is_temporary_name(std::string_view name, std::string_view destination);
 
-/// Removes from `folder` what cut-off atomic writes of these documents left there: regular files
-/// with such a temporary name, of this user, with one link and no access for anybody else. All
-/// others stay. Best effort, nothing is synced. To be called under the lock that guards the
-/// documents, since a writer at work has such a file too.
+/// Removes from `folder` what cut-off atomic writes of these documents and cut-off removals left
+/// there: regular files with such a temporary name, or of `posix_files::is_set_aside`'s form, of
+/// this user, with one link and no access for anybody else. All others stay. Best effort, nothing
+/// is synced. To be called under the lock that guards the documents, since a writer at work has
+/// such a file too.
 void remove_leftovers(const std::filesystem::path& folder,
                       std::initializer_list<std::string_view> documents) noexcept;
 

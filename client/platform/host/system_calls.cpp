@@ -27,6 +27,7 @@ constexpr SystemCalls real_calls{
     .mkdir = ::mkdir,
     .mkdirat = ::mkdirat,
     .fchmod = ::fchmod,
+    .fchmodat = ::fchmodat,
     .ftruncate = ::ftruncate,
     .fallocate = ::fallocate,
     .fremovexattr = ::fremovexattr,

@@ -25,6 +25,7 @@ struct SystemCalls {
   int (*mkdir)(const char* path, mode_t mode);
   int (*mkdirat)(int directory, const char* name, mode_t mode);
   int (*fchmod)(int descriptor, mode_t mode);
+  int (*fchmodat)(int directory, const char* name, mode_t mode, int flags);
   int (*ftruncate)(int descriptor, off_t size);
   int (*fallocate)(int descriptor, int mode, off_t offset, off_t size);
   int (*fremovexattr)(int descriptor, const char* name);

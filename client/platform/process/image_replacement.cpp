@@ -45,6 +45,7 @@ constexpr ArgumentTexts argument_texts = {"Too many replacement arguments",
   const fs::path before = fs::current_path(ignored);
   require(retried([&] { return ::chdir(directory.c_str()); }) == 0, "process_start",
           "Cannot enter the external maintenance runtime");
+  host::close_on_exec_from(STDERR_FILENO + 1);
   retried([&] { return ::execve(executable.c_str(), argv.data(), envp.data()); });
   const int error = errno;
   if (!before.empty()) fs::current_path(before, ignored);
@@ -87,6 +88,7 @@ void open_directory(const fs::path& path) {
   std::vector<std::string> words = {host::desktop_opener(), path.native()};
   const auto argv = image_vector(words);
   SpawnFiles files;
+  host::close_on_exec_from(STDERR_FILENO + 1);
   // What the opener has to say must not get into a program's own output.
   pid_t opener = -1;
   require(

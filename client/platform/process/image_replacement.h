@@ -11,7 +11,8 @@ namespace tavro {
 /// directory, are absolute and no links. `arguments` come after the executable's own name: at most
 /// 64, each of 4096 bytes, of 32768 together. The environment is the inherited one, less the names
 /// of the dynamic loader (LD_..., DYLD_...), with `environment` on top of it; those names pass when
-/// they stand there. The interrupt channel of a parent never passes on.
+/// they stand there. Of descriptors only the standard streams pass on, and never the interrupt
+/// channel of a parent.
 ///
 /// Returns only by throwing, with the process and its working directory as they were:
 /// `process_start`, `argument_limit`, `argument_encoding`, or `process_control` for an environment
@@ -29,7 +30,8 @@ namespace tavro {
                                const std::map<std::string, std::string>& environment);
 
 /// Shows a directory, absolute and no link, to the user through the desktop, and returns when the
-/// opener has finished; nothing of it reaches standard output. Throws `location_unavailable` before
+/// opener has finished; it gets no descriptors but the standard streams, and nothing of it reaches
+/// standard output. Throws `location_unavailable` before
 /// anything is started, else `desktop_unavailable`.
 void open_directory(const std::filesystem::path& path);
 

@@ -10,7 +10,6 @@ constexpr auto exclusive = LockMode::exclusive, shared = LockMode::shared;
 
 const std::string busy = "busy: Another Tavro operation is using this state";
 const std::string owned = "busy: Another worker owns this native installation";
-const std::string foreign = "lock_failed: Operation lock must be an ordinary private owned file";
 const std::string unfit = "lock_failed: Native ownership requires an ordinary empty private file";
 
 struct Locks : testing::Test {
@@ -24,6 +23,8 @@ struct Locks : testing::Test {
 
   TempFolder folder;
   fs::path at = folder.path(), path = at / "lock";
+  const std::string foreign =
+      "lock_failed: Operation lock must be an ordinary private owned file: " + path.string();
 };
 
 TEST_F(Locks, ExcludeAsTheirModesSayUntilTheyEnd) {

@@ -19,9 +19,9 @@ constexpr char access_list[] = "system.posix_acl_access";
 constexpr char default_list[] = "system.posix_acl_default";
 constexpr unsigned stranger = 54321, nobody = ~0u;
 const std::string impure =
-    "permissions: Linux private storage must be ordinary, owned and accessible only to this user";
+    "permissions: Linux private storage must be ordinary, owned and accessible only to this user: ";
 const std::string grants =
-    "permissions: Existing Linux storage grants another identity access; preserve it";
+    "permissions: Existing Linux storage grants another identity access; preserve it: ";
 
 struct PrivateStorage : testing::Test {
   PrivateStorage() { fs::create_directory(at, folder.path()); }
@@ -59,16 +59,17 @@ TEST_F(PrivateStorage, PreservesAListThatLetsSomebodyElseIn) {
   ASSERT_TRUE(list(access_list, stranger, 0, 0, 124));
   EXPECT_EQ(unproved(), "");
   ASSERT_TRUE(list(access_list, stranger, 0, 0, 125));
-  EXPECT_EQ(unproved(), "permissions: Linux storage ACL exceeds its bound or is invalid");
+  EXPECT_EQ(unproved(),
+            "permissions: Linux storage ACL exceeds its bound or is invalid: " + at.string());
   ASSERT_TRUE(harmless(access_list) && harmless(default_list));
   EXPECT_EQ(unproved(), "");
   ASSERT_TRUE(list(default_list, stranger, 0, 4));
-  EXPECT_EQ(unproved(), grants);
+  EXPECT_EQ(unproved(), grants + at.string());
   ASSERT_TRUE(harmless(default_list) && list(access_list, stranger, 4));
-  EXPECT_EQ(unproved(), grants);
+  EXPECT_EQ(unproved(), grants + at.string());
   // Narrowing the mode must not quietly lower the mask under which the list stands.
   fs::permissions(at, fs::perms(0750));
-  EXPECT_EQ(refused(at), grants);
+  EXPECT_EQ(refused(at), grants + at.string());
   EXPECT_EQ(fs::status(at).permissions(), fs::perms(0750));
 }
 
@@ -86,15 +87,16 @@ TEST_F(PrivateStorage, ProvesOwnershipModeTypeAndLinks) {
   std::ofstream(path) << "x";
   for (const mode_t mode : {0640, 0602, 01600, 04600, 0700}) {
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
-    EXPECT_FAILURE(require_private_path(path, false), mode == 0700 ? "" : impure);
+    EXPECT_FAILURE(require_private_path(path, false), mode == 0700 ? "" : impure + path.string());
   }
   const UniqueFd used = posix_files::open(path, O_RDWR);
   EXPECT_FAILURE(posix_files::secure_new_private(used.get(), false),
                  "permissions: New Linux private storage ownership changed");
   fs::create_hard_link(path, at / "second");
-  EXPECT_FAILURE(require_private_path(path, false), impure);
+  EXPECT_FAILURE(require_private_path(path, false), impure + path.string());
   const bool given = ::geteuid() == 0 && ::chown(at.c_str(), stranger, stranger) == 0;
-  EXPECT_EQ(refused(given ? at : "/usr"), impure);
+  const fs::path foreign = given ? at : "/usr";
+  EXPECT_EQ(refused(foreign), impure + foreign.string());
 }
 
 TEST_F(PrivateStorage, CreatesAChainOnlyBelowPlainDirectories) {

@@ -71,13 +71,14 @@ TEST_F(Process, RefusesByItsRulesAndLeavesNoProcessThatWasNotRecorded) {
 TEST_F(Process, PassesArgumentsAndTheEnvironmentOnByTheirRules) {
   for (const auto& name : {"LD_A", "DYLD_B", "LDX", "OVER", authority}) ::setenv(name, "1:3", 1);
   environment = {{"EMPTY", ""}, {"LD_X", "own"}, {"OVER", "own"}};
-  arguments = {"-c", "tr '\\0' '\\n' </proc/$$/environ >told; exit $#"};
+  arguments = {"-c", "tr '\\0' '\\n' </proc/$$/environ >told; ! [ -e /proc/$$/fd/9 ] && exit $#"};
   arguments.resize(9, full);
   arguments.back().resize(full.size() - arguments[0].size() - arguments[1].size());
   for (int mode = 0; mode < 4; ++mode) {
     const bool whole = mode % 2 == 0;
     inherited = ChildEnvironment(!whole);
     const int count = in_a_copy([&] {
+      ::dup2(STDERR_FILENO, 9);
       const auto replace = whole ? exec_process : replace_process;
       if (mode < 2) replace(image, arguments, directory, environment);
       return start().wait({});
@@ -140,10 +141,11 @@ TEST_F(Process, EndsAChildOrAsksItToStopOrLeavesItAlone) {
 TEST_F(Process, ShowsADirectoryByTheDesktopsOwnOpener) {
   const auto opener = directory / host::desktop_opener();
   for (const bool works : {false, true}) {
-    std::ofstream(opener) << "#!/bin/sh\necho \"$#$1\"\nexit " << !works;
+    std::ofstream(opener) << "#!/bin/sh\necho \"$#$1\"\n! [ -e /proc/$$/fd/9 ] && exit " << !works;
     permissions(opener, std::filesystem::perms::owner_all);
     testing::internal::CaptureStderr();
     const auto show = [&] {
+      ::dup2(STDERR_FILENO, 9);
       return setenv("PATH", directory.c_str(), 1), open_directory("/usr"), 0;
     };
     EXPECT_EQ(in_a_copy(show), works ? 0 : 255);
