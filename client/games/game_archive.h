@@ -19,6 +19,8 @@ class GameArchive {
 
   /// The archive itself: the encrypted form where there is one.
   const GameTarget& target() const noexcept { return archive_; }
+  /// That of the encrypted form.
+  const std::optional<GameTarget>& key() const noexcept { return key_; }
 
   /// Throws `key_not_published` for an encrypted release whose key the repository does not offer
   /// yet, before anything is taken, and `content_mismatch` for an archive that it signs otherwise.
