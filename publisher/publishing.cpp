@@ -118,6 +118,8 @@ CommandResult told(const RepositoryState& state, const std::filesystem::path& pa
   json roles;
   std::string list, until, first;
   const auto add = [&](const std::string& role, const json& body) {
+    // A role that still waits for its first signature.
+    if (body.at("version") == 0) return;
     const auto expires = body.at("expires").get<std::string>();
     roles[role] = {{"version", body.at("version")}, {"expires", expires}};
     list += (list.empty() ? "" : ", ") + role + ' ' + body.at("version").dump();

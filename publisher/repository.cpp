@@ -20,16 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-json empty_body(std::string_view type) {
-  return {{"_type", type}, {"spec_version", "1.0.31"}, {"version", 0}};
-}
-
-json empty_targets() {
-  json body = empty_body("targets");
-  body["targets"] = json::object();
-  return body;
-}
-
 void raise(json& body) { body["version"] = positive_version(body.at("version")) + 1; }
 
 json reference_to(const json& body, const std::string& text) {
@@ -203,6 +193,7 @@ void Repository::delegate(const std::string& delegator, const Delegation& delega
     const json& meta = state_.snapshot.at("meta");
     if (meta.contains(name + ".json")) fresh["version"] = meta.at(name + ".json").at("version");
     state_.roles[name] = std::move(fresh);
+    if (delegation.may_wait) may_wait_.insert(name);
   }
   changed_.insert(name);
 }
@@ -267,6 +258,11 @@ void Repository::publish_role(const std::string& role, Signers& signers,
   parent["meta"][role + ".json"] = reference_to(body, text);
 }
 
+bool Repository::waits(const std::string& role, const Signers& signers) const {
+  return may_wait_.contains(role) && state_.roles.at(role).at("targets").empty() &&
+         !signers.can_sign(authority_of(state_, role));
+}
+
 void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
   if (next_root_) publish_root(signers);
   require_unexpired(state_.root, [] {
@@ -275,7 +271,8 @@ void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
   const bool selected =
       std::ranges::any_of(changed_, [](auto& role) { return role != "timestamp"; });
   for (const std::string& role : changed_)
-    if (state_.roles.contains(role)) publish_role(role, signers, expiry.targets);
+    if (state_.roles.contains(role) && !waits(role, signers))
+      publish_role(role, signers, expiry.targets);
   if (selected) publish_role("snapshot", signers, expiry.snapshot);
   if (!changed_.empty()) {
     json& body = state_.timestamp;

@@ -49,7 +49,8 @@ class Repository {
   void remove_target(const std::string& role, const std::string& path);
 
   /// Delegates to a new role without targets, or gives a role of this delegator other keys, paths
-  /// or a place at the end; the role is signed anew. Throws `invalid_role` for a name that is not 1
+  /// or a place at the end; the role is signed anew, but a new one that may wait only if its keys
+  /// are at hand. Throws `invalid_role` for a name that is not 1
   /// to 100 of "a-zA-Z0-9_-", or top-level, or delegated by another role; `invalid_threshold`;
   /// `size_limit` for more roles than clients visit; and what `shape` throws.
   void delegate(const std::string& delegator, const Delegation& delegation);
@@ -79,6 +80,7 @@ class Repository {
   std::string served_name(const std::string& role, const std::string& path,
                           const std::string& sha256);
   void require_no_conflict(const std::string& role, const std::string& path, const json& hashes);
+  bool waits(const std::string& role, const Signers& signers) const;
   void publish_root(Signers& signers);
   void publish_role(const std::string& role, Signers& signers, const std::string& expires);
   std::string signed_text(const std::string& role, const json& body, Signers& signers);
@@ -88,6 +90,8 @@ class Repository {
   RepositoryState state_;
   std::optional<json> next_root_;
   std::set<std::string> changed_;
+  /// New roles that are only signed if their keys are at hand.
+  std::set<std::string> may_wait_;
   Publication publication_;
 };
 

@@ -82,6 +82,8 @@ CommandResult delegate(const Arguments& arguments, const CommandContext&) {
                         .terminating = arguments.has("--terminating")};
   require(!delegation.keys.records.empty(), "usage",
           "Choose who signs for the role with --role-key FILE");
+  // A studio keeps its key, and signs when it publishes.
+  delegation.may_wait = delegation.paths.empty() && delegation.hash_prefixes.empty();
   for (const std::string& game : arguments.values("--game"))
     std::ranges::move(game_patterns(game), std::back_inserter(delegation.paths));
   // What clients find may follow from the order of roles, and what they find makes a catalogue.

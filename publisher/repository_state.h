@@ -16,7 +16,8 @@ namespace tavro {
 /// What a repository says now: the signed bodies of its documents.
 struct RepositoryState {
   json root, timestamp, snapshot;
-  /// "targets" and every role that is reached by delegations from it.
+  /// "targets" and every role that is reached by delegations from it. One that has never been
+  /// signed has version 0 and no targets.
   std::map<std::string, json> roles;
 
   bool consistent() const { return root.value("consistent_snapshot", false); }
@@ -28,6 +29,11 @@ struct Authority {
   const json& record;
   const json& keys;
 };
+
+/// The body of a role that has not been signed yet, without its own members; and that of one that
+/// lists targets.
+json empty_body(std::string_view type);
+json empty_targets();
 
 /// The keys that the record of an authority lists.
 std::set<std::string> ids_of(const json& record);

@@ -165,8 +165,11 @@ TEST_F(GameRoad, AnEncryptedBuildOpensWithItsOwnKeyOnly) {
 
 TEST_F(GameRoad, AStudioPublishesItsGamesAndNoOther) {
   const std::string studio = " --role studio --key @studio.pem" + online;
-  done("repository delegate --name studio --game rose --role-key @studio.pem --key @studio.pem" +
-       all);
+  // The studio shows its public key only, and signs with its first release.
+  done("keys public --key @studio.pem --out @studio.json");
+  done("repository delegate --name studio --game rose --role-key @studio.json" + all);
+  EXPECT_EQ(refused("repository delegate --name other --path rose/* --role-key @studio.json" + all),
+            "signature_threshold");
   release("quest", "1", all);
   // Without the keys of the catalogue it stays behind, but it does not lie.
   EXPECT_EQ(release("rose", "1", studio)["catalogs"]["behind"].size(), 1U);
