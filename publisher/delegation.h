@@ -14,6 +14,9 @@ struct Delegation {
   /// Exactly one of the two: patterns of paths, or prefixes of their SHA-256.
   std::vector<std::string> paths, hash_prefixes;
   bool terminating = false;
+  /// The role may sign for the first time later, with its first target: its paths are its own, so
+  /// that meanwhile a client misses nothing but what it would list.
+  bool may_wait = false;
 };
 
 /// Throws `invalid_role` for what cannot be the name of a delegated role: 1 to 100 of

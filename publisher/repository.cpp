@@ -20,16 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-json empty_body(std::string_view type) {
-  return {{"_type", type}, {"spec_version", "1.0.31"}, {"version", 0}};
-}
-
-json empty_targets() {
-  json body = empty_body("targets");
-  body["targets"] = json::object();
-  return body;
-}
-
 void raise(json& body) { body["version"] = positive_version(body.at("version")) + 1; }
 
 json reference_to(const json& body, const std::string& text) {
@@ -61,6 +51,13 @@ void require_portable(const std::string& path) {
   } catch (const Error& error) {
     fail(error.code, "Cannot publish " + path + ": " + error.what());
   }
+}
+
+std::string listed_sha256(const std::string& path, const json& description) {
+  const json& hashes = description.at("hashes");
+  require(hashes.contains("sha256"), "invalid_hashes",
+          [&] { return "The repository lists no SHA-256 of " + path; });
+  return hashes.at("sha256").get<std::string>();
 }
 
 void make_served_folders(const fs::path& repository) {
@@ -134,20 +131,44 @@ void Repository::require_no_conflict(const std::string& role, const std::string&
   }
 }
 
+/// The name of new content of a path, if the role may have it.
+std::string Repository::served_name(const std::string& role, const std::string& path,
+                                    const std::string& sha256) {
+  require_no_conflict(role, path, {{"sha256", sha256}});
+  std::string name = target_name(state_, path, sha256);
+  require_portable(name);
+  return name;
+}
+
 std::string Repository::put_target(const std::string& role, const std::string& path,
                                    const fs::path& file, const Progress& progress) {
   require_portable(path);
   json& body = role_body(role);
   require_delegated(state_, role, path);
-  const auto name_of = [&](const std::string& sha256) {
-    require_no_conflict(role, path, {{"sha256", sha256}});
-    std::string name = target_name(state_, path, sha256);
-    require_portable(name);
-    return name;
-  };
-  const json description = publication_.put_target(file, name_of, progress);
+  const json description = publication_.put_target(
+      file, [&](const std::string& sha256) { return served_name(role, path, sha256); }, progress);
   body["targets"][path] = description;
   return description.at("hashes").at("sha256");
+}
+
+void Repository::put_target(const std::string& role, const std::string& path,
+                            std::string_view bytes) {
+  require_portable(path);
+  json& body = role_body(role);
+  require_delegated(state_, role, path);
+  body["targets"][path] = publication_.put_target(
+      bytes, [&](const std::string& sha256) { return served_name(role, path, sha256); });
+}
+
+std::string Repository::read_target(const std::string& path, unsigned long long max_bytes) const {
+  const std::optional<ListedTarget> listed = look_up(state_, path);
+  require(listed.has_value(), "target_not_found",
+          [&] { return "The repository lists no target " + path; });
+  const std::string sha256 = listed_sha256(path, listed->description);
+  std::string bytes = publication_.read(target_name(state_, path, sha256), max_bytes);
+  require(digest(bytes, "sha256") == sha256, "content_mismatch",
+          [&] { return "The repository serves other content than it lists: " + path; });
+  return bytes;
 }
 
 void Repository::remove_target(const std::string& role, const std::string& path) {
@@ -172,6 +193,7 @@ void Repository::delegate(const std::string& delegator, const Delegation& delega
     const json& meta = state_.snapshot.at("meta");
     if (meta.contains(name + ".json")) fresh["version"] = meta.at(name + ".json").at("version");
     state_.roles[name] = std::move(fresh);
+    if (delegation.may_wait) may_wait_.insert(name);
   }
   changed_.insert(name);
 }
@@ -236,6 +258,11 @@ void Repository::publish_role(const std::string& role, Signers& signers,
   parent["meta"][role + ".json"] = reference_to(body, text);
 }
 
+bool Repository::waits(const std::string& role, const Signers& signers) const {
+  return may_wait_.contains(role) && state_.roles.at(role).at("targets").empty() &&
+         !signers.can_sign(authority_of(state_, role));
+}
+
 void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
   if (next_root_) publish_root(signers);
   require_unexpired(state_.root, [] {
@@ -244,7 +271,8 @@ void Repository::publish(Signers& signers, const RepositoryExpiry& expiry) {
   const bool selected =
       std::ranges::any_of(changed_, [](auto& role) { return role != "timestamp"; });
   for (const std::string& role : changed_)
-    if (state_.roles.contains(role)) publish_role(role, signers, expiry.targets);
+    if (state_.roles.contains(role) && !waits(role, signers))
+      publish_role(role, signers, expiry.targets);
   if (selected) publish_role("snapshot", signers, expiry.snapshot);
   if (!changed_.empty()) {
     json& body = state_.timestamp;

@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "domain/progress.h"
 #include "domain/unique_fd.h"
@@ -38,11 +39,18 @@ class Repository {
   /// `Publication::put_target`.
   std::string put_target(const std::string& role, const std::string& path,
                          const std::filesystem::path& file, const Progress& progress);
+  /// The same for a target that is made here.
+  void put_target(const std::string& role, const std::string& path, std::string_view bytes);
+  /// The content that a client would get of a target path that `look_up` finds, with what has
+  /// changed so far. Throws `size_limit` for a larger one, `content_mismatch` when it is not what
+  /// is listed, and as `read_file`.
+  std::string read_target(const std::string& path, unsigned long long max_bytes) const;
   /// The bytes stay for clients that have the old metadata, until `prune`. `target_not_found`.
   void remove_target(const std::string& role, const std::string& path);
 
   /// Delegates to a new role without targets, or gives a role of this delegator other keys, paths
-  /// or a place at the end; the role is signed anew. Throws `invalid_role` for a name that is not 1
+  /// or a place at the end; the role is signed anew, but a new one that may wait only if its keys
+  /// are at hand. Throws `invalid_role` for a name that is not 1
   /// to 100 of "a-zA-Z0-9_-", or top-level, or delegated by another role; `invalid_threshold`;
   /// `size_limit` for more roles than clients visit; and what `shape` throws.
   void delegate(const std::string& delegator, const Delegation& delegation);
@@ -69,7 +77,10 @@ class Repository {
  private:
   Repository(const std::filesystem::path& folder, RepositoryState state);
   json& role_body(const std::string& role);
+  std::string served_name(const std::string& role, const std::string& path,
+                          const std::string& sha256);
   void require_no_conflict(const std::string& role, const std::string& path, const json& hashes);
+  bool waits(const std::string& role, const Signers& signers) const;
   void publish_root(Signers& signers);
   void publish_role(const std::string& role, Signers& signers, const std::string& expires);
   std::string signed_text(const std::string& role, const json& body, Signers& signers);
@@ -79,6 +90,8 @@ class Repository {
   RepositoryState state_;
   std::optional<json> next_root_;
   std::set<std::string> changed_;
+  /// New roles that are only signed if their keys are at hand.
+  std::set<std::string> may_wait_;
   Publication publication_;
 };
 

@@ -1,33 +1,13 @@
-#include "publisher/command.h"
-
 #include "documents/documents.h"
 #include "documents/game_manifest.h"
 #include "package/native_package.h"
+#include "publisher/publish_line.h"
 #include "publisher/repository_state.h"
 #include "support/sealed_package.h"
 #include "support/snapshot_archive.h"
 #include "support/theme_folder.h"
 
 namespace tavro::command_test {
-
-struct Outcome {
-  int status = 0;
-  std::string out;
-  std::string err;
-};
-
-/// Words between single spaces; "@" stands for the folder.
-Outcome publish(const std::string& line, const fs::path& folder = {}, bool cancelled = false) {
-  std::vector<std::string> arguments;
-  std::istringstream words(line);
-  for (std::string word; words >> word; arguments.push_back(word))
-    if (const std::size_t at = word.find('@'); at != std::string::npos)
-      word.replace(at, 1, folder.string() + '/');
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  const int status = run_publish(arguments, [=] { return cancelled; });
-  return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
-}
 
 TEST(PublishCommand, MisuseIsToldInOneSentence) {
   const std::pair<const char*, const char*> all[] = {

@@ -2,8 +2,8 @@
 
 #include <sys/stat.h>
 
-#include "platform/files/durable_files.h"
 #include "publisher/check.h"
+#include "publisher/publish_line.h"
 #include "support/fail_nth_call.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
@@ -17,23 +17,6 @@ using Names = std::vector<std::string>;
 
 const RepositoryExpiry expiry{"2090-01-01T00:00:00Z", "2080-01-01T00:00:00Z",
                               "2070-01-01T00:00:00Z"};
-
-/// A server on the folder itself.
-class FolderTransport : public Transport {
- public:
-  explicit FolderTransport(fs::path folder) : folder_(std::move(folder)) {}
-  TransportResponse get(std::string_view path, unsigned long long limit) override {
-    if (!fs::exists(folder_ / path)) return {404, ""};
-    return {200, read_file(folder_ / path, limit)};
-  }
-  void download(std::string_view path, const fs::path& file, unsigned long long length,
-                const Progress&) override {
-    atomic_private_create(file, read_file(folder_ / path, length));
-  }
-
- private:
-  fs::path folder_;
-};
 
 /// "consistent" or "plain".
 class RepositoryOnDisk : public testing::TestWithParam<const char*> {
