@@ -13,6 +13,7 @@
 #include "installation/data_folder.h"
 #include "platform/files/held_directory.h"
 #include "platform/files/managed_tree.h"
+#include "platform/files/private_storage.h"
 #include "platform/host/native_platform.h"
 #include "tuf/threshold.h"
 
@@ -78,6 +79,12 @@ void clean_unpacked(CleanupWork& work) {
     });
 }
 
+/// Whether a kill during its removal left the file: its receipt may be gone by then.
+bool is_half_removed(const fs::path& path) {
+  const auto node = posix_files::node_at(path);
+  return node && posix_files::is_set_aside(path.filename().native(), *node);
+}
+
 /// What is left has no owner; the folders that only downloads made go once they are empty.
 void clean_other_downloads(CleanupWork& work) {
   std::vector<fs::path> entries;
@@ -87,12 +94,12 @@ void clean_other_downloads(CleanupWork& work) {
   // From the end, since a folder comes before what it holds.
   for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
     if (work.took(*entry)) continue;
-    if (is_folder(*entry) && !occupied.contains(*entry)) {
-      work.drop("download_folder", *entry);
+    if (is_half_removed(*entry)) {
+      work.drop("download", *entry);
       continue;
     }
-    if (is_file(*entry) && posix_files::is_set_aside(entry->filename().native())) {
-      work.drop("download", *entry);
+    if (is_folder(*entry) && !occupied.contains(*entry)) {
+      work.drop("download_folder", *entry);
       continue;
     }
     if (!is_folder(*entry)) work.keep(*entry, unknown_store_file);

@@ -13,6 +13,7 @@
 #include "domain/json_fields.h"
 #include "domain/relative_path.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/held_directory.h"
 #include "platform/files/private_storage.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
@@ -179,7 +180,10 @@ void GameDownloads::remove_files(const json& entry) const {
   const std::string record_name = path_utf8(fs::path(record).filename());
   for (const auto& found : fs::directory_iterator(folder)) {
     require(++entries <= folder_entries, "size_limit", "A download folder holds too many files");
-    if (torn_write::is_temporary_name(path_utf8(found.path().filename()), record_name))
+    const std::string name = path_utf8(found.path().filename());
+    const auto node = posix_files::node_at(found.path());
+    if (torn_write::is_temporary_name(name, record_name) ||
+        (node && posix_files::is_set_aside(name, *node)))
       dead.push_back(found.path());
   }
   for (const fs::path& path : dead) native_files::remove_or_trash(path, {});

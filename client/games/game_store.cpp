@@ -4,6 +4,7 @@
 
 #include <array>
 #include <chrono>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -201,7 +202,7 @@ void GameWriter::sweep(bool must) {
   for (const GameVersion& version : before) {
     try {
       retire(version);
-    } catch (const Error&) {
+    } catch (const std::exception&) {
       if (must) throw;
       waiting.push_back(version);
     }
@@ -213,8 +214,8 @@ void GameWriter::sweep(bool must) {
 
 void GameWriter::retire(const GameVersion& version) {
   const auto held = lease(version, LockMode::exclusive);
-  // Without a manifest an earlier call got this far, and what still stands there is somebody
-  // else's.
+  // Without a manifest an earlier call got this far. What still stands there afterwards is somebody
+  // else's, and needs no manifest to be kept: no later version takes this one's name.
   if (bears_name(paths().version(version.version)) &&
       bears_name(paths().manifest(version.manifest_ref)))
     retire_snapshot_files(manifest(version), paths().version(version.version));

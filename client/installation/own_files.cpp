@@ -130,7 +130,7 @@ void require_free(const fs::path& path) {
   require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
 }
 
-fs::path aside_name(const fs::path& path) { return path.native() + ".set-aside-" + random_id(); }
+fs::path aside_name(const fs::path& path) { return set_aside_start(path).native() + random_id(); }
 
 std::string set_aside_as(const fs::path& aside) {
   return " and was set aside as " + path_utf8(aside);
@@ -169,6 +169,8 @@ std::vector<std::string> mend(const DataPaths& paths, const std::vector<Place>& 
 }
 
 }  // namespace
+
+fs::path set_aside_start(const fs::path& path) { return path.native() + ".set-aside-"; }
 
 fs::path set_aside(const fs::path& path) {
   const fs::path aside = aside_name(path);
@@ -213,12 +215,19 @@ std::vector<std::string> file_problems(const DataPaths& paths) {
   return problems;
 }
 
-std::vector<std::string> mend_setup_lock(const DataPaths& paths) {
-  return mend(paths, {setup_place(paths)});
-}
-
 std::vector<std::string> mend_locks(const DataPaths& paths) {
   return mend(paths, lock_places(paths));
+}
+
+NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>& mended) {
+  const UniqueFd folder = posix_files::open(paths.root, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  // It is held for these lines only. Where folders cannot be locked it has to go without.
+  if (folder) retried([&] { return system_calls().flock(folder.get(), LOCK_EX); });
+  const auto done = mend(paths, {setup_place(paths)});
+  mended.insert(mended.end(), done.begin(), done.end());
+  return naming(paths.setup_lock, [&] {
+    return NativeFileLock(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  });
 }
 
 std::vector<std::string> set_aside_marker(const DataPaths& paths) {

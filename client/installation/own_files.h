@@ -6,6 +6,7 @@
 
 #include "domain/error.h"
 #include "installation/data_folder.h"
+#include "platform/files/file_locks.h"
 
 namespace tavro {
 
@@ -16,13 +17,17 @@ namespace tavro {
 /// Looks only, takes no lock, and skips what cannot be examined.
 std::vector<std::string> file_problems(const DataPaths& paths);
 
-/// Makes a lock fit to be taken: a lock file of this user becomes private again, and whatever else
+/// Makes locks fit to be taken: a lock file of this user becomes private again, and whatever else
 /// stands in its place is set aside, unless it may be held. Answers what was done, in the same
 /// form; what cannot be mended is left for the lock to refuse. Throws `busy` for a lock file with
-/// content that a process holds, `file_write`, and as `sync_directory`.
-std::vector<std::string> mend_setup_lock(const DataPaths& paths);
-/// The same for all other locks; the caller holds the setup lock.
+/// content that a process holds, `file_write`, and as `sync_directory`. The caller holds the setup
+/// lock.
 std::vector<std::string> mend_locks(const DataPaths& paths);
+
+/// Makes the setup lock fit in the same way, appends what was done, and takes the lock. No other
+/// process that does this can come between the two, since it would set aside the lock that this one
+/// has just taken. Throws as `mend_locks` and `NativeFileLock`, with a message that names the file.
+NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>& mended);
 
 /// Puts a file in place of a marker that is none, in one step, so that the folder counts as
 /// unfinished throughout; what stood there is set aside. The caller holds the locks. Throws
@@ -40,6 +45,9 @@ bool has_strangers(const DataPaths& paths);
 /// Moves what stands in the place of a document or a lock beside it, durably, and answers where it
 /// lies now. Throws `file_write`, and as `sync_directory`.
 std::filesystem::path set_aside(const std::filesystem::path& path);
+
+/// What the names begin with under which it moves this path.
+std::filesystem::path set_aside_start(const std::filesystem::path& path);
 
 /// The failure's message with the file that it is about.
 std::string message_naming(const Error& error, const std::filesystem::path& path);

@@ -3,16 +3,21 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <exception>
+#include <array>
 #include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "domain/error.h"
 #include "domain/input.h"
+#include "domain/product_name.h"
 #include "installation/data_folder.h"
+#include "installation/installed_brand.h"
 #include "installation/ledger_file.h"
+#include "installation/menu_icon.h"
 #include "installation/own_files.h"
 #include "platform/files/running_files.h"
+#include "platform/shortcuts/shortcut_place.h"
 #include "platform/shortcuts/shortcuts.h"
 
 namespace tavro {
@@ -26,24 +31,38 @@ constexpr std::size_t shortcut_bytes = 65536;
 constexpr std::string_view launcher_suffix = "launcher";
 constexpr std::string_view game_prefix = "game-";
 
-/// Whether a later version has written the ledger; that version is the one to read it.
-bool is_newer(const fs::path& ledger) {
+/// Whether the failure is the file's own. Any other may be gone the next time.
+bool is_damage(const Error& error) {
+  constexpr std::array<std::string_view, 6> codes = {"shortcut_ledger", "shortcut_text",
+                                                     "shortcut_path",   "size_limit",
+                                                     "unsafe_path",     "invalid_json"};
+  return std::find(codes.begin(), codes.end(), error.code) != codes.end();
+}
+
+/// What `read` answers; `damaged` where the file is.
+template <typename Read>
+bool unless_damaged(const Read& read, bool damaged) {
   try {
-    const json document = parse_json(read_file(ledger, ledger_bytes), ledger_bytes);
-    const auto version = document.find("schema_version");
-    return version != document.end() && version->is_number_integer() && *version > 1;
-  } catch (const std::exception&) {
-    return false;
+    return read();
+  } catch (const Error& error) {
+    if (!is_damage(error)) throw;
+    return damaged;
   }
 }
 
+/// Whether a later version has written the ledger; that version is the one to read it.
+bool is_newer(const fs::path& ledger) {
+  const auto read = [&] {
+    const json document = parse_json(read_file(ledger, ledger_bytes), ledger_bytes);
+    if (!document.is_object()) return false;
+    const auto version = document.find("schema_version");
+    return version != document.end() && version->is_number_integer() && *version > 1;
+  };
+  return unless_damaged(read, false);
+}
+
 bool is_readable(const fs::path& root) {
-  try {
-    ledger_file::read(root);
-    return true;
-  } catch (const Error&) {
-    return false;
-  }
+  return unless_damaged([&] { return ledger_file::read(root), true; }, false);
 }
 
 /// What the names of all shortcuts of this data folder begin with.
@@ -72,26 +91,21 @@ std::optional<DesktopShortcut> read_shortcut(const fs::path& path) {
   }
 }
 
-/// The entry of a file that has exactly the bytes that this installation writes.
-std::optional<OwnedShortcut> proved(const fs::path& path, const std::string& game,
-                                    const fs::path& root, const fs::path& executable) {
-  auto shortcut = read_shortcut(path);
-  if (!shortcut) return std::nullopt;
-  shortcut->executable = executable;
-  shortcut->data_root = root;
-  shortcut->game = game;
-  try {
-    const std::string text = native_shortcut_text(*shortcut);
-    if (!ledger_file::holds(path, text)) return std::nullopt;
-    return ledger_file::entry_of(*shortcut, path, text);
-  } catch (const Error&) {
-    return std::nullopt;
-  }
-}
-
-bool is_recorded(const Entries& entries, const fs::path& path) {
-  return std::any_of(entries.begin(), entries.end(),
-                     [&](const auto& entry) { return entry.path == path_utf8(path); });
+/// The entry of a file that has exactly the bytes that this installation writes by itself. What the
+/// file says of its name and image counts for nothing: the user may have changed them.
+std::optional<OwnedShortcut> proved(const fs::path& path, DesktopShortcut expected) {
+  std::vector<std::string> names = {expected.game};
+  if (expected.game.empty()) names = {product_name()};
+  const auto brand = installed_brand(expected.data_root);
+  if (brand && expected.game.empty()) names.push_back(brand->name);
+  for (const auto& icon : {expected.icon, fs::path()})
+    for (const auto& name : names) {
+      expected.name = name;
+      expected.icon = icon;
+      const std::string text = native_shortcut_text(expected);
+      if (ledger_file::holds(path, text)) return ledger_file::entry_of(expected, path, text);
+    }
+  return std::nullopt;
 }
 
 /// The program of an unchanged shortcut that leads out of this folder.
@@ -112,15 +126,37 @@ Entries entries_elsewhere(const fs::path& root) {
   return entries;
 }
 
-/// Takes such entries out of the ledger, and their files away where they lead nowhere.
+/// Whether the program is gone with its data folder: what can be looked at, and is not there. A
+/// volume that is not mounted says nothing.
+bool leads_nowhere(const fs::path& program) {
+  const fs::path old_root = program.parent_path().parent_path().parent_path().parent_path();
+  std::error_code ignored;
+  return fs::symlink_status(program, ignored).type() == fs::file_type::not_found &&
+         fs::is_directory(old_root.parent_path(), ignored);
+}
+
+/// Whether the user chose the place: it has not the name that the system gives for a data folder.
+bool is_chosen_place(const fs::path& path, const std::string& start) {
+  return path.parent_path() != native_menu_directory() ||
+         !game_of(path, path.stem().native().substr(0, start.size()));
+}
+
+/// Whether the shortcut stays where it is, and leads here from now on.
+bool keeps_its_place(const OwnedShortcut& entry, const fs::path& root) {
+  const auto program = program_elsewhere(entry, root);
+  return program && leads_nowhere(*program) &&
+         is_chosen_place(path_from_utf8(entry.path), name_start(root));
+}
+
+/// Takes such entries out of the ledger, and their files away where they lead nowhere. One that
+/// keeps its place only loses its file: what is recorded and missing is brought back.
 void release_elsewhere(const fs::path& root) {
   const FileLock lock = ledger_file::lock(root);
   Entries kept;
   for (const auto& entry : ledger_file::read(root)) {
     const auto program = program_elsewhere(entry, root);
-    if (!program)
-      kept.push_back(entry);
-    else if (!stands(*program))
+    if (!program || keeps_its_place(entry, root)) kept.push_back(entry);
+    if (program && leads_nowhere(*program))
       native_files::remove_or_trash(path_from_utf8(entry.path), {});
   }
   ledger_file::write(root, kept);
@@ -152,10 +188,12 @@ FoundShortcuts adopt_native_shortcuts(const fs::path& root, const fs::path& exec
   const std::vector<fs::path> standing = named_for(root);
   if (standing.empty()) return found;
   const FileLock lock = ledger_file::lock(root);
-  Entries entries = ledger_file::read(root);
+  // A shortcut is recorded before it is made. What this list does not tell of is the user's.
+  if (shortcut_place::is_taken(ledger_file::path_in(root))) return found;
+  Entries entries;
+  const fs::path icon = menu_icon(root);
   for (const auto& path : standing) {
-    if (is_recorded(entries, path)) continue;
-    auto entry = proved(path, *game_of(path, start), root, executable);
+    auto entry = proved(path, {executable, root, *game_of(path, start), {}, icon});
     if (entry && entries.size() < ledger_file::max_shortcuts) {
       entries.push_back(*std::move(entry));
       found.adopted.push_back(path);
@@ -173,6 +211,7 @@ std::vector<fs::path> follow_moved_folder(const fs::path& root, const fs::path& 
   std::vector<fs::path> made;
   // The new ones first: a crash leaves both, and the next repair ends it.
   for (const auto& entry : moved) {
+    if (keeps_its_place(entry, root)) continue;
     const fs::path path = native_menu_entry(root, entry.game, entry.name);
     create_owned_native_shortcut({executable, root, entry.game, entry.name}, path);
     made.push_back(path);

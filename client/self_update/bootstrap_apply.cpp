@@ -28,6 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using Undo = BootstrapMoves::Undo;
+using Exchanges = BootstrapMoves::Exchanges;
 
 NativeFileLock lifetime_lock(const BootstrapPaths& paths, LockMode mode) {
   return installation_lock(DataPaths(paths.root).bootstrap_lock, NativeLockSharing::none, mode);
@@ -49,6 +50,21 @@ std::optional<SnapshotManifest> read_working(const BootstrapPaths& paths) {
   }
 }
 
+/// Whether this update has been committed, by a run that was cut off before its record went.
+bool is_committed(const BootstrapPaths& paths, const std::string& text) {
+  try {
+    return read_file(paths.manifest, bootstrap_descriptor_bytes) == text;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+void remove_record(const BootstrapPaths& paths) {
+  mark_update_leftovers(paths);
+  native_files::remove_or_trash(paths.pending, {});
+  remove_update_leftovers(paths);
+}
+
 /// The first file that stands neither where it was staged nor, after an earlier run has moved it,
 /// in place; empty when all do.
 std::string changed_file(const BootstrapPaths& paths, const SnapshotManifest& release) {
@@ -63,11 +79,11 @@ std::string changed_file(const BootstrapPaths& paths, const SnapshotManifest& re
 /// One update on its way, as its record tells it.
 class WaitingUpdate {
  public:
-  explicit WaitingUpdate(const BootstrapPaths& paths)
+  WaitingUpdate(const BootstrapPaths& paths, Exchanges exchanges)
       : paths_(paths),
         text_(read_waiting_update(paths)),
         release_(read_release(text_)),
-        moves_(paths, release_, read_working(paths)),
+        moves_(paths, release_, read_working(paths), exchanges),
         damage_(find_damage()) {}
 
   const std::string& text() const { return text_; }
@@ -146,7 +162,7 @@ class WaitingUpdate {
     // which the next start gives up as well.
     remove_path_quietly(paths_.update);
     note_rejected_bootstrap(paths_, text_);
-    remove_record();
+    remove_record(paths_);
     tell_about_update(branded("A Tavro update was given up: ") + reason +
                       branded(". Tavro stays as it is until a newer update comes."));
   }
@@ -156,13 +172,7 @@ class WaitingUpdate {
     moves_.synchronize();
     // The commit.
     atomic_write(paths_.manifest, text_);
-    remove_record();
-  }
-
-  void remove_record() {
-    mark_update_leftovers(paths_);
-    native_files::remove_or_trash(paths_.pending, {});
-    remove_update_leftovers(paths_);
+    remove_record(paths_);
   }
 
   const BootstrapPaths& paths_;
@@ -179,7 +189,9 @@ bool is_tested(const BootstrapPaths& paths, const std::string& text, millisecond
                const HeldSignals& signals) {
   const auto lifetime = lifetime_lock(paths, LockMode::shared);
   if (stands(DataPaths(paths.root).incomplete_marker) || !stands(paths.pending)) return false;
-  WaitingUpdate update(paths);
+  // Nothing in the installed tree changes under a lock that running bootstraps share. With half an
+  // exchange it has been tested.
+  WaitingUpdate update(paths, Exchanges::left);
   return update.text() == text && (!update.is_untested() || update.passes_staged(limit, signals));
 }
 
@@ -199,11 +211,12 @@ void apply_staged_bootstrap(const BootstrapPaths& paths, const fs::path& image,
     remove_torn_writes(paths, {paths.pending, paths.manifest, paths.rejected, paths.old_files});
     if (!stands(paths.pending)) return remove_update_leftovers(paths);
     text = read_waiting_update(paths);
+    if (is_committed(paths, text)) return remove_record(paths);
   }
   if (!is_tested(paths, text, check_limit, signals)) return;
   const auto lifetime = lifetime_lock(paths, LockMode::exclusive);
   if (stands(DataPaths(paths.root).incomplete_marker) || !stands(paths.pending)) return;
-  WaitingUpdate tested(paths);
+  WaitingUpdate tested(paths, Exchanges::completed);
   if (tested.text() == text) tested.apply(image, check_limit, signals);
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <exception>
 #include <set>
 #include <system_error>
@@ -122,7 +123,7 @@ bool holds_file(const fs::path& path, const PackageFile& declared) noexcept {
 
 BootstrapMoves::BootstrapMoves(const BootstrapPaths& paths,
                                const std::optional<SnapshotManifest>& update,
-                               const std::optional<SnapshotManifest>& working)
+                               const std::optional<SnapshotManifest>& working, Exchanges exchanges)
     : paths_(paths),
       update_(update ? update->files : Inventory()),
       working_(working ? working->files : Inventory()),
@@ -133,17 +134,21 @@ BootstrapMoves::BootstrapMoves(const BootstrapPaths& paths,
     if (!update_.contains(path)) (taken.take(path) ? order_ : unneeded).push_back(path);
   for (const auto& [path, file] : update_)
     if (path != update->executable) order_.push_back(path);
-  if (update) order_.push_back(update->executable);
+  if (update) {
+    order_.push_back(update->executable);
+    entry_ = places(update->executable).target;
+  }
   // Only now: until the new entry point is in place, the old one may need them.
   order_.insert(order_.end(), unneeded.begin(), unneeded.end());
-  keep_within_the_trees();
-  complete_exchanges();
+  keep_within_the_trees(exchanges);
+  if (exchanges == Exchanges::completed) complete_exchanges();
   moves_ = earlier_moves();
 }
 
-void BootstrapMoves::keep_within_the_trees() {
+void BootstrapMoves::keep_within_the_trees(Exchanges exchanges) {
   for (const auto& [path, file] : update_)
-    if (const auto link = link_on_way(paths_.update, path); !link.empty())
+    if (const auto link = link_on_way(paths_.update, path);
+        !link.empty() && exchanges == Exchanges::completed)
       native_files::remove_or_trash(link, {});
   std::erase_if(order_, [&](const fs::path& path) {
     return !link_on_way(paths_.installed, path.parent_path()).empty();
@@ -279,13 +284,16 @@ bool BootstrapMoves::undo(Undo undo) noexcept {
   // A file may show itself as moved only once what had taken its folder's place is back.
   for (int round = 0; round < 2 && !moves_.empty(); ++round) {
     bool stuck = false;
+    bool entry_stays = std::any_of(moves_.begin(), moves_.end(),
+                                   [&](const Move& move) { return move.target == entry_; });
     for (auto move = moves_.rbegin(); move != moves_.rend() && !stuck; ++move) {
       try {
         take_back(*move, undo);
+        if (move->target == entry_) entry_stays = false;
       } catch (const std::exception&) {
-        // An update that waits stays moved in up to here, as a run that was cut off leaves it. Of
-        // one that is given up the others still return; what does not is found below.
-        stuck = undo == Undo::for_later;
+        // What does not return is found below. A new entry point that is to stay keeps its files,
+        // and so is the tree as a run that was cut off leaves it.
+        stuck = undo == Undo::for_later && entry_stays;
       }
     }
     moves_ = earlier_moves();

@@ -44,11 +44,14 @@ class BootstrapMoves {
   /// brings every old file back, with or without them.
   enum class Undo { for_later, for_good };
 
+  /// What becomes of an exchange that was cut off. One that is left counts as no move yet.
+  enum class Exchanges { completed, left };
+
   /// Finds what earlier runs have moved, and completes an exchange that was cut off: `file_write`
   /// when it cannot. `update` is nothing for a descriptor that cannot be read,
   /// `working` for a working bootstrap without a manifest. The paths must outlive the object.
   BootstrapMoves(const BootstrapPaths& paths, const std::optional<SnapshotManifest>& update,
-                 const std::optional<SnapshotManifest>& working);
+                 const std::optional<SnapshotManifest>& working, Exchanges exchanges);
 
   /// Whether anything of the update is in the installed tree.
   bool begun() const noexcept { return !moves_.empty(); }
@@ -57,9 +60,9 @@ class BootstrapMoves {
   /// `file_write`, `file_remove` or what `private_directory` throws; the moves so far are kept.
   void put_in_place();
 
-  /// Takes all moves back, the last one first. Of an update that is given up each that fails is
-  /// passed over; one that waits stays moved in up to the first that fails. True when nothing of
-  /// the update is left in the installed tree.
+  /// Takes all moves back, the last one first, and passes over each that fails. Only an update that
+  /// waits stays moved in as far as its entry point needs it, when that cannot go back or would
+  /// miss a file of its own there. True when nothing of the update is left in the installed tree.
   bool undo(Undo undo) noexcept;
 
   /// Makes the names of both inventories durable. Throws `file_sync`.
@@ -76,7 +79,7 @@ class BootstrapMoves {
 
   /// No file may move to or from where a link leads: one in the staged tree goes, so that what is
   /// behind it counts as missing, and what the installed tree has behind one is left out.
-  void keep_within_the_trees();
+  void keep_within_the_trees(Exchanges exchanges);
   Move places(const std::string& path) const;
   /// Whether a ".old" beside a missing file can be that file, and not one left from an update
   /// before: such a one is a file of the old manifest, or a folder that made way for the file.
@@ -98,6 +101,8 @@ class BootstrapMoves {
   Inventory update_;
   Inventory working_;
   bool knows_working_;
+  /// Where the entry point of the update goes.
+  std::filesystem::path entry_;
   /// All paths in the order of their moves.
   std::vector<std::string> order_;
   std::vector<Move> moves_;

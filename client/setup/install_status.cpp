@@ -52,8 +52,8 @@ NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_ro
   status.data_root = paths.root;
   status.incomplete = stands(paths.incomplete_marker);
   status.installed = stands(paths.installation) && !status.incomplete;
-  if (status.installed || status.incomplete) status.problems = file_problems(paths);
   if (!status.installed) return status;
+  status.problems = file_problems(paths);
   naming_stranger(paths.installation, [&] { check_installation(paths); });
   status.bootstrap_build =
       naming(paths.bootstrap_manifest, [&] { return current_bootstrap(paths).build_id; });

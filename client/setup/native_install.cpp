@@ -62,10 +62,16 @@ bool is_stranger(const fs::path& document) {
   return !fs::is_regular_file(fs::symlink_status(document, ignored));
 }
 
+/// The setup lock, or what an earlier run found in its place and set aside.
+bool is_of_setup_lock(const fs::path& entry, const DataPaths& paths) {
+  return entry == paths.setup_lock ||
+         entry.native().starts_with(set_aside_start(paths.setup_lock).native());
+}
+
 bool holds_nothing_but_setup_lock(const DataPaths& paths) {
-  for (const auto& entry : children(paths.root))
-    if (entry != paths.setup_lock) return false;
-  return true;
+  const auto entries = children(paths.root);
+  return std::all_of(entries.begin(), entries.end(),
+                     [&](const auto& entry) { return is_of_setup_lock(entry, paths); });
 }
 
 /// The installer never moves into a foreign folder.
@@ -187,12 +193,6 @@ void settle_failed_repair(const DataPaths& paths, std::string_view problem) {
   write_status(paths, "repair", "failed", problem);
 }
 
-NativeFileLock take_setup_lock(const DataPaths& paths) {
-  return naming(paths.setup_lock, [&] {
-    return NativeFileLock(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
-  });
-}
-
 /// What documents left that were cut off while they were written, all of them under these locks.
 void remove_cut_off_writes(const DataPaths& paths) {
   torn_write::remove_leftovers(paths.root,
@@ -205,10 +205,17 @@ void append(std::vector<std::string>& all, std::vector<std::string> more) {
   all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
 }
 
-/// A trust folder whose root has the form of one may still hold what no client could use.
+/// A trust folder whose root has the form of one may still hold what no client could use. Best
+/// effort: what fails here is told, and the client asks the repository for it.
 std::vector<std::string> mend_trust(const DataPaths& paths, const NativePackage& package) {
-  const TrustDamage mended =
-      naming(paths.trust, [&] { return mend_trust_folder(paths.trust, package.root_metadata); });
+  TrustDamage mended;
+  try {
+    mended = mend_trust_folder(paths.trust, package.root_metadata);
+  } catch (const Error& failure) {
+    return {named_message(failure, paths.trust)};
+  } catch (const std::exception& failure) {
+    return {path_utf8(paths.trust) + " could not be mended: " + failure.what()};
+  }
   std::vector<std::string> done;
   if (mended.root)
     done.push_back(path_utf8(paths.trust / "root.json") +
@@ -231,10 +238,9 @@ class LockedRun {
         was_absent_(was_absent) {}
 
   NativeInstallResult run() {
-    mended_ = mend_setup_lock(paths_);
     // Without this lock the folder is another worker's, so that nothing in it may be settled; and
     // it is held while a failure is, since the next worker may otherwise be at work by then.
-    const NativeFileLock setup = take_setup_lock(paths_);
+    const NativeFileLock setup = take_setup_lock(paths_, mended_);
     try {
       return install();
     } catch (const std::exception& failure) {
@@ -249,7 +255,7 @@ class LockedRun {
  private:
   NativeInstallResult install() {
     // Another run may have come and gone between the look at the folder and the lock.
-    fresh_ = was_absent_ && holds_nothing_but_setup_lock(paths_);
+    fresh_ = was_absent_ && mended_.empty() && holds_nothing_but_setup_lock(paths_);
     require_starting_point(paths_, repair_);
     make_private(paths_.native);
     append(mended_, open_own_folders(paths_, OthersFolders::refused));
@@ -260,11 +266,11 @@ class LockedRun {
     append(mended_, set_aside_marker(paths_));
     const InstallPlan plan = repair_ ? plan_repair(paths_) : InstallPlan();
     stage(paths_, package_, plan, cancellation_);
+    if (!plan.trust) append(mended_, mend_trust(paths_, package_));
     if (has_strangers(paths_)) {
       mark_incomplete(paths_);
       append(mended_, set_aside_strangers(paths_));
     }
-    if (!plan.trust) append(mended_, mend_trust(paths_, package_));
     commit(paths_, package_, plan);
     if (!plan.launcher) append(mended_, mend_launcher_store(paths_.root));
     // What was proved or replaced just now has not failed to start.

@@ -144,10 +144,8 @@ NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& r
   NativeUninstallResult result;
   result.data_root = paths.root;
 
-  mend_setup_lock(paths);
-  const NativeFileLock setup = naming(paths.setup_lock, [&] {
-    return NativeFileLock(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
-  });
+  std::vector<std::string> untold;
+  const NativeFileLock setup = take_setup_lock(paths, untold);
   // Another run may have come and gone since the first look.
   require_removable(paths);
   open_own_folders(paths, OthersFolders::passed);

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "platform/files/durable_files.h"
@@ -178,19 +179,19 @@ class Proof {
   json root_;
 };
 
-/// Whatever bears the name; of a folder everything in it, and of a link the link.
+/// What is no ordinary file is somebody else's, and keeps all that it holds under another name.
+void set_stranger_aside(const fs::path& path) {
+  if (bears_name(path) && !fs::is_regular_file(fs::symlink_status(path)))
+    native_files::rename_replace(path, path.native() + ".set-aside-" + random_id());
+}
+
 void remove_entry(const fs::path& path) {
-  if (fs::is_directory(fs::symlink_status(path))) {
-    require(remove_path_quietly(path), "file_remove",
-            [&] { return "Cannot remove folder: " + path_utf8(path); });
-    return;
-  }
+  set_stranger_aside(path);
   native_files::remove_or_trash(path, path.parent_path());
 }
 
-/// Only an ordinary file can be replaced in one step.
 void place_root(const fs::path& path, std::string_view bytes) {
-  if (bears_name(path) && !fs::is_regular_file(fs::symlink_status(path))) remove_entry(path);
+  set_stranger_aside(path);
   atomic_write(path, bytes);
 }
 

@@ -3,6 +3,7 @@
 #include "launcher/launcher_store.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/managed_tree.h"
+#include "platform/files/private_storage.h"
 #include "platform/host/native_platform.h"
 #include "support/fail_nth_call.h"
 #include "support/installation.h"
@@ -259,6 +260,11 @@ TEST_F(LauncherStaging, PlansWhatACleanupDoes) {
   for (int folder = 0; folder < 48; ++folder)
     fs::create_directory(child("downloads") / std::to_string(folder));
   EXPECT_EQ(code_of([&] { stage(); }), "launcher_storage_full");
+  // As a kill leaves a file while it is removed.
+  put_file(child("downloads/half"), "half");
+  const auto inode = std::to_string(posix_files::node_at(child("downloads/half"))->st_ino);
+  fs::rename(child("downloads/half"),
+             child("downloads/.tavro-removed." + inode + "." + std::string(32, 'a') + ".tmp"));
   const auto plan = clean_launcher_store(root, CleanupMode::plan).to_json();
   EXPECT_EQ(clean(), plan);
   expect_no_leftovers();

@@ -111,8 +111,10 @@ class BootstrapUpdate : public testing::Test {
   /// next runs must settle on the release. What was not ended stays.
   int end_everywhere(Fault fault, const Files& settled, const std::function<void()>& work) {
     copy_tree(paths.root, start);
+    const int stride = fault == Fault::kill ? process_stride : 1;
     int nth = 1;
-    for (; end_of(work, nth, fault) != 0 && !HasFailure(); ++nth, copy_tree(start, paths.root)) {
+    for (; end_of(work, nth, fault) != 0 && !HasFailure();
+         nth += stride, copy_tree(start, paths.root)) {
       SCOPED_TRACE("call " + std::to_string(nth));
       if (fault == Fault::kill) end_of([&] { apply(); }, 1 + nth % 11, fault);
       // The old image keeps what it alone may need.
@@ -218,13 +220,20 @@ TEST_F(BootstrapUpdate, WaitsWhileItMayNotRunAndTakesNothingThatHasChanged) {
 TEST_F(BootstrapUpdate, EndsWithOneOfTheTwoWhereverRunsEnd) {
   const auto fresh = temp / "fresh";
   copy_tree(paths.root, fresh);
-  for (const std::string end : {"exit 0\n", "case $0 in */bootstrap/*) exit 1;; esac\n"}) {
-    publish(release(new_release(shell + end)));
-    const Files settled = end == "exit 0\n" ? new_release(shell + end) : old_release;
+  // Two in full, then one without a file that stays as it is, and one that never starts.
+  const std::vector<std::string> ends = {"exit 0\n", "case $0 in */bootstrap/*) exit 1;; esac\n",
+                                         "exit 0\n#", "exit 1\n"};
+  for (std::size_t row = 0; row < ends.size(); ++row) {
+    const std::string& end = ends[row];
+    Files files = new_release(shell + end);
+    if (row == 2) files.erase("share/same");
+    publish(release(files));
+    const Files settled = end.starts_with("exit 0") ? files : old_release;
     for (const auto fault : {Fault::kill, Fault::fail}) {
       copy_tree(fresh, paths.root);
       EXPECT_GT(end_everywhere(fault, settled, [&] { stage(); }), 90);
-      EXPECT_GT(end_everywhere(fault, settled, [&] { apply(); }), 50);
+      EXPECT_GT(end_everywhere(fault, settled, [&] { apply(); }), 30);
+      if (row > 1) break;
       // The same where a file can have only one name.
       SystemCalls calls = system_calls();
       calls.link = [](auto...) { return errno = EPERM, -1; };
@@ -234,6 +243,28 @@ TEST_F(BootstrapUpdate, EndsWithOneOfTheTwoWhereverRunsEnd) {
     }
   }
   EXPECT_TRUE(marked);
+}
+
+TEST_F(BootstrapUpdate, TakesBackWhatItCanOfAnUpdateThatWaits) {
+  const Files files = new_release(shell);
+  publish(release(files));
+  stage();
+  {
+    SystemCalls calls = system_calls();
+    static auto* const rename = calls.rename;
+    calls.link = [](auto...) { return errno = EPERM, -1; };
+    calls.rename = [](const char* from, const char* to) {
+      const std::string name = to;
+      const bool fails = name.ends_with("/bootstrap/turn") || name.ends_with("update/share/same");
+      return fails ? (errno = EIO, -1) : rename(from, to);
+    };
+    const SystemCallScope failing(calls);
+    apply();
+  }
+  EXPECT_TRUE(bootstrap_update_pending(paths.root) && stands(paths.update / "share/added/deep"));
+  EXPECT_EQ(read_file(paths.installed / "share/changed", 99), "old");
+  apply();
+  expect_settled(files);
 }
 
 }  // namespace tavro::bootstrap_update_test

@@ -1,5 +1,7 @@
 // The shortcuts of a data folder, as the setup commands treat them.
 
+#include <unistd.h>
+
 #include "installation/installed_brand.h"
 #include "support/installation.h"
 
@@ -8,6 +10,7 @@ namespace tavro::install_shortcuts_test {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 TEST(InstallShortcuts, ComeWithAnInstallComeBackWithARepairAndGoWithIt) {
   Installation at;
@@ -81,17 +84,36 @@ TEST(InstallShortcuts, FailNothing) {
 TEST(InstallShortcuts, FindTheirOwnerAgain) {
   Installation at;
   const fs::path launcher = at.install().shortcuts.front();
-  const fs::path game = NativeInstaller::create_shortcut(at.paths.root, "fox", {}, "Fox \\ Den");
+  const fs::path game = NativeInstaller::create_shortcut(at.paths.root, "fox", {}, {});
+  const fs::path named = NativeInstaller::create_shortcut(at.paths.root, "den", {}, "Den \\ Own");
   const fs::path ledger = at.paths.native / "shortcuts.json";
+  if (geteuid() != 0) {
+    fs::permissions(ledger, fs::perms::none);
+    EXPECT_NE(at.repair().shortcut_problem, "");
+    EXPECT_TRUE(stands(ledger)) << "it may be readable the next time";
+  }
   put_file(ledger, "torn");
   EXPECT_THAT(at.repair().mended, testing::SizeIs(3));
-  EXPECT_THAT(at.status().shortcuts, testing::UnorderedElementsAre(launcher, game));
+  EXPECT_THAT(at.status().shortcuts, UnorderedElementsAre(launcher, game)) << "none with a name";
   fs::remove(ledger);
   EXPECT_FALSE(NativeInstaller::make_shortcut(at.paths.root, "", {}, {}).created);
+  EXPECT_THAT(at.repair().mended, IsEmpty()) << "the list tells of all that is the system's";
   put_file(ledger, "torn");
   put_file(game, "the user's");
-  EXPECT_THAT(at.uninstall().changed_shortcuts, ElementsAre(game));
+  EXPECT_THAT(at.uninstall().changed_shortcuts, UnorderedElementsAre(game, named));
   EXPECT_FALSE(stands(launcher));
+}
+
+TEST(InstallShortcuts, AreTheUsersOnceChanged) {
+  Installation at;
+  const fs::path launcher = at.install().shortcuts.front();
+  std::string text = read_file(launcher, 65536);
+  put_file(launcher, text.replace(text.find("Name=Tavro"), 10, "Name=Mine"));
+  EXPECT_THAT(NativeInstaller::remove_shortcuts(at.paths.root).changed, ElementsAre(launcher));
+  const auto repaired = at.repair();
+  EXPECT_TRUE(repaired.mended.empty() && repaired.shortcut_problem.empty());
+  at.uninstall();
+  EXPECT_EQ(read_file(launcher, 65536), text);
 }
 
 TEST(InstallShortcuts, OneThatCannotBeReadDoesNotKeepTheOthers) {
@@ -108,6 +130,8 @@ TEST(InstallShortcuts, OneThatCannotBeReadDoesNotKeepTheOthers) {
 TEST(InstallShortcuts, FollowARenamedFolderAndLeaveThoseOfAnotherOne) {
   Installation at;
   const fs::path before = at.install().shortcuts.front(), old = at.paths.root;
+  const fs::path own = at.folder.path() / "Own.desktop", disk = at.folder.path() / "disk";
+  NativeInstaller::create_shortcut(old, "", own, "My own");
   at.paths = DataPaths(at.folder.path() / "renamed");
   copy_tree(old, at.paths.root);
   const fs::path copied = at.repair().shortcuts.at(0);
@@ -115,9 +139,20 @@ TEST(InstallShortcuts, FollowARenamedFolderAndLeaveThoseOfAnotherOne) {
   at.uninstall();
   EXPECT_TRUE(stands(before));
   fs::rename(old, at.paths.root);
-  EXPECT_THAT(at.repair().shortcuts, ElementsAre(copied));
+  EXPECT_THAT(at.repair().shortcuts, ElementsAre(copied, own));
   EXPECT_FALSE(stands(before));
-  EXPECT_THAT(at.status().shortcuts, ElementsAre(copied));
+  EXPECT_THAT(at.status().shortcuts, UnorderedElementsAre(copied, own));
+  EXPECT_THAT(read_file(own, 65536), HasSubstr("\nTryExec=" + at.paths.root.string()));
+  // What is not mounted is not gone.
+  fs::create_directory(disk);
+  fs::rename(at.paths.root, disk / "data");
+  at.paths = DataPaths(disk / "data");
+  const fs::path there = at.repair().shortcuts.at(0);
+  copy_tree(disk / "data", old);
+  fs::rename(disk, at.folder.path() / "unplugged");
+  at.paths = DataPaths(old);
+  EXPECT_THAT(at.repair().shortcuts, testing::Contains(before));
+  EXPECT_TRUE(stands(there) && stands(own));
 }
 
 TEST(InstallShortcuts, NameWhatTheyRefuse) {

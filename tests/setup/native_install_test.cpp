@@ -1,5 +1,11 @@
 #include "setup/native_install.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "platform/files/private_storage.h"
+#include "platform/host/system_calls.h"
 #include "support/installation.h"
 #include "support/snapshot_archive.h"
 
@@ -62,6 +68,7 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
 TEST_F(Install, TakesAnEarlierFolderAndKeepsWhatIsNotItsOwn) {
   const std::vector<std::function<void()>> folders = {
       [&] { put_file(paths.setup_lock, ""), fs::permissions(paths.setup_lock, fs::perms(0600)); },
+      [&] { put_file(paths.setup_lock.string() + ".set-aside-by-an-earlier-run", "x"); },
       [&] { at.add_player_data(), put_file(paths.root / "notes.txt", "mine"); },
       [&] { at.install(), at.add_player_data(), put_file(paths.incomplete_marker, ""); },
       [&] { put_file(paths.incomplete_marker, ""), put_file(paths.launcher, "a file"); },
@@ -175,6 +182,25 @@ TEST_F(Install, MendsTheFormOfItsFiles) {
   }
 }
 
+TEST_F(Install, MendsItsLockWhileNobodyElseDoes) {
+  at.install();
+  put_file(paths.setup_lock, "x");
+  static int guarded = 0;
+  SystemCalls calls = system_calls();
+  calls.rename = [](const char* from, const char* to) {
+    const fs::path lock = from;
+    const UniqueFd folder = posix_files::open(lock.parent_path(), O_RDONLY);
+    if (lock.filename() == ".tavro-setup.lock")
+      guarded += ::flock(folder.get(), LOCK_EX | LOCK_NB) != 0 ? 1 : 0;
+    return ::rename(from, to);
+  };
+  const SystemCallScope watching(calls);
+  EXPECT_EQ(at.repair().mended.size(), 1U);
+  put_file(paths.setup_lock, "x");
+  at.uninstall();
+  EXPECT_EQ(guarded, 2);
+}
+
 TEST_F(Install, ClearsWhatFailedStartsAndCutOffWritesLeft) {
   at.install();
   const std::string id(32, 'a');
@@ -197,6 +223,23 @@ TEST_F(Install, ProvesTheTrustFolder) {
   EXPECT_THAT(at.repair().mended,
               testing::ElementsAre(testing::StartsWith((paths.trust / "timestamp.json").string())));
   EXPECT_TRUE(at.repair().mended.empty());
+  // One that cannot be mended now costs nothing else, not even with the marker standing.
+  put_file(paths.trust / "timestamp.json", "{}");
+  fs::remove(paths.setup_status);
+  fs::create_directory(paths.setup_status);
+  {
+    SystemCalls calls = system_calls();
+    calls.fsync = [](int file) {
+      return fs::read_symlink("/proc/self/fd/" + std::to_string(file)).filename() == "trust"
+                 ? (errno = EIO, -1)
+                 : ::fsync(file);
+    };
+    const SystemCallScope failing(calls);
+    EXPECT_THAT(at.repair().mended,
+                testing::ElementsAre(testing::HasSubstr("trust could not be mended: "),
+                                     testing::StartsWith(paths.setup_status.string())));
+  }
+  EXPECT_TRUE(at.repair().replaced.empty());
 }
 
 TEST_F(Install, WorksInAFolderOfAnyName) {

@@ -44,7 +44,11 @@ TEST(NativeSetup, ShowsEachRunInAViewOfItsOwn) {
   Installation at;
   std::mutex gate;
   std::unique_lock closed(gate);
-  FrontEnd front(at, [&] { const std::lock_guard pass(gate); });
+  std::atomic<bool> fails{false};
+  FrontEnd front(at, [&] {
+    const std::lock_guard pass(gate);
+    if (fails.exchange(false)) throw std::runtime_error("no window");
+  });
   front.start(Kind::install);
   EXPECT_FAILURE(front.start(Kind::status), "busy: Setup is already running");
   EXPECT_TRUE(front.setup.view().running);
@@ -58,6 +62,8 @@ TEST(NativeSetup, ShowsEachRunInAViewOfItsOwn) {
   EXPECT_EQ(installed.result.at("replaced").size(), 3);
   EXPECT_EQ(installed.phase + installed.error_code, "installing");
   EXPECT_TRUE(installed.total > 0 && installed.done == installed.total);
+  fails = true;
+  EXPECT_EQ(front.run(Kind::repair).error_code, "setup_failed");
   const auto status = front.run(Kind::status);
   EXPECT_TRUE(status.phase.empty() && status.error_code.empty() && status.total == 0);
 }

@@ -98,7 +98,8 @@ int strike_each_call(Fault fault, int error, const std::function<void()>& prepar
                      const std::function<void()>& work,
                      const std::function<void(const Stop&)>& check) {
   constexpr int most_rounds = 10000;
-  for (int nth = 1; nth <= most_rounds; ++nth) {
+  const int stride = fault == Fault::kill ? process_stride : 1;
+  for (int nth = 1; nth <= most_rounds; nth += stride) {
     prepare();
     Stop stop{.nth = nth, .call = {}, .code = {}};
     const pid_t child = fault == Fault::kill ? fork() : 0;

@@ -40,6 +40,14 @@ class FailNthCall {
   SystemCallScope scope_;
 };
 
+/// How far apart the stops of a sweep are that starts processes: a sanitized one takes many times
+/// as long, and what its sanitizers see does not depend on the call where another ends.
+#ifdef __SANITIZE_ADDRESS__
+inline constexpr int process_stride = 5;
+#else
+inline constexpr int process_stride = 1;
+#endif
+
 /// Puts another file, empty and private too, where that of the descriptor stands. Answers 0.
 int replace_open_file(int descriptor);
 
@@ -53,8 +61,9 @@ struct Stop {
 };
 
 /// Runs `prepare`, then `work` with call 1 struck, then `check`; the same for call 2, 3, ... until
-/// a round ends with nothing struck, which must succeed. Answers the number of rounds struck, so
-/// that a test can demand that there were some. For `Fault::kill` each `work` is a child process.
+/// a round ends with nothing struck, which must succeed. Answers how many calls there were, so
+/// that a test can demand some. For `Fault::kill` each `work` is a child process,
+/// and `process_stride` calls lie between the stops.
 int strike_each_call(Fault fault, int error, const std::function<void()>& prepare,
                      const std::function<void()>& work,
                      const std::function<void(const Stop&)>& check);

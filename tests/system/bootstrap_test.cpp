@@ -105,6 +105,8 @@ TEST_F(Bootstrap, KeepsTheWorkingVersionUnlessTheCandidateProvesItself) {
       {"cli", "attach leave", "launcher_startup_failed", early + "; it ended with status 0"},
       {"gui", "exit:137", "launcher_startup_failed",
        early + "; it ended with status 137, as by signal 9"},
+      {"cli", "attach interrupt long-health wait", "size_limit",
+       "File exceeds read limit" + stopped},
       {"cli", "attach health wait", "launcher_health",  // no way to ask it to stop
        "Launcher health does not match its build, process, mode, interrupt contract and attempt" +
            stopped},

@@ -11,6 +11,7 @@
 #include "platform/host/native_platform.h"
 #include "publisher/descriptors.h"
 #include "self_update/bootstrap_update.h"
+#include "support/fail_nth_call.h"
 #include "support/installation.h"
 #include "support/launched.h"
 #include "support/snapshot_archive.h"
@@ -112,7 +113,7 @@ TEST_F(SelfUpdate, LeavesAClientThatStartsWhereverARunIsKilled) {
     };
     // The last one takes the longest, and differs from the others only where it is lost.
     int call = 1;
-    while (die_at(call)) call += content.starts_with(only_in_place) ? 5 : 1;
+    while (die_at(call)) call += content.starts_with(only_in_place) ? 5 : process_stride;
     EXPECT_GT(call, 60);
     copy_tree(start, native);
   }

@@ -31,6 +31,17 @@ struct TrustFolder : TrustedClient {
   TrustDamage mend() const { return mend_trust_folder(trust, packaged); }
   std::string root() const { return stored().at("root.json"); }
   void store_root(const std::string& bytes) const { std::ofstream(trust / "root.json") << bytes; }
+  /// Removes what was set aside; the name of what it held or led to.
+  std::string take_set_aside() const {
+    std::string held;
+    for (const auto& entry : fs::directory_iterator(trust)) {
+      if (entry.path().native().find(".set-aside-") == std::string::npos) continue;
+      held = entry.is_symlink() ? fs::read_symlink(entry)
+                                : fs::directory_iterator(entry)->path().filename();
+      fs::remove_all(entry);
+    }
+    return held;
+  }
   static std::string version_changed(std::string bytes) {
     return bytes.replace(bytes.find("\"version\":") + 10, 1, "9");
   }
@@ -65,6 +76,8 @@ TEST(TrustFolder, MendsEveryKindOfDamageAndKeepsWhatProves) {
       kinds[kind](folder.trust / name, good);
       const TrustDamage damage = folder.mend();
       EXPECT_EQ(damage.root, name == "root.json") << kind;
+      const std::string kept = folder.take_set_aside();
+      EXPECT_EQ(kept, kind == 4 ? "inside" : kind == 5 ? "elsewhere" : "") << name;
       if (name != "targets.json") {  // without which no delegation proves
         const Names dropped = damage.root ? Names{} : Names{name};
         EXPECT_EQ(damage.documents, dropped) << kind;

@@ -20,7 +20,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view set_aside_prefix = ".tavro-removed";
+/// The start of the name under which this file is set aside.
+std::string set_aside_start(ino_t inode) { return ".tavro-removed." + std::to_string(inode); }
 
 /// An own descriptor of the directory, whose place in the listing belongs to nobody else.
 UniqueFd reopened(int directory) {
@@ -121,7 +122,7 @@ int remove_tree_in(int directory, const char* name) {
 
 int remove_file_in(int directory, const std::string& name, dev_t device, ino_t inode) {
   if (!is_file(directory, name.c_str(), device, inode)) return ESTALE;
-  const std::string aside = std::string(set_aside_prefix) + "." + random_id() + ".tmp";
+  const std::string aside = set_aside_start(inode) + "." + random_id() + ".tmp";
   if (host::rename_new_in(directory, name.c_str(), directory, aside.c_str()) != 0)
     // Where a rename cannot be told to replace nothing, the look at the name has to do.
     return errno == EINVAL || errno == ENOSYS ? remove_in(directory, name.c_str()) : errno;
@@ -131,8 +132,9 @@ int remove_file_in(int directory, const std::string& name, dev_t device, ino_t i
   return error;
 }
 
-bool is_set_aside(std::string_view name) noexcept {
-  return !nonce_between(name, set_aside_prefix, ".tmp").empty();
+bool is_set_aside(std::string_view name, const struct stat& node) {
+  return S_ISREG(node.st_mode) && node.st_nlink == 1 && node.st_uid == ::geteuid() &&
+         !nonce_between(name, set_aside_start(node.st_ino), ".tmp").empty();
 }
 
 }  // namespace tavro::posix_files

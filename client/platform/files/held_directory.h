@@ -49,10 +49,12 @@ int remove_all_in(int directory);
 int remove_tree_in(int directory, const char* name);
 
 /// Removes the entry only if it is this very file: a stranger that takes its name at any moment
-/// keeps both its place and its content. For that the file is set aside for an instant, under a
-/// name of `is_set_aside`'s form, which a kill leaves behind. 0, `ESTALE` (another file has the
-/// name), or the `errno` number with the file in its place.
+/// keeps both its place and its content. For that the file is set aside for an instant, which a
+/// kill leaves behind. 0, `ESTALE` (another file has the name), or the `errno` number with the file
+/// in its place.
 int remove_file_in(int directory, const std::string& name, dev_t device, ino_t inode);
-bool is_set_aside(std::string_view name) noexcept;
+/// Whether this is such a file on its way out: the name tells which file it was given to, and that
+/// is an ordinary one of this user with no other name.
+bool is_set_aside(std::string_view name, const struct stat& node);
 
 }  // namespace tavro::posix_files

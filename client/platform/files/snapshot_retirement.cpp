@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -29,6 +30,20 @@ constexpr char preserved_directory[] = "Changed managed directory was preserved"
 
 fs::file_type link_type(const fs::path& path) {
   return fs::symlink_status(path.has_filename() ? path : path.parent_path()).type();
+}
+
+[[noreturn]] void fail_to_look(const fs::path& path, int error) {
+  throw fs::filesystem_error("cannot look into", path,
+                             std::error_code(error, std::generic_category()));
+}
+
+/// What stands there; nothing only where that is certain, since what is taken for gone is
+/// forgotten.
+std::optional<struct stat> seen_in(int directory, const std::string& name, const fs::path& path) {
+  const auto node = node_in(directory, name.c_str());
+  const int error = errno;
+  if (!node && error != ENOENT) fail_to_look(path, error);
+  return node;
 }
 
 /// "a/b" and "c" of "a/b/c"; "" and "a" of "a".
@@ -67,9 +82,11 @@ class OpenTree {
       const int parent = way_.empty() ? root_.get() : way_.back().directory.get();
       UniqueFd next = posix_files::enter_directory(parent, name->c_str(), false).directory;
       if (!next) {
-        const auto node = node_in(parent, name->c_str());
+        const int unopened = errno;
+        const auto node = seen_in(parent, *name, relative);
         require(!node || !S_ISLNK(node->st_mode), "unsafe_path",
                 "Managed path contains a symbolic link");
+        if (unopened != ENOENT && unopened != ENOTDIR) fail_to_look(relative, unopened);
         return -1;
       }
       way_.push_back({*name, std::move(next)});
@@ -101,7 +118,7 @@ class Retirement {
   void remove_file(const std::string& relative) {
     const auto [parent, name] = parted(relative);
     const int directory = tree_.directory(parent);
-    const auto node = directory < 0 ? std::nullopt : node_in(directory, name.c_str());
+    const auto node = directory < 0 ? std::nullopt : seen_in(directory, name, root_ / relative);
     if (node) {
       require(S_ISREG(node->st_mode), "unsafe_path", "Changed managed paths were preserved");
       require(posix_files::remove_in(directory, name.c_str()) == 0, "file_remove",
@@ -117,7 +134,7 @@ class Retirement {
     for (const auto& relative : to_try_) {
       const auto [parent, name] = parted(relative);
       const int above = tree_.directory(parent);
-      const auto node = above < 0 ? std::nullopt : node_in(above, name.c_str());
+      const auto node = above < 0 ? std::nullopt : seen_in(above, name, root_ / relative);
       if (!node) continue;
       require(S_ISDIR(node->st_mode), "unsafe_path", preserved_directory);
       remove_if_empty(above, name.c_str(), root_ / relative,
@@ -165,13 +182,13 @@ class Retirement {
                        std::string_view message) {
     const auto directory = posix_files::enter_directory(above, name, true).directory;
     const int unopened = errno;
-    require(directory || unopened == EACCES, "unsafe_path", preserved_directory);
+    const bool changed =
+        !directory && (unopened == ENOTDIR || unopened == ELOOP || unopened == ENOENT);
+    require(!changed, "unsafe_path", preserved_directory);
+    if (!directory) fail_to_look(path, unopened);
     const auto empty = posix_files::is_empty(directory.get());
     // What cannot be looked into is not taken for a folder that holds something.
-    if (!empty)
-      throw fs::filesystem_error(
-          "cannot look into", path,
-          std::error_code(directory ? errno : unopened, std::generic_category()));
+    if (!empty) fail_to_look(path, errno);
     if (!*empty) return false;
     require(posix_files::remove_empty_in(above, name) == 0, "file_remove", message);
     to_sync_.erase(path);

@@ -21,7 +21,8 @@ void validate_snapshot_retirement(const SnapshotManifest& manifest,
 /// True if `root` remains because it holds something else, false if it is gone or never existed.
 /// `tick`, when set, runs before each file and may throw: files removed so far stay removed and
 /// nothing is synced. After any failure a further call completes the work.
-/// Throws `unsafe_path` (a managed path changed; it was preserved), `file_remove`, `file_sync`.
+/// Throws `unsafe_path` (a managed path changed; it was preserved), `file_remove`, `file_sync`, and
+/// `std::filesystem::filesystem_error` for what cannot be looked at.
 bool retire_snapshot_files(const SnapshotManifest& manifest, const std::filesystem::path& root,
                            const std::function<void()>& tick = {});
 

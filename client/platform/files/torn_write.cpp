@@ -33,13 +33,12 @@ void remove_leftovers(const std::filesystem::path& folder,
   try {
     const UniqueFd directory = posix_files::open(folder, posix_files::walk_flags);
     posix_files::for_each_entry(directory.get(), [&](const char* name, unsigned char) {
-      const bool known =
-          posix_files::is_set_aside(name) ||
-          std::any_of(documents.begin(), documents.end(), [name](std::string_view document) {
-            return is_temporary_name(name, document);
-          });
-      const auto node = known ? posix_files::node_in(directory.get(), name) : std::nullopt;
-      if (node && is_private_file(*node)) posix_files::remove_in(directory.get(), name);
+      const auto node = posix_files::node_in(directory.get(), name);
+      const bool temporary = std::any_of(
+          documents.begin(), documents.end(),
+          [name](std::string_view document) { return is_temporary_name(name, document); });
+      if (node && (temporary ? is_private_file(*node) : posix_files::is_set_aside(name, *node)))
+        posix_files::remove_in(directory.get(), name);
     });
   } catch (const std::exception&) {
     // Memory ran out: the files harm nobody, and the next call meets them again.

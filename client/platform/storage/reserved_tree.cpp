@@ -73,7 +73,7 @@ bool is_reserved_file(const SnapshotManifest& manifest, const struct stat& node,
                       std::string_view relative) {
   if (!S_ISREG(node.st_mode) || node.st_nlink != 1) return false;
   // A kill during the removal of one of these files leaves it so.
-  if (posix_files::is_set_aside(relative.substr(relative.rfind('/') + 1))) return true;
+  if (posix_files::is_set_aside(relative.substr(relative.rfind('/') + 1), node)) return true;
   const auto declared = manifest.files.find(std::string(relative));
   return declared != manifest.files.end() &&
          static_cast<unsigned long long>(node.st_size) <= declared->second.length;

@@ -1,6 +1,7 @@
 #include "platform/archives/snapshot.h"
 
 #include <archive_entry.h>
+#include <fcntl.h>
 
 #include "platform/files/managed_tree.h"
 #include "platform/files/snapshot_retirement.h"
@@ -187,6 +188,18 @@ TEST_F(SnapshotTree, KeepsWhatIsNotItsOwnWhicheverCallFailsAndGoesWithoutIt) {
     };
     // Four files, the directories bin and data/deep, and the two that changed and remain.
     EXPECT_EQ(strike_each_call(Fault::fail, error, prepare, work, check), 4 + 2 + 2);
+  }
+  {
+    write_tree(sample, root);
+    static bool lacking = true;
+    SystemCalls calls = system_calls();
+    calls.openat = [](int at, const char* name, int flags, mode_t mode) {
+      const bool fails = std::string_view(name) == "deep" && std::exchange(lacking, false);
+      return fails ? (errno = EMFILE, -1) : ::openat(at, name, flags, mode);
+    };
+    const SystemCallScope scope(calls);
+    EXPECT_THROW(retire_snapshot_files(manifest, root), fs::filesystem_error);
+    EXPECT_TRUE(retire_snapshot_files(manifest, root));
   }
   fs::remove(root / "data/mine");
   const FailNthCall syncs(0, EIO, Fault::fail, "fsync");

@@ -124,7 +124,7 @@ TEST_F(Reserved, IsRemovedOnlyWhileItHoldsNothingElse) {
   };
   // The last line is what a run leaves that ended while it wrote, or while it cleaned.
   expect_answers(R"(unexpected_file: Prepared cleanup preserves unmanaged, linked|touch data/mine
-or oversized files|echo 12345 >data/deep/one|ln empty ../../link|mkfifo odd|ln -f data/two empty
+or oversized files|echo >.tavro-removed.1.aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa.tmp|echo 12345 >data/deep/one|ln empty ../../link|mkfifo odd|ln -f data/two empty
 unexpected_file: Prepared cleanup preserves unmanaged directories|mkdir data/other
 unsafe_path: Managed path contains a symbolic link|ln -s data odd
 allocation_changed: Prepared directory identity changed; preserve|mv ../1.0 ../was; mkdir ../1.0
