@@ -211,8 +211,6 @@ std::vector<std::string> mend_trust(const DataPaths& paths, const NativePackage&
   TrustDamage mended;
   try {
     mended = mend_trust_folder(paths.trust, package.root_metadata);
-  } catch (const Error& failure) {
-    return {named_message(failure, paths.trust)};
   } catch (const std::exception& failure) {
     return {path_utf8(paths.trust) + " could not be mended: " + failure.what()};
   }
