@@ -91,6 +91,7 @@ TEST(InstallShortcuts, FindTheirOwnerAgain) {
     fs::permissions(ledger, fs::perms::none);
     EXPECT_NE(at.repair().shortcut_problem, "");
     EXPECT_TRUE(stands(ledger)) << "it may be readable the next time";
+    fs::permissions(ledger, fs::perms::owner_read | fs::perms::owner_write);
   }
   put_file(ledger, "torn");
   EXPECT_THAT(at.repair().mended, testing::SizeIs(3));
