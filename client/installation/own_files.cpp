@@ -120,6 +120,14 @@ std::vector<Place> document_places(const DataPaths& paths) {
   return places;
 }
 
+/// What only has to be told: a repair replaces these, or asks for the first to be moved away.
+std::vector<Place> part_places(const DataPaths& paths) {
+  std::vector<Place> places;
+  for (const auto& part : {paths.native, paths.bootstrap, paths.launcher, paths.trust})
+    places.push_back({part, Kind::folder});
+  return places;
+}
+
 /// A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
 void require_free(const fs::path& path) {
   const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
@@ -205,8 +213,8 @@ std::string named_message(const Error& error, const fs::path& path) {
 
 std::vector<std::string> file_problems(const DataPaths& paths) {
   std::vector<std::string> problems;
-  for (const auto& places :
-       {std::vector{setup_place(paths)}, lock_places(paths), document_places(paths)})
+  for (const auto& places : {std::vector{setup_place(paths)}, part_places(paths),
+                             lock_places(paths), document_places(paths)})
     for (const auto& place : places)
       if (const Form form = form_of(place); form != Form::sound)
         problems.push_back(told(place, form));
