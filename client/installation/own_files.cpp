@@ -25,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t lock_mode = S_IRUSR | S_IWUSR;
+constexpr std::size_t longest_kept_name = 200;
 
 enum class Kind { empty_lock, lock, document, folder };
 
@@ -188,7 +189,9 @@ fs::path set_aside(const fs::path& path) {
 fs::path set_aside_from_store(const fs::path& root, const fs::path& path) {
   const fs::path folder = DataPaths(root).native / "set-aside";
   private_directory(folder);
-  const fs::path aside = folder / (path.filename().native() + "." + random_id());
+  // Cut, so that also the longest name takes the number behind it.
+  const std::string name = path.filename().native().substr(0, longest_kept_name);
+  const fs::path aside = folder / (name + "." + random_id());
   native_files::rename_replace(path, aside);
   // Durable where it lies now before it is gone from where it lay.
   sync_directory(folder);

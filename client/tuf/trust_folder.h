@@ -29,8 +29,8 @@ struct TrustDamage {
 ///
 /// Throws `file_read` and `crypto_failure` (nobody knows whether such a document proves),
 /// as `folder_entries` (more than 4096 entries, or a folder that cannot be listed), and for a
-/// packaged root that does not prove what `TufClient::initialize` throws. A folder that is not there
-/// lacks its root, and nothing else.
+/// packaged root that does not prove what `TufClient::initialize` throws. A folder that is not
+/// there lacks its root, and nothing else.
 TrustDamage trust_damage(const std::filesystem::path& directory, std::string_view packaged_root);
 
 /// Replaces a root, and removes every other document, that does not prove; answers what it did. A
