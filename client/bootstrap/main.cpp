@@ -59,6 +59,15 @@ fs::path served_folder(const fs::path& image, const std::optional<fs::path>& cho
   return *installed;
 }
 
+/// An image that lies in no data folder, as one behind a link does, tells which one it looked into.
+tavro::Error with_folder(const tavro::Error& failure, const fs::path& root) {
+  auto commands = failure.next_commands;
+  commands.push_back(
+      "Start the bootstrap of a data folder, which no link may lead to; this one used " +
+      tavro::path_utf8(root));
+  return {failure.code, failure.what(), commands};
+}
+
 int run_bootstrap(const std::vector<std::string>& arguments) {
   const auto image = tavro::current_executable_path();
   tavro::apply_pending_bootstrap_update(image);
@@ -70,8 +79,13 @@ int run_bootstrap(const std::vector<std::string>& arguments) {
   const auto root = served_folder(image, options.data_dir);
   tavro::use_installed_brand(root);
   auto lifetime = tavro::bootstrap_lifetime(image);
-  return tavro::run_launcher_bootstrap(root, options.windowed ? "gui" : "cli", options.forwarded,
-                                       startup_limit, &lifetime);
+  try {
+    return tavro::run_launcher_bootstrap(root, options.windowed ? "gui" : "cli", options.forwarded,
+                                         startup_limit, &lifetime);
+  } catch (const tavro::Error& failure) {
+    if (tavro::installed_data_root(image) || failure.code != "launcher_damaged") throw;
+    throw with_folder(failure, root);
+  }
 }
 
 /// A window's line is opaque; a console's says how its failures are to be told.

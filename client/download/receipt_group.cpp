@@ -89,8 +89,9 @@ std::map<std::string, Files> read_receipt_files(const fs::path& root) {
        folder_entries(folder, max_files, "Target download receipt count exceeds its scan bound")) {
     const std::string name = path_utf8(entry.filename());
     const std::string nonce = name.substr(0, nonce_size);
-    require(target_download_file_name(name, nonce), uncertain,
-            "Unknown download receipt names preserve the target store");
+    require(target_download_file_name(name, nonce), uncertain, [&entry] {
+      return "Unknown download receipt names preserve the target store: " + path_utf8(entry);
+    });
     found[nonce].emplace(name, read_file(entry, kDownloadReceiptBytes));
   }
   return found;

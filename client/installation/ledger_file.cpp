@@ -39,7 +39,8 @@ Entries parse(const json& document, const std::string& path) {
   const bool supported =
       document.at("schema_version") == 1 && document.at("kind") == "tavro-shortcuts" &&
       document.at("entries").is_array() && document.at("entries").size() <= max_shortcuts;
-  require(supported, "shortcut_ledger", [&] { return "Unsupported shortcut list " + path; });
+  require(supported, "shortcut_ledger", [&] { return "Unsupported shortcut list " + path; },
+          {"Move the list away and run repair, which finds the shortcuts again"});
   Entries entries;
   for (const auto& value : document.at("entries")) entries.push_back(parse_entry(value));
   return entries;

@@ -25,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t lock_mode = S_IRUSR | S_IWUSR;
+constexpr std::size_t longest_kept_name = 200;
 
 enum class Kind { empty_lock, lock, document, folder };
 
@@ -120,6 +121,14 @@ std::vector<Place> document_places(const DataPaths& paths) {
   return places;
 }
 
+/// What only has to be told: a repair replaces these, or asks for the first to be moved away.
+std::vector<Place> part_places(const DataPaths& paths) {
+  std::vector<Place> places;
+  for (const auto& part : {paths.native, paths.bootstrap, paths.launcher, paths.trust})
+    places.push_back({part, Kind::folder});
+  return places;
+}
+
 /// A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
 void require_free(const fs::path& path) {
   const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
@@ -182,7 +191,9 @@ fs::path set_aside(const fs::path& path) {
 fs::path set_aside_from_store(const fs::path& root, const fs::path& path) {
   const fs::path folder = DataPaths(root).native / "set-aside";
   private_directory(folder);
-  const fs::path aside = folder / (path.filename().native() + "." + random_id());
+  // Cut, so that also the longest name takes the number behind it.
+  const std::string name = path.filename().native().substr(0, longest_kept_name);
+  const fs::path aside = folder / (name + "." + random_id());
   native_files::rename_replace(path, aside);
   // Durable where it lies now before it is gone from where it lay.
   sync_directory(folder);
@@ -207,8 +218,8 @@ std::string named_message(const Error& error, const fs::path& path) {
 
 std::vector<std::string> file_problems(const DataPaths& paths) {
   std::vector<std::string> problems;
-  for (const auto& places :
-       {std::vector{setup_place(paths)}, lock_places(paths), document_places(paths)})
+  for (const auto& places : {std::vector{setup_place(paths)}, part_places(paths),
+                             lock_places(paths), document_places(paths)})
     for (const auto& place : places)
       if (const Form form = form_of(place); form != Form::sound)
         problems.push_back(told(place, form));

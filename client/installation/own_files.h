@@ -49,15 +49,15 @@ std::filesystem::path set_aside(const std::filesystem::path& path);
 /// What the names begin with under which it moves this path.
 std::filesystem::path set_aside_start(const std::filesystem::path& path);
 
-/// The failure's message with the file that it is about.
-std::string message_naming(const Error& error, const std::filesystem::path& path);
-/// The same with what can be done about it.
-std::string named_message(const Error& error, const std::filesystem::path& path);
-
 /// The same for what stands in the launcher's folder, which holds nothing but what its budgets
 /// count: it goes to `native/set-aside`. Besides throws as `private_directory`.
 std::filesystem::path set_aside_from_store(const std::filesystem::path& root,
                                            const std::filesystem::path& path);
+
+/// The failure's message with the file that it is about.
+std::string message_naming(const Error& error, const std::filesystem::path& path);
+/// The same with what can be done about it.
+std::string named_message(const Error& error, const std::filesystem::path& path);
 
 /// Runs `work`, which opens a file of the installation, and lets its failure name the file and the
 /// remedy. `busy` says who holds it and passes as it is.

@@ -36,6 +36,8 @@ class Opening {
   void enter(int parent, const char* name, const fs::path& path) {
     const auto node = posix_files::node_in(parent, name);
     if (!node || !S_ISDIR(node->st_mode)) return;
+    // What a repair has set aside is nothing of the installation's, and only goes with all of it.
+    if (!passes_others_ && path.filename().native().find("set-aside") != std::string::npos) return;
     const bool own = node->st_uid == ::geteuid();
     if (own && (node->st_mode & S_IRWXU) != S_IRWXU) give_rights(parent, name, path);
     const auto& calls = system_calls();

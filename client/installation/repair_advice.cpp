@@ -15,6 +15,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/// What stands in a message between what went wrong and what to do.
+constexpr std::string_view then = "; ";
+
 /// A word of a command line, in single quotes where the shell would read more into it.
 std::string command_word(const std::string& word) {
   constexpr std::string_view plain =
@@ -42,7 +45,7 @@ bool is_closed(const fs::path& object) {
 
 /// What can only be done by hand; empty when the message tells already, or a repair may help.
 std::string_view by_hand(std::string_view code, std::string_view message, const fs::path& object) {
-  if (message.find("; ") != message.npos) return {};
+  if (message.find(then) != message.npos) return {};
   if (code == "permissions" || (code == "file_read" && is_closed(object)))
     return "; give it to this user alone and try again";
   if (code == "lock_failed") return "; remove it while nothing runs from the folder";
@@ -61,7 +64,9 @@ Error advised(const Error& error, const fs::path& root, const fs::path& object) 
   if (!names_something(message, root)) message += ": " + path_utf8(object);
   message += by_hand(error.code, message, object);
   auto commands = error.next_commands;
-  if (commands.empty()) commands.push_back(repair_command(root));
+  // A lock that is not this user's is the one thing that either can help with.
+  const bool mendable = message.find(then) == message.npos || error.code == "lock_failed";
+  if (commands.empty() && mendable) commands.push_back(repair_command(root));
   return {error.code, message, commands};
 }
 

@@ -14,8 +14,9 @@ std::string repair_command(const std::filesystem::path& root);
 /// The failure of something done to `object`, a file or folder below the data folder `root`, with
 /// the same code. Its message has no words of the JSON parser and ends in the object, unless it
 /// names something of the folder already. It says what to do: what belongs to another user is to be
-/// given back, for all else a repair is the next command, unless there is one. What only says that
-/// somebody is at work, that the disk is full or that the user wants no more, stays as it is.
+/// given back, a lock that is none can be removed, and for all that no hand is needed for, a repair
+/// is the next command, unless there is one. What only says that somebody is at work, that the disk
+/// is full or that the user wants no more, stays as it is.
 Error advised(const Error& error, const std::filesystem::path& root,
               const std::filesystem::path& object);
 

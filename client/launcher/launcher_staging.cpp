@@ -169,7 +169,8 @@ class Staging {
     require(!record_.attempt, "busy",
             "A launcher startup must finish before another update is staged");
     // A receipt that nobody can explain ends the run before any request.
-    launcher_download_receipts(store_.directory());
+    advising(store_.root(), child("download-intents"),
+             [&] { launcher_download_receipts(store_.directory()); });
   }
 
   // Budgets

@@ -8,12 +8,15 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "domain/relative_path.h"
 #include "installation/data_folder.h"
 #include "installation/own_files.h"
 #include "installation/repair_advice.h"
+#include "launcher/launcher_download.h"
 #include "launcher/launcher_record.h"
 #include "launcher/launcher_store.h"
 #include "platform/archives/snapshot.h"
+#include "platform/files/durable_files.h"
 #include "platform/files/folder_access.h"
 #include "platform/files/managed_tree.h"
 
@@ -46,6 +49,7 @@ class StoreRepair {
     const auto& selected = record.active ? record.active : record.candidate;
     selected_ = selected ? selected->manifest_sha256 : std::string();
     set_strangers_aside();
+    prove_downloads();
     prove_descriptors();
     prove_versions();
     if (forget(record, store)) store.save(record);
@@ -74,14 +78,37 @@ class StoreRepair {
   void set_strangers_aside() {
     const fs::path versions = directory_ / "versions";
     std::vector<fs::path> found;
-    walk_tree(directory_, tree_entries, too_many, [&](const auto& entry, std::string_view) {
-      const auto type = entry.symlink_status().type();
-      const bool of_version =
-          entry.path().parent_path() != versions && within(entry.path(), versions);
-      if (type != fs::file_type::directory && type != fs::file_type::regular && !of_version)
-        found.push_back(entry.path());
+    walk_tree(directory_, tree_entries, too_many, [&](const auto& entry, auto relative) {
+      const fs::path& path = entry.path();
+      const bool of_version = path.parent_path() != versions && within(path, versions);
+      // What lies in a folder that goes, goes with it.
+      const bool inside = !found.empty() && within(path, found.back());
+      if (!of_version && !inside && is_stranger(entry, relative)) found.push_back(path);
     });
-    for (const auto& path : found) set_aside(path, " is neither a file nor a folder");
+    for (const auto& path : found) set_aside(path, " is nothing that belongs there");
+  }
+
+  static bool is_stranger(const fs::directory_entry& entry, std::string_view relative) {
+    const auto type = entry.symlink_status().type();
+    if (type != fs::file_type::directory && type != fs::file_type::regular) return true;
+    try {
+      validate_relative_path(relative, true);
+      return false;
+    } catch (const Error&) {
+      return true;
+    }
+  }
+
+  /// Downloads are only fetched in advance: what cannot be explained makes room for new ones.
+  void prove_downloads() {
+    try {
+      launcher_download_receipts(directory_);
+    } catch (const Error&) {
+      for (const auto* folder : {"download-intents", "downloads"}) {
+        set_aside(directory_ / folder, " cannot be explained");
+        private_directory(directory_ / folder);
+      }
+    }
   }
 
   std::vector<fs::path> entries(std::string_view folder) const {
@@ -110,7 +137,7 @@ class StoreRepair {
     for (const auto& path : entries("versions")) {
       const std::string name = digest_of(path, "");
       if (name.empty() || name == selected_ || proves_version(path, name)) continue;
-      set_aside(path, " does not prove");
+      set_aside(path, " is not what its descriptor says");
     }
   }
 

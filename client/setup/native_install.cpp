@@ -94,15 +94,15 @@ void require_own_native(const fs::path& native) {
           [&] { return "Not a folder: " + path_utf8(native) + "; move it away and try again"; });
 }
 
-/// As `private_directory`, with a failure that names the folder. It never tells to remove one:
-/// player data may lie in it.
+/// As `private_directory`, with a failure that names the folder and a remedy. It never is to remove
+/// one: player data may lie in it.
 void make_private(const fs::path& folder) {
   try {
     private_directory(folder);
   } catch (const Error& error) {
-    const std::string message = error.what(), name = path_utf8(folder);
-    if (message.find(name) != message.npos) throw;
-    fail(error.code, message + ": " + name + "; give it to this user alone and try again");
+    const std::string message = message_naming(error, folder);
+    const bool says_more = message.find("; ") != message.npos;
+    fail(error.code, message + (says_more ? "" : "; give it to this user alone and try again"));
   }
 }
 

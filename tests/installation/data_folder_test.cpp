@@ -57,8 +57,14 @@ TEST(InstallStatus, RefusesDamagedRecordsButForgivesALauncherStore) {
     EXPECT_EQ(failure_of([&] { at.status(); }), "unsupported_schema: " + message);
     put_file(path, good);
   }
-  put_file(at.paths.bootstrap_manifest, "[]");
-  EXPECT_NE(code_of([&] { at.status(); }), "");
+  // Of no version at all: told in words of our own, with the file.
+  for (const auto& path : {status, at.paths.bootstrap_manifest, record})
+    for (const auto* text : {"", "{", "{}\x93", "[]"}) {
+      put_file(path, text);
+      const auto failure = failure_of([&] { at.status(); });
+      EXPECT_THAT(failure, testing::HasSubstr(path.string()));
+      EXPECT_THAT(failure, testing::Not(testing::HasSubstr("exception")));
+    }
 }
 
 TEST(InstallStatus, RecordsAnOperationWhateverItsMessage) {

@@ -4,6 +4,7 @@
 
 #include "installation/own_files.h"
 #include "installation/repair_advice.h"
+#include "launcher/launcher_download.h"
 #include "launcher/store_repair.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/managed_tree.h"
@@ -129,6 +130,8 @@ TEST_F(Store, IsMendedWithoutALookAtItsActiveVersion) {
   const std::map<std::string, std::function<void()>> damages = {
       {"folder", [&] { link(store.directory() / "leases"); }},
       {"entry", [&] { link(store.directory() / "downloads/x"); }},
+      {"name", [&] { write("health/a:b", ""); }},
+      {"receipt", [&] { write("download-intents/x", ""); }},
       {"descriptor", [&] { write("manifests/" + candidate.manifest_sha256 + ".json", "{}"); }},
       {"tree", [&] { write("versions/" + candidate.manifest_sha256 + "/odd", ""); }},
       {"link in a tree", [&] { link(tree / "bin"); }},
@@ -144,7 +147,10 @@ TEST_F(Store, IsMendedWithoutALookAtItsActiveVersion) {
     EXPECT_TRUE(mend_launcher_store(root).empty());
     EXPECT_GT(tree_bytes(store.directory(), 1000), 0U);
     EXPECT_EQ(store.record().active, active);
-    EXPECT_EQ(store.record().candidate.has_value(), name == "folder" || name == "entry");
+    launcher_download_receipts(store.directory());
+    const bool candidate_stands =
+        name == "folder" || name == "entry" || name == "name" || name == "receipt";
+    EXPECT_EQ(store.record().candidate.has_value(), candidate_stands);
     EXPECT_EQ(fs::exists(root / "native/set-aside"), name != "version");
   }
 }

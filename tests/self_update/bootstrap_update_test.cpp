@@ -212,6 +212,22 @@ TEST_F(BootstrapUpdate, WaitsWhileItMayNotRunAndTakesNothingThatHasChanged) {
   setenv(bootstrap_start_check_environment, "", 1);
   EXPECT_TRUE(bootstrap_update_pending(paths.root) && stands(paths.update / "turn"));
   EXPECT_EQ(tree_content(paths.installed), old_release);
+  // Nothing is taken from where a link leads, and nothing goes there.
+  const fs::path away = temp / "away";
+  for (const fs::path part : {"", "share"}) {
+    fs::remove_all(paths.rejected);
+    stage();
+    const fs::path from = (paths.update / part / "").parent_path();
+    fs::rename(from, away);
+    fs::create_directory_symlink(away, from);
+    const auto held = tree_content(away);
+    apply();
+    expect_settled(old_release);
+    EXPECT_EQ(tree_content(away), held);
+    fs::remove_all(away);
+  }
+  fs::remove_all(paths.rejected);
+  stage();
   write_bytes(paths.update / "share/changed", "neW");
   apply();
   expect_settled(old_release);

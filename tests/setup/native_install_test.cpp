@@ -147,6 +147,8 @@ TEST_F(Install, MendsTheFormOfItsFiles) {
       {paths.bootstrap_lock, fill},
       {paths.setup_lock, folder},
       {paths.bootstrap_lock, link},
+      {lock,
+       [&](const fs::path& file) { fs::create_hard_link(file, at.folder.path() / random_id()); }},
       {leases, [](const fs::path& path) { fs::remove_all(path), put_file(path, ""); }},
       {paths.incomplete_marker, folder},
       {paths.incomplete_marker, link},
@@ -199,6 +201,24 @@ TEST_F(Install, MendsItsLockWhileNobodyElseDoes) {
   put_file(paths.setup_lock, "x");
   at.uninstall();
   EXPECT_EQ(guarded, 2);
+}
+
+TEST_F(Install, OpensItsOwnFoldersAgain) {
+  at.install();
+  const fs::path good = at.folder.path() / "good";
+  copy_tree(paths.root, good);
+  for (const auto& folder : {paths.launcher, paths.launcher / "leases/versions", paths.trust,
+                             paths.launcher / "manifests", paths.bootstrap / "bin"}) {
+    SCOPED_TRACE(folder);
+    const auto close = [&] { copy_tree(good, paths.root), ::chmod(folder.c_str(), 0); };
+    close();
+    const auto result = at.repair();
+    EXPECT_THAT(result.mended,
+                testing::ElementsAre(folder.string() + " was opened to this user again"));
+    EXPECT_TRUE(result.replaced.empty());
+    close();
+    EXPECT_TRUE(at.uninstall().data_removed);
+  }
 }
 
 TEST_F(Install, ClearsWhatFailedStartsAndCutOffWritesLeft) {

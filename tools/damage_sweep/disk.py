@@ -68,7 +68,3 @@ def remove(path):
     elif os.path.isdir(path):
         subprocess.run(["chmod", "-R", "u+rwX", path], check=True)
         shutil.rmtree(path)
-
-
-def changed_names(before, after):
-    return sorted(name for name in {*before, *after} if before.get(name) != after.get(name))

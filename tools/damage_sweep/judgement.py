@@ -15,9 +15,9 @@ COMMAND = re.compile(r"^Try: (?:(self cleanup)$|Run (uninstall), then install\b)
 
 
 def wrong_with(ended, image_is_damaged):
-    """What no command may do, whatever the state. A damaged image is no longer the client's program
-    until it has been replaced."""
+    """What no command may do, whatever the state."""
     text = ended.said + ended.errors
+    # A damaged image is no longer the client's program until it has been replaced.
     own = ended.name.startswith(("start", "self")) and image_is_damaged
     if ended.status is None:
         yield f"takes longer than {PATIENCE} seconds"
@@ -28,11 +28,6 @@ def wrong_with(ended, image_is_damaged):
         yield f"shows a library's text: {raw}"
     if ended.status not in (0, 127, None) and not text.strip() and not own:
         yield "fails without a word"
-
-
-def is_image(label):
-    return (label == "." or "native/bootstrap/".startswith(label + "/") or
-            label.startswith("native/bootstrap/"))
 
 
 class Told:

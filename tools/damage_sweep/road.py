@@ -1,8 +1,8 @@
 """A user's road through one state, and what is wrong with how it went."""
 import os, subprocess
 
-from damage_sweep.disk import changed_names, content, opened, remove
-from damage_sweep.judgement import Told, is_image, wrong_with
+from damage_sweep.disk import content, opened, remove
+from damage_sweep.judgement import Told, wrong_with
 from damage_sweep.states import Damage
 
 PLAYER = ("userdata", "settings.json")
@@ -15,7 +15,9 @@ class Road:
         self.world, self.state = world, state
         self.damaged = [(f"{world.data}/{paths[label]}" if label != "." else world.data, kind)
                         for label, kind in state]
-        self.image_is_damaged = any(is_image(label) for label, _ in state)
+        self.image_is_damaged = any(
+            label == "." or f"{label}/".startswith("native/bootstrap/") or label == "native"
+            for label, _ in state)
         self.left = list(self.damaged)  # what nobody has looked after by hand yet
         self.steps, self.faults, self.verdict = [], [], None
         self.damage = Damage(world)
@@ -110,9 +112,9 @@ class Road:
         self.look()
         for what, before, after in (("what is foreign", foreign, self.foreign),
                                     ("player data", player, self.player)):
-            changed = changed_names(before, after)
+            changed = {name for name in {*before, *after} if before.get(name) != after.get(name)}
             if changed:
-                self.fault(ended, f"changes {what}: {', '.join(changed)}")
+                self.fault(ended, f"changes {what}: {', '.join(sorted(changed))}")
         return ended
 
     def fault(self, ended, what):

@@ -15,20 +15,14 @@ def group_of(state):
     return f"`{top}/`" if below or top in ("native", "launcher", "trust", "userdata") else "other files"
 
 
-def row(*cells):
-    return "| " + " | ".join(map(str, cells)) + " |"
-
-
-def cells_of(counts):
-    return sum(counts.values()), *(counts[verdict] for verdict in VERDICTS)
-
-
 def table(roads):
     """One row for each part of the folder and user, and their sums."""
-    rows, total = collections.defaultdict(collections.Counter), collections.Counter()
-    for group, user, verdict in roads:
-        rows[f"{group}, {user}"][verdict] += 1
-        total[verdict] += 1
-    lines = [row(*COLUMNS), row("---", *["---:"] * len(VERDICTS), "---:")]
-    lines += [row(name, *cells_of(counts)) for name, counts in sorted(rows.items())]
-    return "\n".join([*lines, row("all", *cells_of(total))])
+    counts = collections.defaultdict(collections.Counter)
+    for group, user, verdict in sorted(roads):
+        for name in (f"{group}, {user}", "all"):
+            counts[name][verdict] += 1
+    counts["all"] = counts.pop("all", collections.Counter())  # as the last row
+    rows = [COLUMNS, ["---"] + ["---:"] * (len(VERDICTS) + 1)]
+    rows += [[name, sum(count.values()), *map(count.__getitem__, VERDICTS)]
+             for name, count in counts.items()]
+    return "\n".join("| " + " | ".join(map(str, row)) + " |" for row in rows)

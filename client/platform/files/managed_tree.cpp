@@ -64,6 +64,17 @@ bool remove_proved(const fs::path& root, const std::function<bool(const struct s
   return true;
 }
 
+/// A refused name is told with the path that has it.
+void require_safe_name(const fs::path& root, std::string_view relative) {
+  try {
+    safe_join(root, relative, true);
+  } catch (const Error& error) {
+    const std::string message = error.what(), name = path_utf8(root / relative);
+    if (message.find(name) != message.npos) throw;
+    fail(error.code, message + ": " + name);
+  }
+}
+
 }  // namespace
 
 void walk_tree(const fs::path& root, unsigned long max_entries, std::string_view too_many,
@@ -90,7 +101,7 @@ unsigned long long tree_bytes(const fs::path& root, unsigned long max_entries) {
   unsigned long long total = 0;
   walk_tree(root, max_entries, "Directory entry count exceeds bounds",
             [&](const auto& entry, auto relative) {
-              safe_join(root, relative, true);
+              require_safe_name(root, relative);
               const auto type = entry.symlink_status().type();
               const bool folder = type == fs::file_type::directory;
               require(folder || type == fs::file_type::regular, "unsafe_path", [&] {

@@ -7,7 +7,8 @@ namespace tavro {
 
 /// `root` joined with a relative path from a document, which is validated first (see
 /// `validate_relative_path`; nearly every caller passes portable `true`). No component may be a
-/// symbolic link: `unsafe_path`. The root is trusted, and what does not exist yet is fine. This is
+/// symbolic link: `unsafe_path`, with its path; a folder that cannot be entered fails as in
+/// `refuse_folder`. The root is trusted, and what does not exist yet is fine. This is
 /// a look, not a lock: who must be safe against a change meanwhile compares identities.
 std::filesystem::path safe_join(const std::filesystem::path& root, std::string_view relative,
                                 bool portable);

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "platform/files/folder_access.h"
+#include "platform/files/managed_tree.h"
 #include "platform/files/safe_path.h"
 #include "support/fail_nth_call.h"
 
@@ -35,6 +37,20 @@ TEST_F(Files, JoinsWhatHoldsNoLinkAndMayNotExist) {
                                   std::pair("real/dangling", "real/dangling")})
     EXPECT_FAILURE(safe_join(at, bad, true), linked + (at / name).native());
   EXPECT_FAILURE(safe_join(at, "a/../x", false), "unsafe_path: Path contains an unsafe component");
+}
+
+TEST_F(Files, NameTheFolderThatIsClosedToTheUser) {
+  if (::geteuid() == 0) GTEST_SKIP() << "no folder is closed to the superuser";
+  const fs::path closed = at / "closed";
+  fs::create_directories(closed / "in");
+  fs::permissions(closed, fs::perms::none);
+  const std::string told = "permissions: Cannot look into the folder " + closed.native() +
+                           ": Permission denied (13); give it to this user alone, with mode 0700, "
+                           "and try again";
+  EXPECT_FAILURE(safe_join(at, "closed/in/new", true), told);
+  EXPECT_FAILURE(folder_entries(closed, 1, ""), told);
+  EXPECT_FAILURE(tree_bytes(at, 10), told);
+  fs::permissions(closed, fs::perms::owner_all);
 }
 
 TEST_F(Files, RefusesATreeWhosePathsWouldNotFit) {
