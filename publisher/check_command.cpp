@@ -35,8 +35,8 @@ std::string games_told(const json& games) {
     return "Of " + std::to_string(games.size()) + " builds " + std::to_string(failed) +
            " cannot be installed, the first of them " + first;
   });
-  return std::to_string(games.size()) + " builds of " + std::to_string(ids.size()) +
-         " games can be installed";
+  return "all builds (" + std::to_string(games.size()) + ") of all games (" +
+         std::to_string(ids.size()) + ") can be installed";
 }
 
 CommandResult check(const Arguments& arguments, const CommandContext& context) {
@@ -77,7 +77,8 @@ std::vector<PublishCommand> check_commands() {
         {"--download", "", "Download the targets and verify their bytes", OptionUse::flag},
         {"--games", "", "Prove every build of the game catalogues as an install does",
          OptionUse::flag},
-        {"--folder", "DIR", "Keep downloads here; a stopped one goes on when run again"}},
+        {"--folder", "DIR",
+         "Keep downloads here; a stopped one goes on when run again. Games find their room here"}},
        check},
   };
 }

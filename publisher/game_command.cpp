@@ -114,23 +114,29 @@ CommandResult release_game(const Arguments& arguments, const CommandContext& con
   const Release release = packed(arguments, context);
   const GameManifest game = manifest_of(release);
   CommandResult result = publish_release(arguments, context, release.manifest.parent_path());
+  result.sentence = game.game_id + " has the new build " + game.build_id + " for " + game.platform +
+                    ". " + result.sentence;
   result.document.update({{"game_id", game.game_id},
                           {"build_id", game.build_id},
                           {"manifest_sha256", digest(release.manifest_bytes, "sha256")}});
   return result;
 }
 
-std::vector<OptionRule> game_options() {
-  std::vector<OptionRule> options = packing_options(
-      {{"--encrypt", "", "Encrypt the archive under a key of its own", OptionUse::flag}});
+/// The options behind the folder.
+std::vector<OptionRule> game_options(std::vector<OptionRule> options) {
   options.insert(options.begin(),
                  {"DIR", "", "The folder of game.json, what that names, and the build in \"files\"",
                   OptionUse::required});
   return options;
 }
 
+std::vector<OptionRule> encrypting_options() {
+  return packing_options(
+      {{"--encrypt", "", "Encrypt the archive under a key of its own", OptionUse::flag}});
+}
+
 std::vector<OptionRule> release_options() {
-  std::vector<OptionRule> options = game_options();
+  std::vector<OptionRule> options = encrypting_options();
   for (const OptionRule& rule : {channel_rule, hold_key_rule, delegator_rule})
     options.push_back(rule);
   return signing_options(std::move(options));
@@ -140,9 +146,10 @@ std::vector<OptionRule> release_options() {
 
 std::vector<PublishCommand> game_commands() {
   return {
-      {"game", "Pack a game with what its players see of it", game_options(), make_game},
+      {"game", "Pack a game with what its players see of it", game_options(encrypting_options()),
+       make_game},
       {"release game", "Pack a game and publish it as the newest build of a channel",
-       release_options(), release_game},
+       game_options(release_options()), release_game},
   };
 }
 

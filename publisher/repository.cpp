@@ -193,8 +193,9 @@ void Repository::delegate(const std::string& delegator, const Delegation& delega
     const json& meta = state_.snapshot.at("meta");
     if (meta.contains(name + ".json")) fresh["version"] = meta.at(name + ".json").at("version");
     state_.roles[name] = std::move(fresh);
-    if (delegation.may_wait) may_wait_.insert(name);
   }
+  // Of a role that has been signed before, clients have a version, and ask for a newer one.
+  if (delegation.may_wait && state_.roles.at(name).at("version") == 0) may_wait_.insert(name);
   changed_.insert(name);
 }
 

@@ -90,7 +90,7 @@ class Repository {
   RepositoryState state_;
   std::optional<json> next_root_;
   std::set<std::string> changed_;
-  /// New roles that are only signed if their keys are at hand.
+  /// Roles that were never signed, and need not be yet.
   std::set<std::string> may_wait_;
   Publication publication_;
 };
