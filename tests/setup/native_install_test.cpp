@@ -58,6 +58,8 @@ TEST_F(Install, RefusesTheWrongStartingPointAndChangesNothing) {
   fs::create_directories(paths.native);
   fs::create_symlink("nowhere", paths.incomplete_marker);
   EXPECT_TRUE(at.status().incomplete) << "a marker is one whatever it is";
+  put_file(paths.setup_lock, "x");
+  EXPECT_TRUE(at.status().problems.empty()) << "of a folder that is being changed";
   for (const auto& root : {at.package.folder, at.package.folder / "data", at.folder.path()}) {
     at.paths = DataPaths(root);
     EXPECT_EQ(failure_of([&] { at.install(); }),
