@@ -1,9 +1,12 @@
 #include "support/temp_folder.h"
 
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 
@@ -29,6 +32,18 @@ TempFolder::~TempFolder() {
       fs::permissions(entry->path(), fs::perms::owner_all, denied);
   }
   fs::remove_all(path_, ignored);
+}
+
+bool bind_mount(const fs::path& source, const fs::path& target) {
+  std::ifstream table("/proc/self/mountinfo");
+  bool lists_root = false;
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream fields(line);
+    std::string field;
+    for (int count = 0; count < 5; ++count) fields >> field;
+    lists_root = lists_root || field == "/";
+  }
+  return lists_root && ::mount(source.c_str(), target.c_str(), "", MS_BIND, nullptr) == 0;
 }
 
 }  // namespace tavro

@@ -20,4 +20,8 @@ class TempFolder {
   std::filesystem::path path_;
 };
 
+/// Shows the folder a second time at `target`. False where the process may not, and where nobody
+/// could tell that both are one: in a root entered by `chroot`, whose mount is not listed.
+bool bind_mount(const std::filesystem::path& source, const std::filesystem::path& target);
+
 }  // namespace tavro
