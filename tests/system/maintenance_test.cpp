@@ -141,7 +141,7 @@ TEST_F(Removal, WaitsForAYesInTheHelpersWindow) {
   ASSERT_EQ(mkfifo(input.c_str(), 0600), 0);
   for (const std::string answer : {"no", "yes"}) {
     Launched launcher(image("launcher-gui"), "", {{"EXAMPLE_WINDOW_INPUT", input}}, by_window);
-    EXPECT_EQ(launcher.status(), 0);  // its window closes while the helper asks
+    ASSERT_EQ(launcher.status(), 0);  // its window closes while the helper asks
     std::ofstream(input) << answer << "\n";
     EXPECT_THAT(launcher.rest(), HasSubstr(answer == "no" ? "Nothing was" : "Removed Tavro"));
     EXPECT_EQ(at.status().installed, answer == "no");
