@@ -152,14 +152,15 @@ void put_catalog(Repository& repository, const std::string& role, const GameCata
 /// Whether clients could take every build that `present` lists beside what is published.
 void require_no_contradiction(const GameCatalog& present, const GameCatalog& made,
                               const std::string& role) {
-  for (const auto& [id, game] : present.games)
-    for (const auto& [channel, build] : game.channels) {
-      const auto now = made.games.find(id);
-      const bool listed = now != made.games.end() && now->second.channels.contains(channel);
-      require(listed && now->second.channels.at(channel) == build, "catalog_not_signed", [&] {
-        return "The game catalogue would contradict channel " + channel + " of " + id +
-               "; sign it too, with the keys of role " + role;
-      });
+  for (const auto& game : present.games)
+    for (const auto& channel : game.second.channels) {
+      const auto now = made.games.find(game.first);
+      const bool listed = now != made.games.end() && now->second.channels.contains(channel.first);
+      require(listed && now->second.channels.at(channel.first) == channel.second,
+              "catalog_not_signed", [&] {
+                return "The game catalogue would contradict channel " + channel.first + " of " +
+                       game.first + "; sign it too, with the keys of role " + role;
+              });
     }
 }
 
