@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 #include "documents/game_manifest.h"
 #include "games/game_download.h"
@@ -18,6 +19,8 @@ class GameArchive {
 
   /// The archive itself: the encrypted form where there is one.
   const GameTarget& target() const noexcept { return archive_; }
+  /// All that is fetched: the archive, and its key where there is one.
+  std::vector<GameTarget> targets() const;
 
   /// Throws `key_not_published` for an encrypted release whose key the repository does not offer
   /// yet, before anything is taken, and `content_mismatch` for an archive that it signs otherwise.

@@ -45,7 +45,7 @@ void GameInstall::settle() {
   } catch (const Error& error) {
     fail_about(error, writer_.paths().staging);
   }
-  writer_.sweep(false);
+  writer_.sweep();
 }
 
 void GameInstall::settle_documents() {
@@ -83,7 +83,7 @@ void GameInstall::settle_ready(const GameVersion& version) {
 
 GamePlan GameInstall::plan(const GameRelease& release) const {
   const GameArchive archive(release.manifest, release.manifest_ref);
-  const auto on_disk = GameDownloads(writer_).allocated(archive.target());
+  const auto on_disk = GameDownloads(writer_).on_disk(archive.target(), release.manifest_ref);
   return plan_game_files(release.manifest, release.manifest, archive.target(), on_disk,
                          writer_.paths().staging);
 }
@@ -113,6 +113,8 @@ void GameInstall::stage(TufClient& tuf, const GameRelease& release) {
 void GameInstall::bring_in(TufClient& tuf, const GameRelease& release) {
   GameArchive archive(release.manifest, release.manifest_ref);
   archive.require_published(tuf);
+  // What was fetched of other releases is of no use any more, and its space may be missing.
+  GameDownloads(writer_).forget_but(archive.targets(), release.manifest_ref);
   require_room(plan(release), release.manifest.game_id);
   const GamePaths& paths = writer_.paths();
   const GameVersion version{random_id(), release.manifest.build_id, release.manifest_ref,
@@ -183,7 +185,7 @@ void GameInstall::finish_activation(const GameVersion& version) {
   writer_.drop(paths.preparation);
   writer_.drop(paths.ready);
   GameDownloads(writer_).forget();
-  writer_.sweep(false);
+  writer_.sweep();
 }
 
 void GameInstall::discard() {

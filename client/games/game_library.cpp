@@ -1,6 +1,7 @@
 #include "games/game_library.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "domain/crypto.h"
@@ -71,7 +72,12 @@ GameStore GameLibrary::store(std::string_view game_id) const {
 GameWriter GameLibrary::writer(std::string_view game_id) const {
   GameWriter game(GamePaths(root_, game_id));
   // A removal that began is completed before anything else begins.
-  if (game.record.removing) remove_game(game, PlayerData::kept);
+  if (game.record.removing) remove_game(game, *game.record.removing);
+  try {
+    remove_set_aside_player(game.paths());
+  } catch (const std::exception&) {
+    // What cannot be removed of given up saves is no reason to keep from a game.
+  }
   GameInstall(game, {}).settle();
   settle_game_sessions(game);
   return game;
@@ -131,7 +137,7 @@ GameCatalog GameLibrary::available(TufClient& tuf) const {
 
 GameRelease GameLibrary::release(std::string_view game_id, TufClient& tuf,
                                  const GameRequest& request, const std::string& own_channel) const {
-  GameOffers offers(root_, tuf);
+  GameOffers offers(root_, tuf, request.progress);
   const std::string id(game_id);
   if (!request.manifest_sha256.empty()) {
     require(is_lower_hex(request.manifest_sha256, digest_characters), "invalid_identity",
@@ -160,7 +166,7 @@ GameUpdate GameLibrary::check(std::string_view game_id, TufClient& tuf) const {
   update.staged = record.preload && record.preload->manifest_ref == newest.manifest_ref;
   const GameArchive archive(newest.manifest, newest.manifest_ref);
   update.plan =
-      plan_game_files(newest.manifest, newest.manifest, archive.target(), 0, game.paths().folder);
+      plan_game_files(newest.manifest, newest.manifest, archive.target(), {}, game.paths().folder);
   return update;
 }
 
@@ -175,7 +181,7 @@ GamePlan GameLibrary::plan(std::string_view game_id, TufClient& tuf,
     return GameInstall(owned, request.progress).plan(wanted);
   }
   const GameArchive archive(wanted.manifest, wanted.manifest_ref);
-  return plan_game_files(wanted.manifest, wanted.manifest, archive.target(), 0, root_);
+  return plan_game_files(wanted.manifest, wanted.manifest, archive.target(), {}, root_);
 }
 
 GameChange GameLibrary::install(std::string_view game_id, TufClient& tuf,
@@ -203,12 +209,16 @@ GameChange GameLibrary::bring_in(GameWriter& game, TufClient& tuf, const GameReq
   GameChange change{.build_id = wanted.manifest.build_id};
   const bool moves = !request.channel.empty() && request.channel != record.channel;
   if (moves) record.channel = request.channel;
+  GameInstall work(game, request.progress);
   if (is_current(record, wanted)) {
+    if (!game.known_manifest(*record.active)) game.keep_manifest(wanted.manifest);
+    // What was staged meanwhile is not offered any more, and must not come into use.
+    change.changed = work.staged().has_value();
+    if (change.changed) work.discard();
     if (moves) game.save();
     change.active = true;
     return change;
   }
-  GameInstall work(game, request.progress);
   work.stage(tuf, wanted);
   change.changed = change.staged = true;
   std::unique_ptr<FileLock> lease;
@@ -260,12 +270,7 @@ GameRepair GameLibrary::repair(std::string_view game_id, TufClient& tuf,
                                const GameProgress& progress) const {
   GameWriter game = owner(game_id);
   const auto lease = game.lease(*game.record.active, LockMode::exclusive);
-  const GameDifferences differences = verify(game_id, progress);
-  const GameRepair repair =
-      differences.is_sound() ? GameRepair() : repair_game(game, tuf, differences, progress);
-  // What a repair that was cut off fetched is of no use any more.
-  GameDownloads(game).forget();
-  return repair;
+  return repair_game(game, tuf, progress);
 }
 
 GameChange GameLibrary::roll_back(std::string_view game_id, const GameProgress& progress) const {
@@ -304,7 +309,8 @@ void GameLibrary::defer(std::string_view game_id, const std::string& build_id,
 
 GameRemoval GameLibrary::remove(std::string_view game_id, PlayerData saves) const {
   const GamePaths paths(root_, game_id);
-  const bool has_saves = saves == PlayerData::removed && bears_name(paths.player);
+  const bool has_saves = saves == PlayerData::removed &&
+                         (bears_name(paths.player) || has_set_aside_player(paths));
   require(bears_name(paths.record) || bears_name(paths.preparation) || bears_name(paths.ready) ||
               bears_name(paths.download_record) || has_saves,
           "not_installed", [&] { return "The game " + paths.game_id + " is not installed"; });
