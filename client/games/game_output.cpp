@@ -8,7 +8,7 @@
 
 #include "domain/error.h"
 #include "domain/input.h"
-#include "games/game_session.h"
+#include "games/game_history.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/private_storage.h"
 #include "platform/host/system_calls.h"

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <iterator>
+#include <thread>
 
 #include "games/game_world.h"
 
@@ -133,6 +134,18 @@ TEST_F(GameSessions, HoldTheirBuildWhileTheyLast) {
   library.set_channel("space", "stable");
   const auto sessions = fs::directory_iterator(world.paths().sessions);
   EXPECT_EQ(std::distance(begin(sessions), end(sessions)), 8);
+}
+
+TEST_F(GameSessions, AreProtectedByTheGameWhenItsLauncherEnds) {
+  install(build_of("one", "while [ ! -e \"$TAVRO_GAME_STATE/enough\" ]; do sleep 0.02; done"));
+  library.launch("space", {});
+  EXPECT_TRUE(library.status("space").running);
+  EXPECT_EQ(code_of([&] { library.remove("space", PlayerData::removed); }), "game_running");
+  write_bytes(world.paths().state / "enough", "");
+  while (library.status("space").running) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(library.status("space").last_start->outcome, GameOutcome::unknown);
+  library.remove("space", PlayerData::kept);
+  EXPECT_FALSE(fs::exists(world.paths().record));
 }
 
 TEST_F(GameSessions, StartOnlyWhatIsTheGames) {
