@@ -8,12 +8,15 @@
 
 #include "domain/crypto.h"
 #include "domain/error.h"
+#include "domain/input.h"
+#include "games/game_verify.h"
 #include "platform/archives/snapshot.h"
 #include "platform/files/directory_commit.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/system_calls.h"
 #include "platform/storage/install_preparation.h"
+#include "platform/storage/storage_volume.h"
 
 namespace tavro {
 namespace {
@@ -30,6 +33,12 @@ Progress in_phase(const GameProgress& progress, std::string_view phase) {
   };
 }
 
+/// Whether a tree was left as it is, since nobody knows whose it is.
+bool is_preserved(std::string_view code) {
+  return code == "allocation_changed" || code == "unexpected_file" ||
+         code == "install_preparation_state" || code == "install_ready_state";
+}
+
 }  // namespace
 
 std::optional<GameVersion> GameInstall::staged() const {
@@ -43,12 +52,53 @@ void GameInstall::settle() {
   try {
     settle_documents();
   } catch (const Error& error) {
-    fail_about(error, writer_.paths().staging);
+    if (!is_preserved(error.code)) fail_about(error, writer_.paths().staging);
+    fail(error.code, std::string(error.what()) + "; move what lies in " +
+                         path_utf8(writer_.paths().staging) + " away and try again");
   }
   writer_.sweep(false);
 }
 
+/// The documents name the place and the volume of their tree. The place changes when the data
+/// folder is moved, and a volume may get another number when the machine starts anew: both are what
+/// holds the document now, and the tree is known by its inode and by what is in it.
+void GameInstall::follow_move() {
+  const GamePaths& paths = writer_.paths();
+  for (const fs::path* path : {&paths.preparation, &paths.ready}) {
+    json document = writer_.document(*path);
+    if (document.is_null()) continue;
+    if (path == &paths.ready)
+      validate_install_ready(document);
+    else
+      validate_install_preparation(document, nullptr);
+    const json before = document;
+    document["versions_path"] = path_utf8(paths.versions);
+    json& identity = document["staging_identity"];
+    if (!identity.is_null()) identity[0] = inspect_storage_directory(paths.versions)[0];
+    const GameVersion version = version_of(document);
+    if (path == &paths.ready && writer_.record.active != version) adopt_copy(identity, version);
+    if (document != before) atomic_write(*path, document.dump());
+  }
+}
+
+/// In a copy of the data folder the tree is another one, and as good where all of it is right.
+void GameInstall::adopt_copy(json& identity, const GameVersion& version) const {
+  const GamePaths& paths = writer_.paths();
+  fs::path tree = paths.staged(version.version);
+  if (!bears_name(tree)) tree = paths.version(version.version);
+  if (!bears_name(tree)) return;
+  const json found = inspect_storage_directory(tree);
+  if (found == identity) return;
+  const auto differences =
+      compare_game_files(writer_.manifest(version), tree, in_phase(progress_, "verifying"));
+  require(differences.is_sound() && differences.foreign_count == 0, "allocation_changed", [&] {
+    return "This is not the build that was staged; move it away and try again: " + path_utf8(tree);
+  });
+  identity = found;
+}
+
 void GameInstall::settle_documents() {
+  follow_move();
   const json preparation = writer_.document(writer_.paths().preparation);
   const auto version = staged();
   // That of the staged build itself only waits to be dropped; a repair beside it has its own.
@@ -178,8 +228,10 @@ void GameInstall::record_activation(const GameVersion& version) {
 
 void GameInstall::finish_activation(const GameVersion& version) {
   const GamePaths& paths = writer_.paths();
-  cleanup_ready_install(writer_.manifest(version), writer_.document(paths.ready),
-                        paths.staged(version.version), paths.version(version.version), true);
+  // It is on record: only a tree that stands where the staged one stood has to be proved.
+  if (bears_name(paths.staged(version.version)))
+    cleanup_ready_install(writer_.manifest(version), writer_.document(paths.ready),
+                          paths.staged(version.version), paths.version(version.version), true);
   writer_.drop(paths.preparation);
   writer_.drop(paths.ready);
   GameDownloads(writer_).forget();
@@ -187,6 +239,7 @@ void GameInstall::finish_activation(const GameVersion& version) {
 }
 
 void GameInstall::discard() {
+  follow_move();
   const GamePaths& paths = writer_.paths();
   const auto version = staged();
   if (version && bears_name(paths.manifest(version->manifest_ref)))

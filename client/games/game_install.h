@@ -19,8 +19,9 @@ class GameInstall {
       : writer_(writer), progress_(progress) {}
 
   /// Completes an activation that began, takes a preparation back that did not become ready, and
-  /// takes retired versions away that nothing runs from. A tree that holds what nobody reserved is
-  /// preserved, and the failure says so, as those of install_preparation.h do.
+  /// takes retired versions away that nothing runs from. A tree that holds what nobody reserved, or
+  /// that was copied from elsewhere, is preserved, and the failure says so, as those of
+  /// install_preparation.h do, and what to do by hand.
   void settle();
 
   /// What staging this release takes now.
@@ -46,6 +47,8 @@ class GameInstall {
 
  private:
   void settle_documents();
+  void follow_move();
+  void adopt_copy(json& identity, const GameVersion& version) const;
   void settle_preparation(const json& preparation);
   void settle_ready(const GameVersion& version);
   void record_activation(const GameVersion& version);

@@ -40,6 +40,9 @@ class Replacement {
  public:
   Replacement(const fs::path& from, const fs::path& to) : from_(from), to_(to) {}
 
+  /// Also of a folder that was taken away as a whole.
+  void begin() const { private_directory(to_); }
+
   void move(const std::string& relative) {
     make_parents(relative);
     const fs::path target = to_ / relative;
@@ -93,6 +96,7 @@ GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameDifferences
     GameDownloads downloads(writer);
     archive.fetch(tuf, downloads, progress);
     archive.extract(part, tree, progress);
+    replacement.begin();
     for (const std::string& path : differences.to_repair) replacement.move(path);
     replacement.make_durable();
   });

@@ -49,14 +49,8 @@ Found compare(const fs::path& path, const PackageFile& declared, const Progress&
   }
 }
 
-}  // namespace
-
-GameDifferences compare_game_files(const SnapshotManifest& manifest, const fs::path& root,
-                                   const Progress& progress) {
-  const auto node = posix_files::node_at(root);
-  require(node && S_ISDIR(node->st_mode), "unsafe_path",
-          [&] { return "The folder of the game is missing or a link: " + path_utf8(root); });
-  GameDifferences differences;
+void list_foreign(GameDifferences& differences, const SnapshotManifest& manifest,
+                  const fs::path& root) {
   walk_tree(root, max_entries, "The folder of the game holds too many entries",
             [&](const fs::directory_entry& entry, std::string_view relative) {
               const bool linked = entry.is_symlink();
@@ -65,6 +59,17 @@ GameDifferences compare_game_files(const SnapshotManifest& manifest, const fs::p
               if (linked || !entry.is_regular_file() || !known)
                 list(differences.foreign, differences.foreign_count, relative);
             });
+}
+
+}  // namespace
+
+GameDifferences compare_game_files(const SnapshotManifest& manifest, const fs::path& root,
+                                   const Progress& progress) {
+  const auto node = posix_files::node_at(root);
+  require(!node || S_ISDIR(node->st_mode), "unsafe_path",
+          [&] { return "The folder of the game is a link or a file: " + path_utf8(root); });
+  GameDifferences differences;
+  if (node) list_foreign(differences, manifest, root);
   unsigned long long done = 0;
   for (const auto& [relative, declared] : manifest.files) {
     report(progress, done, manifest.expanded_length);

@@ -29,8 +29,9 @@ struct GameDifferences {
 };
 
 /// Compares every file, by its length, digest and owner's execute permission. Folders that only
-/// hold other folders are not looked at. Throws `unsafe_path` when `root` is missing or a link,
-/// `size_limit` beyond 250000 entries, `cancelled`, `file_read`.
+/// hold other folders are not looked at. Of a tree that is gone every file is missing. Throws
+/// `unsafe_path` when `root` is a link or a file, `size_limit` beyond 250000 entries, `cancelled`,
+/// `file_read`.
 GameDifferences compare_game_files(const SnapshotManifest& manifest,
                                    const std::filesystem::path& root, const Progress& progress);
 
