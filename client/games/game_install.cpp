@@ -49,6 +49,7 @@ std::optional<GameVersion> GameInstall::staged() const {
 }
 
 void GameInstall::settle() {
+  follow_move();
   try {
     settle_documents();
   } catch (const Error& error) {
@@ -98,7 +99,6 @@ void GameInstall::adopt_copy(json& identity, const GameVersion& version) const {
 }
 
 void GameInstall::settle_documents() {
-  follow_move();
   const json preparation = writer_.document(writer_.paths().preparation);
   const auto version = staged();
   // That of the staged build itself only waits to be dropped; a repair beside it has its own.

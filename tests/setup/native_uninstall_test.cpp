@@ -71,7 +71,7 @@ TEST_F(Uninstall, WaitsForTavroToClose) {
   const auto before = tree_content(paths.root);
   int polls = 0;
   NativeSetupCallbacks callbacks;
-  callbacks.cancelled = [&] { 
+  callbacks.cancelled = [&] {
     if (++polls == 3) lease.reset();
     if (polls == 4) played.reset();
     return false;
