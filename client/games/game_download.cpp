@@ -130,8 +130,7 @@ fs::path GameDownloads::fetch(TufClient& tuf, const GameTarget& target,
   return tuf.download(target.path, directory, counted, observer, std::move(options));
 }
 
-GameOnDisk GameDownloads::on_disk(const GameTarget& target,
-                                  const std::string& manifest_ref) const {
+GameOnDisk GameDownloads::on_disk(const GameTarget& target, const std::string& manifest_ref) const {
   GameOnDisk most;
   for (const json& entry : entries_) {
     if (!is_of(entry, target)) continue;
@@ -155,11 +154,11 @@ GameOnDisk GameDownloads::on_disk_of(const json& entry, const GameTarget& target
     const fs::path state = safe_join(directory, resume_record_name(temporary), true);
     const ResumeRecord record = ResumeRecord::parse(
         parse_json(read_file(state, kResumeRecordBytes), kResumeRecordBytes), temporary);
-    const bool resumable = node && record.target == target.path &&
-                           record.authorization.length == target.length &&
-                           has_text(record.authorization.hashes, "sha256", target.sha256) &&
-                           record.scope_sha256 == digest(scope_of(target, manifest_ref), "sha256") &&
-                           record.device == node->st_dev && record.inode == node->st_ino;
+    const bool resumable =
+        node && record.target == target.path && record.authorization.length == target.length &&
+        has_text(record.authorization.hashes, "sha256", target.sha256) &&
+        record.scope_sha256 == digest(scope_of(target, manifest_ref), "sha256") &&
+        record.device == node->st_dev && record.inode == node->st_ino;
     if (resumable) return {record.received, blocks_of(partial)};
   } catch (const Error&) {
     // What cannot be read cannot be gone on with.

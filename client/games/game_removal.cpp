@@ -71,9 +71,8 @@ std::vector<fs::path> set_aside_players(const GamePaths& paths) {
   std::error_code ignored;
   std::size_t entries = 0;
   for (const auto& entry : fs::directory_iterator(paths.player.parent_path(), ignored)) {
-    require(++entries <= player_entries, "size_limit", [&] {
-      return "This folder holds too much: " + path_utf8(paths.player.parent_path());
-    });
+    require(++entries <= player_entries, "size_limit",
+            [&] { return "This folder holds too much: " + path_utf8(paths.player.parent_path()); });
     const std::string name = path_utf8(entry.path().filename());
     if (!nonce_between(name, set_aside_prefix(paths), "").empty()) found.push_back(entry.path());
   }

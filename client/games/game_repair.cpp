@@ -43,6 +43,9 @@ class Replacement {
  public:
   Replacement(const fs::path& from, const fs::path& to) : from_(from), to_(to) {}
 
+  /// Also of a folder that was taken away as a whole.
+  void begin() const { private_directory(to_); }
+
   void move(const std::string& relative) {
     make_parents(relative);
     const fs::path target = to_ / relative;
@@ -124,6 +127,7 @@ GameRepair replace_files(GameWriter& writer, TufClient& tuf, const GameManifest&
     GameDownloads downloads(writer);
     archive.fetch(tuf, downloads, progress);
     archive.extract(part, tree, progress);
+    replacement.begin();
     for (const std::string& path : files) replacement.move(path);
     replacement.make_durable();
   });
@@ -136,7 +140,6 @@ GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameProgress& p
   const GameVersion active = *writer.record.active;
   const GameManifest manifest = sound_manifest(writer, tuf, progress);
   const fs::path folder = writer.paths().version(active.version);
-  if (!bears_name(folder)) private_directory(folder);
   const auto differences = compare_game_files(manifest, folder, [&](auto done, auto total) {
     return !progress || progress("verifying", done, total);
   });

@@ -82,6 +82,18 @@ Found compare(const fs::path& path, const PackageFile& declared, const Progress&
   return has_digest(file.get(), declared, progress) ? Found::right : Found::wrong;
 }
 
+void list_foreign(GameDifferences& differences, const SnapshotManifest& manifest,
+                  const fs::path& root) {
+  walk_tree(root, max_entries, "The folder of the game holds too many entries",
+            [&](const fs::directory_entry& entry, std::string_view relative) {
+              const bool linked = entry.is_symlink();
+              if (!linked && entry.is_directory()) return;
+              const bool known = manifest.files.contains(std::string(relative));
+              if (linked || !entry.is_regular_file() || !known)
+                list(differences.foreign, differences.foreign_count, relative);
+            });
+}
+
 }  // namespace
 
 SnapshotManifest own_files(const SnapshotManifest& manifest, const fs::path& root) {
@@ -94,17 +106,10 @@ SnapshotManifest own_files(const SnapshotManifest& manifest, const fs::path& roo
 GameDifferences compare_game_files(const SnapshotManifest& manifest, const fs::path& root,
                                    const Progress& progress) {
   const auto node = posix_files::node_at(root);
-  require(node && S_ISDIR(node->st_mode), "unsafe_path",
-          [&] { return "The folder of the game is missing or a link: " + path_utf8(root); });
+  require(!node || S_ISDIR(node->st_mode), "unsafe_path",
+          [&] { return "The folder of the game is a link or a file: " + path_utf8(root); });
   GameDifferences differences;
-  walk_tree(root, max_entries, "The folder of the game holds too many entries",
-            [&](const fs::directory_entry& entry, std::string_view relative) {
-              const bool linked = entry.is_symlink();
-              if (!linked && entry.is_directory()) return;
-              const bool known = manifest.files.contains(std::string(relative));
-              if (linked || !entry.is_regular_file() || !known)
-                list(differences.foreign, differences.foreign_count, relative);
-            });
+  if (node) list_foreign(differences, manifest, root);
   unsigned long long done = 0;
   for (const auto& [relative, declared] : manifest.files) {
     report(progress, done, manifest.expanded_length);

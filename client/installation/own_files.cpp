@@ -120,16 +120,6 @@ std::vector<Place> document_places(const DataPaths& paths) {
   return places;
 }
 
-/// A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
-void require_free(const fs::path& path) {
-  const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (!file) return;
-  const auto& calls = system_calls();
-  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
-                    errno == EWOULDBLOCK;
-  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
-}
-
 fs::path aside_name(const fs::path& path) { return path.native() + ".set-aside-" + random_id(); }
 
 std::string set_aside_as(const fs::path& aside) {
@@ -137,6 +127,7 @@ std::string set_aside_as(const fs::path& aside) {
 }
 
 std::string move_aside(const Place& place, Form form) {
+  // A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
   if (form == Form::filled) require_free(place.path);
   return told(place, form) + set_aside_as(set_aside(place.path));
 }
@@ -195,6 +186,15 @@ std::vector<std::string> file_problems(const DataPaths& paths) {
 
 std::vector<std::string> mend_setup_lock(const DataPaths& paths) {
   return mend({setup_place(paths)});
+}
+
+void require_free(const fs::path& path) {
+  const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (!file) return;
+  const auto& calls = system_calls();
+  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+                    errno == EWOULDBLOCK;
+  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
 }
 
 std::vector<std::string> mend_locks(const DataPaths& paths) { return mend(lock_places(paths)); }

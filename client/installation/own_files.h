@@ -24,6 +24,10 @@ std::vector<std::string> mend_setup_lock(const DataPaths& paths);
 /// The same for all other locks; the caller holds the setup lock.
 std::vector<std::string> mend_locks(const DataPaths& paths);
 
+/// Throws `busy` when a process holds the file that stands there as its lock. Takes anything that
+/// cannot be opened for no lock.
+void require_free(const std::filesystem::path& path);
+
 /// Puts a file in place of a marker that is none, in one step, so that the folder counts as
 /// unfinished throughout; what stood there is set aside. The caller holds the locks. Throws
 /// `file_write`, and what `atomic_private_create` throws.
