@@ -7,17 +7,21 @@ large synced tree slows what comes next.
 """
 import argparse, json
 
-import compare_install, compare_repository, compare_theme, compare_update
+import rig
+import compare_games, compare_install, compare_repository, compare_theme, compare_update
 
 COMPARISONS = dict(repository=compare_repository, install=compare_install, update=compare_update,
-                   theme=compare_theme)
+                   theme=compare_theme, games=compare_games)
 
 
 def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--rounds", type=int, default=5)
     options.add_argument("--only", choices=COMPARISONS, help="one of the comparisons")
+    options.add_argument("--megabytes", type=int, default=1000,
+                         help="of the game that is installed; fewer for a quick look")
     options = options.parse_args()
+    rig.game_bytes = options.megabytes * 1_000_000
     results, rows = {}, []
     for name, comparison in COMPARISONS.items():
         if options.only in (None, name):

@@ -4,6 +4,8 @@ import atexit, hashlib, json, os, random, shutil, statistics, subprocess, sys, t
 BIN = "build/release/bin"
 WORK = tempfile.mkdtemp(prefix="tavro-bench-", dir=os.environ.get("TMPDIR", "/var/tmp"))
 atexit.register(shutil.rmtree, WORK)
+# Of the game that is installed.
+game_bytes = 1_000_000_000
 
 
 def timed(command, wanted=0):

@@ -75,7 +75,7 @@ class PlatformCheck {
     const GameTarget kept{
         game_manifest_target(release.manifest.game_id, platform_, release.manifest_sha256),
         listed.manifest_length, release.manifest_sha256};
-    require_authorized(client_.target(kept.path), kept);
+    require_authorized(client_, kept);
   }
 
   void prove(const GameRelease& release) {
@@ -91,7 +91,7 @@ class PlatformCheck {
   }
 
   fs::path fetch(const GameTarget& target, const fs::path& folder) {
-    require_authorized(client_.target(target.path), target);
+    require_authorized(client_, target);
     return client_.download(target.path, folder, progress_, {}, {});
   }
 

@@ -133,11 +133,16 @@ GameArchive::GameArchive(const GameManifest& manifest, std::string manifest_ref)
   key_ = GameTarget{form.key_target, kArchiveKeyBytes, form.key_sha256};
 }
 
+std::vector<GameTarget> GameArchive::targets() const {
+  if (!key_) return {archive_};
+  return {archive_, *key_};
+}
+
 void GameArchive::require_published(TufClient& tuf) const {
-  static_cast<void>(tuf.target(archive_.path));
+  require_authorized(tuf, archive_);
   if (!key_) return;
   try {
-    static_cast<void>(tuf.target(key_->path));
+    require_authorized(tuf, *key_);
   } catch (const Error& error) {
     if (error.code != "target_not_found") throw;
     fail("key_not_published", "The key of this build is not published yet; try again later");

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 #include "documents/game_manifest.h"
 #include "domain/progress.h"
@@ -21,6 +22,8 @@ class GameArchive {
   const GameTarget& target() const noexcept { return archive_; }
   /// That of the encrypted form.
   const std::optional<GameTarget>& key() const noexcept { return key_; }
+  /// All that is fetched: the archive, and its key where there is one.
+  std::vector<GameTarget> targets() const;
 
   /// Throws `key_not_published` for an encrypted release whose key the repository does not offer
   /// yet, before anything is taken, and `content_mismatch` for an archive that it signs otherwise.

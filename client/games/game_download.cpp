@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
 #include "domain/json_fields.h"
@@ -62,6 +63,31 @@ unsigned long long blocks_of(const fs::path& path) {
              : 0;
 }
 
+bool is_of(const json& entry, const GameTarget& target) {
+  return entry.at("target") == target.path && entry.at("sha256") == target.sha256;
+}
+
+/// What a partial file belongs to.
+std::string scope_of(const GameTarget& target, const std::string& manifest_ref) {
+  return canonical_json({{"kind", kind}, {"target", target.path}, {"reference", manifest_ref}});
+}
+
+/// What a kill left of writing a resume record, or of removing a file. In a folder that somebody filled with files of his
+/// own it is not worth the search.
+void remove_torn_records(const fs::path& folder, const std::string& record) {
+  std::vector<fs::path> dead;
+  std::size_t entries = 0;
+  for (const auto& found : fs::directory_iterator(folder)) {
+    if (++entries > folder_entries) break;
+    const std::string name = path_utf8(found.path().filename());
+    const auto node = posix_files::node_at(found.path());
+    if (torn_write::is_temporary_name(name, record) ||
+        (node && posix_files::is_set_aside(name, *node)))
+      dead.push_back(found.path());
+  }
+  for (const fs::path& path : dead) native_files::remove_or_trash(path, {});
+}
+
 void require_room(const fs::path& directory, unsigned long long bytes) {
   const StorageVolume volume = inspect_storage_volume(directory);
   // A volume in memory without a bound tells no capacity.
@@ -73,7 +99,8 @@ void require_room(const fs::path& directory, unsigned long long bytes) {
 
 }  // namespace
 
-void require_authorized(const json& description, const GameTarget& target) {
+void require_authorized(TufClient& tuf, const GameTarget& target) {
+  const json description = tuf.target(target.path);
   require(length(description) == target.length &&
               has_text(description.at("hashes"), "sha256", target.sha256),
           "content_mismatch", [&] {
@@ -87,19 +114,15 @@ GameDownloads::GameDownloads(const GameWriter& writer)
 fs::path GameDownloads::fetch(TufClient& tuf, const GameTarget& target,
                               const std::string& manifest_ref, const GameProgress& progress,
                               std::string_view phase) {
-  require_authorized(tuf.target(target.path), target);
+  require_authorized(tuf, target);
   const fs::path& directory = writer_.paths().downloads;
-  const DownloadObserver observer = [&](std::string_view state, const json&,
-                                        std::string_view temporary) {
-    if (state == "resumed")
-      require(knows(target, temporary), "download_ownership",
-              "A partial download that nobody recorded was preserved");
-    else
-      note(target, temporary);
+  // A partial file that is gone on with names this release in its own record, which was proved: it
+  // is recorded anew where the document of this game was lost.
+  const DownloadObserver observer = [&](std::string_view, const json&, std::string_view temporary) {
+    note(target, temporary);
   };
   TufDownloadOptions options;
-  options.resume_scope =
-      canonical_json({{"kind", kind}, {"target", target.path}, {"reference", manifest_ref}});
+  options.resume_scope = scope_of(target, manifest_ref);
   options.admission = [&](const DownloadAdmission& state) {
     if (!state.complete)
       require_room(directory,
@@ -111,21 +134,45 @@ fs::path GameDownloads::fetch(TufClient& tuf, const GameTarget& target,
   return tuf.download(target.path, directory, counted, observer, std::move(options));
 }
 
-unsigned long long GameDownloads::allocated(const GameTarget& target) const {
-  const fs::path& directory = writer_.paths().downloads;
-  unsigned long long most = 0;
+GameOnDisk GameDownloads::on_disk(const GameTarget& target, const std::string& manifest_ref) const {
+  GameOnDisk most;
   for (const json& entry : entries_) {
-    if (entry.at("target") != target.path || entry.at("sha256") != target.sha256) continue;
-    for (const char* name : {"target", "temporary"})
-      most = std::max(most, blocks_of(safe_join(directory, text_member(entry, name), true)));
+    if (!is_of(entry, target)) continue;
+    const GameOnDisk found = on_disk_of(entry, target, manifest_ref);
+    if (found.allocated != 0 && found.received >= most.received) most = found;
   }
   return most;
 }
 
+/// A partial file counts as its own record says. One without, or of another release, is never gone
+/// on with.
+GameOnDisk GameDownloads::on_disk_of(const json& entry, const GameTarget& target,
+                                     const std::string& manifest_ref) const {
+  const fs::path& directory = writer_.paths().downloads;
+  try {
+    const fs::path file = safe_join(directory, target.path, true);
+    if (posix_files::node_at(file)) return {target.length, blocks_of(file)};
+    const std::string& temporary = text_member(entry, "temporary");
+    const fs::path partial = safe_join(directory, temporary, true);
+    const auto node = posix_files::node_at(partial);
+    const fs::path state = safe_join(directory, resume_record_name(temporary), true);
+    const ResumeRecord record = ResumeRecord::parse(
+        parse_json(read_file(state, kResumeRecordBytes), kResumeRecordBytes), temporary);
+    const bool resumable =
+        node && record.target == target.path && record.authorization.length == target.length &&
+        has_text(record.authorization.hashes, "sha256", target.sha256) &&
+        record.scope_sha256 == digest(scope_of(target, manifest_ref), "sha256") &&
+        record.device == node->st_dev && record.inode == node->st_ino;
+    if (resumable) return {record.received, blocks_of(partial)};
+  } catch (const Error&) {
+    // What cannot be read cannot be gone on with.
+  }
+  return {};
+}
+
 bool GameDownloads::knows(const GameTarget& target, std::string_view temporary) const {
   return std::any_of(entries_.begin(), entries_.end(), [&](const json& entry) {
-    return entry.at("target") == target.path && entry.at("sha256") == target.sha256 &&
-           (temporary.empty() || entry.at("temporary") == temporary);
+    return is_of(entry, target) && (temporary.empty() || entry.at("temporary") == temporary);
   });
 }
 
@@ -161,9 +208,38 @@ bool GameDownloads::is_gone(const json& entry) const {
 }
 
 void GameDownloads::forget() {
-  for (const json& entry : entries_) remove_files(entry);
-  entries_ = json::array();
-  writer_.drop(writer_.paths().download_record);
+  forget_where([](const json&) { return true; });
+}
+
+void GameDownloads::forget(const std::vector<GameTarget>& targets) {
+  forget_where([&](const json& entry) {
+    return std::any_of(targets.begin(), targets.end(),
+                       [&](const GameTarget& target) { return is_of(entry, target); });
+  });
+}
+
+void GameDownloads::forget_but(const std::vector<GameTarget>& targets,
+                               const std::string& manifest_ref) {
+  forget_where([&](const json& entry) {
+    return std::none_of(targets.begin(), targets.end(), [&](const GameTarget& target) {
+      return is_of(entry, target) && on_disk_of(entry, target, manifest_ref).allocated != 0;
+    });
+  });
+}
+
+void GameDownloads::forget_where(const std::function<bool(const json& entry)>& unwanted) {
+  std::vector<json> kept;
+  for (const json& entry : entries_)
+    if (unwanted(entry))
+      remove_files(entry);
+    else
+      kept.push_back(entry);
+  if (kept.size() == entries_.size() && !kept.empty()) return;
+  entries_ = kept;
+  if (kept.empty())
+    writer_.drop(writer_.paths().download_record);
+  else
+    store();
 }
 
 void GameDownloads::remove_files(const json& entry) const {
@@ -172,21 +248,10 @@ void GameDownloads::remove_files(const json& entry) const {
   const fs::path folder = safe_join(directory, record, true).parent_path();
   std::error_code ignored;
   if (!fs::is_directory(folder, ignored)) return;
-  std::vector<fs::path> dead;
   for (const std::string& name :
        {text_member(entry, "temporary"), record, std::string(text_member(entry, "target"))})
-    dead.push_back(safe_join(directory, name, true));
-  std::size_t entries = 0;
-  const std::string record_name = path_utf8(fs::path(record).filename());
-  for (const auto& found : fs::directory_iterator(folder)) {
-    require(++entries <= folder_entries, "size_limit", "A download folder holds too many files");
-    const std::string name = path_utf8(found.path().filename());
-    const auto node = posix_files::node_at(found.path());
-    if (torn_write::is_temporary_name(name, record_name) ||
-        (node && posix_files::is_set_aside(name, *node)))
-      dead.push_back(found.path());
-  }
-  for (const fs::path& path : dead) native_files::remove_or_trash(path, {});
+    native_files::remove_or_trash(safe_join(directory, name, true), {});
+  remove_torn_records(folder, path_utf8(fs::path(record).filename()));
   sync_directory(folder);
   // Folders that nothing needs any more; one that holds something else stays.
   for (fs::path empty = folder; empty != directory; empty = empty.parent_path())

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/json.h"
 #include "games/game_store.h"
@@ -18,8 +20,17 @@ struct GameTarget {
   std::string sha256;
 };
 
-/// Throws `content_mismatch` unless the signed description is that of the release.
-void require_authorized(const json& description, const GameTarget& target);
+/// What is on disk of a target.
+struct GameOnDisk {
+  /// Bytes that need not be fetched any more.
+  unsigned long long received = 0;
+  /// Bytes that they take there.
+  unsigned long long allocated = 0;
+};
+
+/// Throws `content_mismatch` when the repository signs something else under the path of the target
+/// than its release says, and what the client throws.
+void require_authorized(TufClient& tuf, const GameTarget& target);
 
 /// The downloads of one game. A document of the game names each file before its first byte is
 /// taken, so that whatever a crash leaves in the folder can be gone on with, or taken away again.
@@ -32,24 +43,30 @@ class GameDownloads {
   /// Brings the target in and answers where its proved file lies. What an earlier run left of it is
   /// gone on with. `phase` names the progress. `manifest_ref` binds a partial file to one release.
   ///
-  /// Throws `content_mismatch` when the repository signs something else under this path than the
-  /// release says, `insufficient_space`, `download_ownership` (a partial file that nobody
-  /// recorded), `cancelled`, and what the client throws.
+  /// Throws as `require_authorized`, `insufficient_space`, `download_ownership` (too many are under
+  /// way), `cancelled`, and what the client throws.
   std::filesystem::path fetch(TufClient& tuf, const GameTarget& target,
                               const std::string& manifest_ref, const GameProgress& progress,
                               std::string_view phase);
 
-  /// What is on disk of a target by now, in bytes that it takes there.
-  unsigned long long allocated(const GameTarget& target) const;
+  /// What is on disk of a target by now and can be gone on with for this release.
+  GameOnDisk on_disk(const GameTarget& target, const std::string& manifest_ref) const;
 
   /// Takes every recorded file away, and the folders that only they needed. Others stay.
   void forget();
+  /// The same for the files of these targets.
+  void forget(const std::vector<GameTarget>& targets);
+  /// The same for all but what can be gone on with of these targets for this release.
+  void forget_but(const std::vector<GameTarget>& targets, const std::string& manifest_ref);
 
  private:
   void note(const GameTarget& target, std::string_view temporary);
   bool knows(const GameTarget& target, std::string_view temporary) const;
   void store() const;
   bool is_gone(const json& entry) const;
+  GameOnDisk on_disk_of(const json& entry, const GameTarget& target,
+                        const std::string& manifest_ref) const;
+  void forget_where(const std::function<bool(const json& entry)>& unwanted);
   void remove_files(const json& entry) const;
 
   const GameWriter& writer_;

@@ -19,15 +19,17 @@ class GameInstall {
       : writer_(writer), progress_(progress) {}
 
   /// Completes an activation that began, takes a preparation back that did not become ready, and
-  /// takes retired versions away that nothing runs from. A tree that holds what nobody reserved is
-  /// preserved, and the failure says so, as those of install_preparation.h do.
+  /// takes retired versions away that nothing runs from. A tree that holds what nobody reserved, or
+  /// that was copied from elsewhere, is preserved, and the failure says so, as those of
+  /// install_preparation.h do, and what to do by hand.
   void settle();
 
   /// What staging this release takes now.
   GamePlan plan(const GameRelease& release) const;
 
   /// Brings the release to where `activate` is all that is missing; a staged other one makes room.
-  /// A failure leaves the fetched part of the archive, for the next call to go on from.
+  /// A failure leaves the fetched part of the archive, for the next call to go on from. Throws
+  /// `game_storage_full` when too many builds wait to be taken away, as `activate` does.
   void stage(TufClient& tuf, const GameRelease& release);
 
   /// The release that is staged whole.
@@ -46,8 +48,14 @@ class GameInstall {
 
  private:
   void settle_documents();
+  void follow_move();
+  void adopt_copy(json& identity, const GameVersion& version) const;
   void settle_preparation(const json& preparation);
   void settle_ready(const GameVersion& version);
+  /// With the folder to look into, and what to do there.
+  void explained(const std::function<void()>& work) const;
+  void take_back(const json& document, const GameVersion& version) const;
+  void require_place_for_retired() const;
   void record_activation(const GameVersion& version);
   void finish_activation(const GameVersion& version);
   void bring_in(TufClient& tuf, const GameRelease& release);

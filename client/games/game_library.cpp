@@ -1,6 +1,6 @@
 #include "games/game_library.h"
 
-#include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "domain/crypto.h"
@@ -17,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t max_games = 10000;
 constexpr std::size_t digest_characters = 64;
 
 Progress in_phase(const GameProgress& progress, std::string_view phase) {
@@ -28,21 +27,6 @@ Progress in_phase(const GameProgress& progress, std::string_view phase) {
 
 bool is_current(const GameRecord& record, const GameRelease& release) {
   return record.active && record.active->manifest_ref == release.manifest_ref;
-}
-
-std::vector<std::string> foreign_versions(const GameStore& store, const GameRecord& record) {
-  std::vector<std::string> known;
-  for (const auto& version : {record.active, record.previous, record.preload})
-    if (version) known.push_back(version->version);
-  for (const GameVersion& version : record.retired) known.push_back(version.version);
-  std::vector<std::string> foreign;
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(store.paths().versions, ignored)) {
-    const std::string name = path_utf8(entry.path().filename());
-    if (std::find(known.begin(), known.end(), name) == known.end() && foreign.size() < max_games)
-      foreign.push_back(path_utf8(entry.path()));
-  }
-  return foreign;
 }
 
 /// A build that runs stays the active one until it has ended. While the lease is held nothing
@@ -69,9 +53,19 @@ GameStore GameLibrary::store(std::string_view game_id) const {
 }
 
 GameWriter GameLibrary::writer(std::string_view game_id) const {
+  // A removal that began is completed before anything else begins; it takes the folders away that
+  // the next writer makes.
+  const auto record = store(game_id).find();
+  if (record && record->removing) {
+    GameWriter removed(GamePaths(root_, game_id));
+    if (removed.record.removing) remove_game(removed, *removed.record.removing);
+  }
   GameWriter game(GamePaths(root_, game_id));
-  // A removal that began is completed before anything else begins.
-  if (game.record.removing) remove_game(game, PlayerData::kept);
+  try {
+    remove_set_aside_player(game.paths());
+  } catch (const std::exception&) {
+    // What cannot be removed of given up saves is no reason to keep from a game.
+  }
   GameInstall(game, {}).settle();
   settle_game_sessions(game);
   return game;
@@ -84,54 +78,9 @@ GameWriter GameLibrary::owner(std::string_view game_id) const {
   return game;
 }
 
-std::vector<GameStatus> GameLibrary::list() const {
-  std::vector<GameStatus> games;
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(root_ / "games", ignored)) {
-    const std::string id = path_utf8(entry.path().filename());
-    if (!bears_name(entry.path() / "record.json")) continue;
-    require(games.size() < max_games, "size_limit", "The data folder holds too many games");
-    try {
-      games.push_back(status(id));
-    } catch (const Error& error) {
-      GameStatus unread;
-      unread.game_id = id;
-      unread.problem = error.what();
-      games.push_back(std::move(unread));
-    }
-  }
-  std::sort(games.begin(), games.end(),
-            [](const auto& left, const auto& right) { return left.game_id < right.game_id; });
-  return games;
-}
-
-GameStatus GameLibrary::status(std::string_view game_id) const {
-  const GameStore game = store(game_id);
-  GameStatus status;
-  status.game_id = game_id;
-  status.record = game.find();
-  if (!status.record) return status;
-  const GameRecord& record = *status.record;
-  status.installed = record.active.has_value() && !record.removing;
-  status.last_start = last_game_start(game);
-  status.foreign_versions = foreign_versions(game, record);
-  if (!record.active) return status;
-  status.running = game.is_running(*record.active);
-  try {
-    status.display_name = game.manifest(*record.active).display_name;
-  } catch (const Error& error) {
-    status.problem = error.what();
-  }
-  return status;
-}
-
-GameCatalog GameLibrary::available(TufClient& tuf) const {
-  return GameOffers(root_, tuf).catalog();
-}
-
 GameRelease GameLibrary::release(std::string_view game_id, TufClient& tuf,
                                  const GameRequest& request, const std::string& own_channel) const {
-  GameOffers offers(root_, tuf);
+  GameOffers offers(root_, tuf, request.progress);
   const std::string id(game_id);
   if (!request.manifest_sha256.empty()) {
     require(is_lower_hex(request.manifest_sha256, digest_characters), "invalid_identity",
@@ -147,35 +96,6 @@ GameRelease GameLibrary::release(std::string_view game_id, TufClient& tuf,
     if (error.code != "catalog_not_published") throw;
   }
   return newest;
-}
-
-GameUpdate GameLibrary::check(std::string_view game_id, TufClient& tuf) const {
-  const GameStore game = store(game_id);
-  const GameRecord record = game.installed();
-  const GameRelease newest = release(game_id, tuf, {}, record.channel);
-  GameUpdate update;
-  update.build_id = newest.manifest.build_id;
-  update.newer = !is_current(record, newest);
-  update.deferred = record.deferral && record.deferral->holds(update.build_id, game_clock());
-  update.staged = record.preload && record.preload->manifest_ref == newest.manifest_ref;
-  const GameArchive archive(newest.manifest, newest.manifest_ref);
-  update.plan =
-      plan_game_files(newest.manifest, newest.manifest, archive.target(), 0, game.paths().folder);
-  return update;
-}
-
-GamePlan GameLibrary::plan(std::string_view game_id, TufClient& tuf,
-                           const GameRequest& request) const {
-  const GameStore game = store(game_id);
-  const auto record = game.find();
-  const GameRelease wanted =
-      release(game_id, tuf, request, record ? record->channel : std::string(kDefaultGameChannel));
-  if (bears_name(game.paths().lock)) {
-    GameWriter owned = writer(game_id);
-    return GameInstall(owned, request.progress).plan(wanted);
-  }
-  const GameArchive archive(wanted.manifest, wanted.manifest_ref);
-  return plan_game_files(wanted.manifest, wanted.manifest, archive.target(), 0, root_);
 }
 
 GameChange GameLibrary::install(std::string_view game_id, TufClient& tuf,
@@ -203,12 +123,16 @@ GameChange GameLibrary::bring_in(GameWriter& game, TufClient& tuf, const GameReq
   GameChange change{.build_id = wanted.manifest.build_id};
   const bool moves = !request.channel.empty() && request.channel != record.channel;
   if (moves) record.channel = request.channel;
+  GameInstall work(game, request.progress);
   if (is_current(record, wanted)) {
+    if (!game.known_manifest(*record.active)) game.keep_manifest(wanted.manifest);
+    // What was staged meanwhile is not offered any more, and must not come into use.
+    change.changed = work.staged().has_value();
+    if (change.changed) work.discard();
     if (moves) game.save();
     change.active = true;
     return change;
   }
-  GameInstall work(game, request.progress);
   work.stage(tuf, wanted);
   change.changed = change.staged = true;
   std::unique_ptr<FileLock> lease;
@@ -260,12 +184,7 @@ GameRepair GameLibrary::repair(std::string_view game_id, TufClient& tuf,
                                const GameProgress& progress) const {
   GameWriter game = owner(game_id);
   const auto lease = game.lease(*game.record.active, LockMode::exclusive);
-  const GameDifferences differences = verify(game_id, progress);
-  const GameRepair repair =
-      differences.is_sound() ? GameRepair() : repair_game(game, tuf, differences, progress);
-  // What a repair that was cut off fetched is of no use any more.
-  GameDownloads(game).forget();
-  return repair;
+  return repair_game(game, tuf, progress);
 }
 
 GameChange GameLibrary::roll_back(std::string_view game_id, const GameProgress& progress) const {
@@ -304,7 +223,8 @@ void GameLibrary::defer(std::string_view game_id, const std::string& build_id,
 
 GameRemoval GameLibrary::remove(std::string_view game_id, PlayerData saves) const {
   const GamePaths paths(root_, game_id);
-  const bool has_saves = saves == PlayerData::removed && bears_name(paths.player);
+  const bool has_saves =
+      saves == PlayerData::removed && (bears_name(paths.player) || has_set_aside_player(paths));
   require(bears_name(paths.record) || bears_name(paths.preparation) || bears_name(paths.ready) ||
               bears_name(paths.download_record) || has_saves,
           "not_installed", [&] { return "The game " + paths.game_id + " is not installed"; });
@@ -315,13 +235,10 @@ GameRemoval GameLibrary::remove(std::string_view game_id, PlayerData saves) cons
 
 GameSession GameLibrary::launch(std::string_view game_id,
                                 const std::vector<std::string>& arguments) const {
-  return GameSession(store(game_id), arguments);
-}
-
-std::string GameLibrary::last_output(std::string_view game_id) const {
   const GameStore game = store(game_id);
-  const auto last = last_game_start(game);
-  return last ? kept_game_output(game, last->session_id) : std::string();
+  // Before this one holds its lease: until then those that nobody saw end can be told from it.
+  prune_game_sessions(game);
+  return GameSession(game, arguments);
 }
 
 }  // namespace tavro

@@ -26,7 +26,7 @@ struct GameRequest {
   std::string channel{};
   /// The SHA-256 of the bytes of a manifest, for a build that is not the newest; empty for that.
   std::string manifest_sha256{};
-  /// Phases: "verifying", "reserving", "downloading", "unpacking".
+  /// Phases: "looking", "verifying", "reserving", "downloading", "unpacking".
   GameProgress progress{};
 };
 

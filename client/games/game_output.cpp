@@ -8,7 +8,7 @@
 
 #include "domain/error.h"
 #include "domain/input.h"
-#include "games/game_session.h"
+#include "games/game_history.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/private_storage.h"
 #include "platform/host/system_calls.h"
@@ -41,11 +41,15 @@ void GameOutput::trim() {
   retried([&] { return system_calls().ftruncate(file_.get(), 0); });
 }
 
-std::string GameOutput::keep() {
-  std::string end = last_part(before_ + end_of_file());
+std::string GameOutput::end() const { return last_part(before_ + end_of_file()); }
+
+void GameOutput::shorten_to(const std::string& end) {
   file_.reset();
-  replace_private_file(path_, end);
-  return end;
+  try {
+    replace_private_file(path_, end);
+  } catch (const Error&) {
+    // The report of how the game ended does not wait for it.
+  }
 }
 
 /// The file may grow meanwhile, and what cannot be read is not worth the report of how a game

@@ -20,9 +20,10 @@ class GameOutput {
   /// Sets all but the end aside once the file holds more than a mebibyte. What is written at that
   /// very moment may be lost.
   void trim();
-  /// The end of all output, at most `kGameOutputBytes`, which from now on is all that the file
-  /// holds.
-  std::string keep();
+  /// The end of all output, at most `kGameOutputBytes`.
+  std::string end() const;
+  /// From now on the file holds this end alone; where it cannot be stored, all that it held.
+  void shorten_to(const std::string& end);
 
  private:
   std::string end_of_file() const;

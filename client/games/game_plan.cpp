@@ -20,7 +20,7 @@ std::uint64_t number(const json& budget, const char* key) {
 }  // namespace
 
 GamePlan plan_game_files(const GameManifest& manifest, const SnapshotManifest& part,
-                         const GameTarget& archive, unsigned long long archive_on_disk,
+                         const GameTarget& archive, const GameOnDisk& on_disk,
                          const std::filesystem::path& directory) {
   const StorageVolume volume = inspect_storage_volume(directory);
   SnapshotManifest planned;
@@ -28,11 +28,11 @@ GamePlan plan_game_files(const GameManifest& manifest, const SnapshotManifest& p
   planned.archive_length = archive.length;
   GamePlan plan;
   plan.storage =
-      plan_install_storage(planned, volume, false, archive_on_disk, archive_on_disk != 0);
+      plan_install_storage(planned, volume, false, on_disk.allocated, on_disk.allocated != 0);
   const json& budget = plan.storage.at("volume");
   plan.build_id = manifest.build_id;
   plan.fetch_bytes =
-      game_download_length(manifest) - std::min<std::uint64_t>(archive_on_disk, archive.length);
+      game_download_length(manifest) - std::min<std::uint64_t>(on_disk.received, archive.length);
   plan.installed_bytes = part.expanded_length;
   plan.peak_bytes = number(budget, "additional_bytes");
   plan.peak_entries = number(budget, "additional_file_entries");

@@ -30,7 +30,7 @@ struct GamePlan {
 /// The plan of `part`, which has its files from `manifest`, as its archive is fetched and as much
 /// of that is on disk. Throws what `plan_install_storage` throws.
 GamePlan plan_game_files(const GameManifest& manifest, const SnapshotManifest& part,
-                         const GameTarget& archive, unsigned long long archive_on_disk,
+                         const GameTarget& archive, const GameOnDisk& on_disk,
                          const std::filesystem::path& directory);
 
 /// Throws `insufficient_space`, which names the folder and how much to free there.

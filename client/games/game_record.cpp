@@ -44,6 +44,12 @@ GameOutcome outcome_of(const std::string& name) {
   return static_cast<GameOutcome>(found - outcome_names.begin());
 }
 
+/// A record without the second member is of a removal that keeps them.
+std::optional<PlayerData> read_removal(const json& document) {
+  if (!document.at("removing").get<bool>()) return std::nullopt;
+  return document.value("removing_player_data", false) ? PlayerData::removed : PlayerData::kept;
+}
+
 GameRecord read_record(const json& document) {
   GameRecord record;
   record.game_id = text_member(document, "game_id");
@@ -56,9 +62,9 @@ GameRecord read_record(const json& document) {
     record.retired.push_back(GameVersion::parse(version));
   record.deferral = optional_member<GameDeferral>(document, "deferral", read_deferral);
   record.last_start = optional_member<GameStartSeen>(document, "last_start", GameStartSeen::parse);
-  record.removing = document.at("removing").get<bool>();
+  record.removing = read_removal(document);
   require(document.at("installed") == record.active.has_value() &&
-              record.retired.size() <= kMaxRetiredVersions,
+              record.retired.size() <= kMaxRetiredVersions + 2,
           invalid, "The record of the game contradicts itself");
   return record;
 }
@@ -137,7 +143,8 @@ json GameRecord::to_json() const {
           {"retired", std::move(waiting)},
           {"deferral", std::move(deferred)},
           {"last_start", optional_json(last_start)},
-          {"removing", removing}};
+          {"removing", removing.has_value()},
+          {"removing_player_data", removing == PlayerData::removed}};
 }
 
 bool GameRecord::refers_to(std::string_view manifest_ref) const {

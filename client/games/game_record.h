@@ -13,7 +13,7 @@ namespace tavro {
 
 /// Bytes of a record, as whoever starts a game without this library reads it.
 inline constexpr std::size_t kGameRecordBytes = 524288;
-/// Versions that wait to be taken away, at most.
+/// Versions that wait to be taken away, at most; a removal adds those that were in use.
 inline constexpr std::size_t kMaxRetiredVersions = 32;
 
 /// One build of a game on disk. Its JSON is also the `reference` of the documents of an install.
@@ -78,6 +78,9 @@ struct GameStartSeen {
   bool operator==(const GameStartSeen&) const = default;
 };
 
+/// What becomes of saves and state when a game is removed.
+enum class PlayerData { kept, removed };
+
 /// What a data folder knows of one game.
 struct GameRecord {
   std::string game_id;
@@ -91,8 +94,8 @@ struct GameRecord {
   std::vector<GameVersion> retired;
   std::optional<GameDeferral> deferral;
   std::optional<GameStartSeen> last_start;
-  /// A removal began; nothing starts any more.
-  bool removing = false;
+  /// A removal began, with this wish; nothing starts any more.
+  std::optional<PlayerData> removing;
 
   /// Throws `unsupported_schema` for another version's record, which is to be left alone, and
   /// `invalid_state` for a damaged one or that of another game.

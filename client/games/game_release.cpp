@@ -41,16 +41,31 @@ void drop_partial_files(const fs::path& folder, const std::string& final_name) {
   for (const fs::path& path : dead) native_files::remove_or_trash(path, {});
 }
 
+bool has_hashes(const std::string& text, const json& hashes) {
+  for (const auto& [name, expected] : hashes.items())
+    if (expected != digest(text, name)) return false;
+  return true;
+}
+
 }  // namespace
 
-GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf)
-    : GameOffers(data_root, tuf, native_platform()) {}
+GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, GameProgress progress)
+    : GameOffers(data_root, tuf, native_platform(), std::move(progress)) {}
 
-GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, std::string_view platform)
-    : cache_(data_root / "game-offers"), tuf_(tuf), platform_(platform) {}
+GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, std::string_view platform,
+                       GameProgress progress)
+    : cache_(data_root / "game-offers"),
+      tuf_(tuf),
+      platform_(platform),
+      progress_(std::move(progress)) {}
 
 std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
                               const std::string& meaning, bool keep) {
+  const Progress looking = [this](auto done, auto total) {
+    return !progress_ || progress_("looking", done, total);
+  };
+  // The first look brings the repository's own documents.
+  require(looking(0, 0), "cancelled", "Operation cancelled at a safe boundary");
   json description;
   try {
     description = tuf_.target(target);
@@ -65,9 +80,11 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most, std::
   const FileLock lock(cache_ / "offers.lock", false, LockMode::exclusive);
   const fs::path file = safe_join(cache_, target, true);
   drop_partial_files(file.parent_path(), path_utf8(file.filename()));
-  tuf_.download(target, cache_, {}, {}, {});
+  tuf_.download(target, cache_, looking, {}, {});
+  // What was proved lay in a file; what is used are these bytes.
   std::string text = read_file(file, most);
-  require(text.size() == bytes, "content_mismatch", "The cache of game offers changed meanwhile");
+  require(text.size() == bytes && has_hashes(text, description.at("hashes")), "content_mismatch",
+          [&] { return "This file of game offers changed meanwhile: " + path_utf8(file); });
   if (keep) return text;
   native_files::remove_or_trash(file, {});
   for (fs::path empty = file.parent_path(); empty != cache_; empty = empty.parent_path())

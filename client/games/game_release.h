@@ -8,6 +8,7 @@
 #include "documents/game_manifest.h"
 #include "games/game_paths.h"
 #include "games/game_record.h"
+#include "games/game_store.h"
 
 namespace tavro {
 
@@ -29,12 +30,14 @@ struct GameRelease {
 /// catalogue stays there. Throws `busy` while another process of this folder asks.
 class GameOffers {
  public:
-  GameOffers(const std::filesystem::path& data_root, TufClient& tuf);
+  /// The phase is "looking". Between the documents of a repository nothing is counted.
+  GameOffers(const std::filesystem::path& data_root, TufClient& tuf, GameProgress progress = {});
   /// The same for what is offered to another platform.
-  GameOffers(const std::filesystem::path& data_root, TufClient& tuf, std::string_view platform);
+  GameOffers(const std::filesystem::path& data_root, TufClient& tuf, std::string_view platform,
+             GameProgress progress = {});
 
   /// Throws `catalog_not_published`, `catalog_mismatch` (for another platform), `size_limit` before
-  /// a byte of it is taken, and the codes of `GameCatalog::parse` and of the client.
+  /// a byte of it is taken, `cancelled`, and the codes of `GameCatalog::parse` and of the client.
   GameCatalog catalog();
 
   /// `name` is a channel or the SHA-256 of a manifest's bytes. Throws `game_not_published`,
@@ -49,6 +52,7 @@ class GameOffers {
   std::filesystem::path cache_;
   TufClient& tuf_;
   std::string platform_;
+  GameProgress progress_;
 };
 
 /// Throws `catalog_mismatch` unless the catalogue tells the truth of the newest release of a

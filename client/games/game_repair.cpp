@@ -2,11 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <set>
+#include <utility>
 
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "games/game_verify.h"
 #include "platform/files/directory_commit.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/private_storage.h"
@@ -39,6 +42,9 @@ std::string set_aside(const fs::path& path, const std::string& relative) {
 class Replacement {
  public:
   Replacement(const fs::path& from, const fs::path& to) : from_(from), to_(to) {}
+
+  /// Also of a folder that was taken away as a whole.
+  void begin() const { private_directory(to_); }
 
   void move(const std::string& relative) {
     make_parents(relative);
@@ -73,17 +79,45 @@ class Replacement {
   std::set<fs::path> changed_;
 };
 
-}  // namespace
+/// The manifest of the build as the repository offers it, by the names it may have there.
+std::optional<GameManifest> offered_manifest(const GameWriter& writer, TufClient& tuf,
+                                             const GameProgress& progress) {
+  const GameVersion& active = *writer.record.active;
+  GameOffers offers(writer.paths().root, tuf, progress);
+  const std::string origin = path_utf8(fs::path(active.manifest_target).stem());
+  for (const std::string& name : std::set{origin, writer.record.channel, active.manifest_ref}) {
+    try {
+      GameRelease release = offers.release(writer.paths().game_id, name);
+      if (release.manifest_ref == active.manifest_ref) return std::move(release.manifest);
+    } catch (const Error& error) {
+      if (error.code != "game_not_published" && error.code != "content_mismatch") throw;
+    }
+  }
+  return std::nullopt;
+}
 
-GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameDifferences& differences,
-                       const GameProgress& progress) {
+GameManifest sound_manifest(const GameWriter& writer, TufClient& tuf,
+                            const GameProgress& progress) {
+  const GameVersion& active = *writer.record.active;
+  if (auto known = writer.known_manifest(active)) return std::move(*known);
+  auto offered = offered_manifest(writer, tuf, progress);
+  require(offered.has_value(), "content_mismatch", [&] {
+    return "The manifest of this build was lost, and the repository does not offer the build any "
+           "more; update the game: " +
+           path_utf8(writer.paths().manifest(active.manifest_ref));
+  });
+  writer.keep_manifest(*offered);
+  return std::move(*offered);
+}
+
+GameRepair replace_files(GameWriter& writer, TufClient& tuf, const GameManifest& manifest,
+                         const std::vector<std::string>& files, const GameProgress& progress) {
   const GamePaths& paths = writer.paths();
   const GameVersion active = *writer.record.active;
-  const GameManifest manifest = writer.manifest(active);
-  const SnapshotManifest part = part_of(manifest, differences.to_repair);
+  const SnapshotManifest part = part_of(manifest, files);
   GameArchive archive(manifest, active.manifest_ref);
   archive.require_published(tuf);
-  const auto on_disk = GameDownloads(writer).allocated(archive.target());
+  const GameOnDisk on_disk = GameDownloads(writer).on_disk(archive.target(), active.manifest_ref);
   require_room(plan_game_files(manifest, part, archive.target(), on_disk, paths.staging),
                paths.game_id);
   GameVersion work = active;
@@ -93,10 +127,28 @@ GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameDifferences
     GameDownloads downloads(writer);
     archive.fetch(tuf, downloads, progress);
     archive.extract(part, tree, progress);
-    for (const std::string& path : differences.to_repair) replacement.move(path);
+    replacement.begin();
+    for (const std::string& path : files) replacement.move(path);
     replacement.make_durable();
   });
   return replacement.done;
+}
+
+}  // namespace
+
+GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameProgress& progress) {
+  const GameVersion active = *writer.record.active;
+  const GameManifest manifest = sound_manifest(writer, tuf, progress);
+  const fs::path folder = writer.paths().version(active.version);
+  const auto differences = compare_game_files(manifest, folder, [&](auto done, auto total) {
+    return !progress || progress("verifying", done, total);
+  });
+  GameRepair repair;
+  if (!differences.is_sound())
+    repair = replace_files(writer, tuf, manifest, differences.to_repair, progress);
+  // What was fetched for it, now or by one that was cut off, is of no use any more.
+  GameDownloads(writer).forget(GameArchive(manifest, active.manifest_ref).targets());
+  return repair;
 }
 
 }  // namespace tavro

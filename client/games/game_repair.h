@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "games/game_install.h"
-#include "games/game_verify.h"
 
 namespace tavro {
 
@@ -17,10 +16,13 @@ struct GameRepair {
   std::vector<std::string> set_aside;
 };
 
-/// Brings the damaged and missing files of the active build anew, and leaves everything else in its
-/// folder as it is. Only these are unpacked; the archive is fetched whole. `writer` is settled, and
+/// Compares the active build with its manifest, brings its damaged and missing files anew, and
+/// leaves everything else in its folder as it is. Only these are unpacked; the archive is fetched
+/// whole. A manifest that was lost, or a whole folder, comes anew as well. `writer` is settled, and
 /// the caller holds the exclusive lease of the build. After a failure a further call completes it.
-GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameDifferences& differences,
-                       const GameProgress& progress);
+///
+/// Throws as `compare_game_files`, `with_tree` and `GameArchive`; for a lost manifest that the
+/// repository offers no more, what is wrong with it.
+GameRepair repair_game(GameWriter& writer, TufClient& tuf, const GameProgress& progress);
 
 }  // namespace tavro

@@ -12,7 +12,7 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
-#include "domain/json_fields.h"
+#include "games/game_history.h"
 #include "games/game_output.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/managed_tree.h"
@@ -27,14 +27,7 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 constexpr milliseconds observing_period{50};
-constexpr int signal_statuses = 128;
-constexpr std::size_t result_bytes = 16384;
-constexpr std::size_t session_entries = 4096;
-constexpr std::size_t kept_sessions = 8;
-constexpr std::size_t session_id_characters = 32;
 constexpr char record_name[] = "record.json";
-constexpr char start_name[] = "start.json";
-constexpr char result_name[] = "result.json";
 
 /// The active build under its lease: what was read before the lease was had may have changed until
 /// then, so it is read again under it.
@@ -67,65 +60,15 @@ fs::path proved_program(const GameManifest& manifest, const fs::path& folder) {
   return program;
 }
 
-json result_document(const GameStartSeen& seen) {
-  return {{"schema_version", 1}, {"kind", "tavro-game-session"}, {"start", seen.to_json()}};
-}
-
-std::optional<GameStartSeen> read_seen(const fs::path& path) {
-  if (!bears_name(path)) return std::nullopt;
-  try {
-    const json document = parse_json(read_file(path, result_bytes), result_bytes);
-    if (!has_integer(document, "schema_version", 1)) return std::nullopt;
-    return read_fields("invalid_state", "malformed",
-                       [&] { return GameStartSeen::parse(document.at("start")); });
-  } catch (const Error&) {
-    // What cannot be read tells nothing of a start, and stays.
-    return std::nullopt;
-  }
-}
-
 std::uint64_t now_in_milliseconds() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<std::uint64_t>(std::chrono::duration_cast<milliseconds>(now).count());
 }
 
-struct SeenSession {
-  fs::path folder;
-  GameStartSeen seen;
-  bool ended = false;
-};
-
-/// The sessions that can be read, the oldest first.
-std::vector<SeenSession> seen_sessions(const GameStore& store) {
-  std::vector<SeenSession> sessions;
-  std::error_code ignored;
-  std::size_t entries = 0;
-  for (const auto& entry : fs::directory_iterator(store.paths().sessions, ignored)) {
-    require(++entries <= session_entries, "size_limit", "The game has too many sessions");
-    const auto result = read_seen(entry.path() / result_name);
-    const auto start = result ? result : read_seen(entry.path() / start_name);
-    if (start) sessions.push_back({entry.path(), *start, result.has_value()});
-  }
-  std::sort(sessions.begin(), sessions.end(), [](const auto& left, const auto& right) {
-    return std::pair(left.seen.started, left.seen.session_id) <
-           std::pair(right.seen.started, right.seen.session_id);
-  });
-  return sessions;
-}
-
-bool runs_any_build(const GameWriter& writer) {
-  std::vector<GameVersion> builds = writer.record.retired;
-  for (const auto& build : {writer.record.active, writer.record.previous})
-    if (build) builds.push_back(*build);
-  return std::any_of(builds.begin(), builds.end(),
-                     [&](const GameVersion& build) { return writer.is_running(build); });
-}
-
-GameOutcome outcome_of(const GameReport& report, bool sdk_required, bool goodbye) {
-  const bool signalled = report.seen.status > signal_statuses;
-  if (sdk_required && !report.seen.ready_seen) return GameOutcome::never_ready;
+GameOutcome outcome_of(const GameStartSeen& seen, bool sdk_required, bool signalled, bool goodbye) {
+  if (sdk_required && !seen.ready_seen) return GameOutcome::never_ready;
   if (signalled) return GameOutcome::killed;
-  if (report.seen.status != 0 || (sdk_required && !goodbye)) return GameOutcome::exited;
+  if (seen.status != 0 || (sdk_required && !goodbye)) return GameOutcome::exited;
   return GameOutcome::clean;
 }
 
@@ -168,17 +111,16 @@ struct GameSession::Impl {
     const fs::path version = paths.version(leased.version.version);
     const fs::path program = proved_program(manifest, version);
     for (const fs::path& place : {paths.saves, paths.state, folder}) private_directory(place);
-    output.emplace(folder / "output.log");
+    output.emplace(game_output_path(folder));
     report.seen.session_id = id;
     report.seen.build_id = leased.version.build_id;
     report.seen.started = now_in_milliseconds();
     // Before any code of the game runs, so that no start goes unseen.
-    const auto note = [&](unsigned long long) {
-      atomic_write(folder / start_name, result_document(report.seen).dump());
-    };
+    const auto note = [&](unsigned long long) { store_game_start(folder, report.seen); };
+    // The game holds the lease too, as its input: a file that is always empty.
     child.emplace(program, arguments, version, environment(), ChildStreams::output_to_errors,
                   ChildEnvironment::whole, note, ChildGroup::own, ChildControl::none,
-                  std::vector<long>(), output->descriptor());
+                  std::vector<long>(), output->descriptor(), leased.lease->descriptor());
   }
 
   void read_session() {
@@ -211,12 +153,17 @@ struct GameSession::Impl {
     if (status) end(*status);
   }
 
+  /// Again after a failure, as on a full disk: how the game ended is stored before anything else.
   void end(int status) {
-    report.seen.status = status;
-    report.seen.ended = now_in_milliseconds();
-    report.seen.outcome = outcome_of(report, sdk_required, goodbye);
-    report.output = output->keep();
-    atomic_write(folder / result_name, result_document(report.seen).dump());
+    if (report.seen.ended == 0) {
+      report.seen.status = status;
+      report.seen.ended = now_in_milliseconds();
+      report.seen.outcome =
+          outcome_of(report.seen, sdk_required, child->ended_by_signal(), goodbye);
+      report.output = output->end();
+    }
+    store_game_end(folder, report.seen);
+    output->shorten_to(report.output);
     report.phase = GamePhase::ended;
     leased.lease.reset();
   }
@@ -251,34 +198,5 @@ const GameReport& GameSession::wait(const std::function<bool()>& stop) {
 }
 
 bool GameSession::terminate(milliseconds grace) { return impl_->child->terminate(grace); }
-
-std::optional<GameStartSeen> last_game_start(const GameStore& store) {
-  const auto sessions = seen_sessions(store);
-  if (!sessions.empty()) return sessions.back().seen;
-  const auto record = store.find();
-  return record ? record->last_start : std::nullopt;
-}
-
-std::string kept_game_output(const GameStore& store, std::string_view session_id) {
-  require(is_lower_hex(session_id, session_id_characters), "invalid_identity",
-          "A session has 32 hexadecimal characters");
-  const fs::path path = store.paths().sessions / session_id / "output.log";
-  if (!bears_name(path)) return {};
-  unsigned long long size = 0;
-  return read_file_tail(path, kGameOutputBytes, &size);
-}
-
-void settle_game_sessions(GameWriter& writer) {
-  auto sessions = seen_sessions(writer);
-  if (sessions.empty()) return;
-  writer.record.last_start = sessions.back().seen;
-  // One whose observer went away never ends on paper; when nothing runs, it has ended all the same.
-  const bool something_runs = std::any_of(sessions.begin(), sessions.end(),
-                                          [](const auto& session) { return !session.ended; }) &&
-                              runs_any_build(writer);
-  std::erase_if(sessions, [&](const auto& session) { return !session.ended && something_runs; });
-  const std::size_t old = sessions.size() - std::min(sessions.size(), kept_sessions);
-  for (std::size_t i = 0; i < old; ++i) remove_plain_tree(sessions[i].folder);
-}
 
 }  // namespace tavro

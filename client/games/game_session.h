@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "domain/json.h"
+#include "games/game_history.h"
 #include "games/game_store.h"
 
 namespace tavro {
@@ -19,9 +20,6 @@ inline constexpr std::string_view kGameStateVariable = "TAVRO_GAME_STATE";
 inline constexpr std::string_view kGameSessionVariable = "TAVRO_GAME_SESSION";
 inline constexpr std::string_view kGameSessionIdVariable = "TAVRO_GAME_SESSION_ID";
 inline constexpr std::string_view kGameNonceVariable = "TAVRO_GAME_NONCE";
-
-/// Of the output of a game this much is kept, in bytes.
-inline constexpr std::size_t kGameOutputBytes = 65536;
 
 /// What a game says of itself while it runs.
 enum class GamePhase { starting, ready, ended };
@@ -39,7 +37,9 @@ struct GameReport {
 };
 
 /// One run of a game: its process, the lease of its build, and what it reports. Destroying the
-/// object leaves a running game running, and its end unseen. Belongs to one thread.
+/// object leaves a running game running and protected, and its end unseen: the game itself holds
+/// the lease as its standard input, with all that it starts and that keeps this input. Belongs to
+/// one thread.
 class GameSession {
  public:
   /// Starts the active build with these arguments. Throws `not_installed`, `content_mismatch` (the
@@ -68,16 +68,5 @@ class GameSession {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
-
-/// What the last start of the game was seen to do, from its session folder; nothing when it never
-/// started. A start whose observer went away is `unknown`.
-std::optional<GameStartSeen> last_game_start(const GameStore& store);
-
-/// The output that was kept of a session; empty when none was.
-std::string kept_game_output(const GameStore& store, std::string_view session_id);
-
-/// Puts what was seen of the last start into the record, and takes old sessions away: all but the
-/// newest 8 that have ended. Does not save.
-void settle_game_sessions(GameWriter& writer);
 
 }  // namespace tavro

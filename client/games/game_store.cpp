@@ -1,8 +1,12 @@
 #include "games/game_store.h"
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <thread>
@@ -12,13 +16,15 @@
 #include "domain/crypto.h"
 #include "domain/error.h"
 #include "domain/input.h"
+#include "games/game_verify.h"
 #include "platform/files/durable_files.h"
-#include "platform/files/managed_tree.h"
+#include "platform/files/private_storage.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/files/snapshot_retirement.h"
 #include "platform/files/torn_write.h"
 #include "platform/host/native_platform.h"
+#include "platform/host/system_calls.h"
 
 namespace tavro {
 namespace {
@@ -28,6 +34,8 @@ namespace fs = std::filesystem;
 constexpr std::size_t manifest_folder_entries = 65536;
 constexpr int lease_attempts = 10;
 constexpr std::chrono::milliseconds lease_period{20};
+constexpr int probe_attempts = 4;
+constexpr std::chrono::milliseconds probe_period{5};
 
 /// A lock whose failure reads as what it means here.
 FileLock take_lock(const fs::path& path, LockMode mode, std::string_view code,
@@ -98,6 +106,18 @@ GameManifest GameStore::manifest(const GameVersion& version) const {
   return manifest;
 }
 
+std::optional<GameManifest> GameStore::known_manifest(const GameVersion& version) const {
+  try {
+    return manifest(version);
+  } catch (const Error& error) {
+    const fs::path path = paths_.manifest(version.manifest_ref);
+    const auto node = posix_files::node_at(path);
+    const bool is_unread = error.code == "file_read" && node && S_ISREG(node->st_mode);
+    if (is_unread || error.code == "platform_mismatch") fail_about(error, path);
+    return std::nullopt;
+  }
+}
+
 FileLock GameStore::try_lease(const GameVersion& version, LockMode mode) const {
   const std::string_view meaning = mode == LockMode::exclusive
                                        ? "The game is running; end it first"
@@ -117,14 +137,21 @@ std::unique_ptr<FileLock> GameStore::lease(const GameVersion& version, LockMode 
 }
 
 bool GameStore::is_running(const GameVersion& version) const {
-  if (!bears_name(paths_.lease(version.version))) return false;
-  try {
-    try_lease(version, LockMode::exclusive);
-    return false;
-  } catch (const Error& error) {
-    if (error.code != "game_running") throw;
-    return true;
+  const fs::path path = paths_.lease(version.version);
+  const UniqueFd lease = posix_files::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (!lease && errno == ENOENT) return false;
+  require(bool(lease), "lock_failed", [&, error = errno] {
+    return "Cannot look whether the game runs" + posix_files::failed_because(path, error);
+  });
+  // Another look holds it for an instant, a game for longer.
+  for (int attempt = 1; attempt <= probe_attempts; ++attempt) {
+    if (retried([&] { return system_calls().flock(lease.get(), LOCK_EX | LOCK_NB); }) == 0)
+      return false;
+    require(errno == EWOULDBLOCK, "lock_failed",
+            [&] { return "Cannot look whether the game runs: " + path_utf8(path); });
+    std::this_thread::sleep_for(probe_period);
   }
+  return true;
 }
 
 GameWriter::GameWriter(GamePaths paths)
@@ -196,36 +223,33 @@ void GameWriter::clean_temporaries() const {
   for (const fs::path& path : dead) native_files::remove_or_trash(path, {});
 }
 
-void GameWriter::sweep(bool must) {
-  std::vector<GameVersion> waiting;
+void GameWriter::sweep() {
   const std::vector<GameVersion> before = record.retired;
   for (const GameVersion& version : before) {
     try {
+      const auto held = lease(version, LockMode::exclusive);
       retire(version);
     } catch (const std::exception&) {
-      if (must) throw;
-      waiting.push_back(version);
+      // It waits for the next time.
     }
   }
-  if (waiting == before) return;
-  record.retired = waiting;
-  save();
+  if (record.retired != before) save();
 }
 
-void GameWriter::retire(const GameVersion& version) {
-  const auto held = lease(version, LockMode::exclusive);
-  // Without a manifest an earlier call got this far. What still stands there afterwards is somebody
-  // else's, and needs no manifest to be kept: no later version takes this one's name.
-  if (bears_name(paths().version(version.version)) &&
-      bears_name(paths().manifest(version.manifest_ref)))
-    retire_snapshot_files(manifest(version), paths().version(version.version));
-  // The manifest goes before the record forgets the version, so that nothing is left unexplained;
-  // a further call finds the version's files gone, and needs it no more.
-  GameRecord without = record;
-  std::erase(without.retired, version);
-  if (!without.refers_to(version.manifest_ref)) drop(paths().manifest(version.manifest_ref));
+bool GameWriter::retire(const GameVersion& version) {
+  const fs::path folder = paths().version(version.version);
+  const auto node = posix_files::node_at(folder);
+  const bool is_folder = node && S_ISDIR(node->st_mode);
+  // Without a manifest an earlier call got this far, or it was lost.
+  const bool proved = bears_name(paths().manifest(version.manifest_ref));
+  if (is_folder && proved) retire_snapshot_files(own_files(manifest(version), folder), folder);
+  std::erase(record.retired, version);
+  // The manifest goes before the record on disk forgets the version, so that nothing is left
+  // unexplained; a further call finds the version's files gone, and needs it no more.
+  drop_manifest(version.manifest_ref);
   // Whoever waited for this lease sees that its path no longer leads to it.
   drop(paths().lease(version.version));
+  return proved || !is_folder;
 }
 
 }  // namespace tavro

@@ -37,10 +37,14 @@ class GameStore {
   /// `content_mismatch`, `platform_mismatch`, and what reading and parsing raise.
   GameManifest manifest(const GameVersion& version) const;
 
+  /// The same, nothing when it is missing or damaged. One that its disk does not give back is a
+  /// failure, since it may come back.
+  std::optional<GameManifest> known_manifest(const GameVersion& version) const;
+
   /// The lease of a version: shared by whoever runs it, exclusive to change it. Waits a moment,
   /// since `is_running` of another process holds it for one, then throws `game_running`.
   std::unique_ptr<FileLock> lease(const GameVersion& version, LockMode mode) const;
-  /// Whether anybody holds the lease now. Asks only where one was ever taken.
+  /// Whether anybody holds the lease now, for longer than such a look does. Creates nothing.
   bool is_running(const GameVersion& version) const;
 
  private:
@@ -72,14 +76,16 @@ class GameWriter : public GameStore {
   /// Removes one durably.
   void drop(const std::filesystem::path& path) const;
 
-  /// Takes away what waits in `record.retired` and does not run. Files that are not the version's
-  /// own stay with their folders. With `must` each obstacle is an error, otherwise it waits for
-  /// the next time.
-  void sweep(bool must);
+  /// Takes away what waits in `record.retired`, does not run and can be proved; the rest waits for
+  /// the next time. What is not the version's own stays with its folder.
+  void sweep();
+  /// The same for one version, whose exclusive lease the caller holds; the record is not saved.
+  /// False when its folder stays as it is because no manifest tells what is the version's own. A
+  /// manifest that cannot be read is a failure, with nothing changed.
+  bool retire(const GameVersion& version);
 
  private:
   void clean_temporaries() const;
-  void retire(const GameVersion& version);
 
   FileLock lock_;
 };

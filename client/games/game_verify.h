@@ -28,9 +28,15 @@ struct GameDifferences {
   std::vector<std::string> to_repair;
 };
 
+/// The files of the manifest that a retirement below `root` may take: all but those where a link,
+/// or something that is no file of its kind, stands at the path or on the way to it.
+SnapshotManifest own_files(const SnapshotManifest& manifest, const std::filesystem::path& root);
+
 /// Compares every file, by its length, digest and owner's execute permission. Folders that only
-/// hold other folders are not looked at. Throws `unsafe_path` when `root` is missing or a link,
-/// `size_limit` beyond 250000 entries, `cancelled`, `file_read`.
+/// hold other folders are not looked at. Of a tree that is gone every file is missing. A file that
+/// may not be read, or that its disk does not give back, is damaged. Throws `unsafe_path` when
+/// `root` is a link or a file, `size_limit` beyond 250000 entries, `cancelled`, and `file_read`
+/// where the system cannot open one now.
 GameDifferences compare_game_files(const SnapshotManifest& manifest,
                                    const std::filesystem::path& root, const Progress& progress);
 

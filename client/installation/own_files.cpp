@@ -129,16 +129,6 @@ std::vector<Place> part_places(const DataPaths& paths) {
   return places;
 }
 
-/// A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
-void require_free(const fs::path& path) {
-  const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (!file) return;
-  const auto& calls = system_calls();
-  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
-                    errno == EWOULDBLOCK;
-  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
-}
-
 fs::path aside_name(const fs::path& path) { return set_aside_start(path).native() + random_id(); }
 
 std::string set_aside_as(const fs::path& aside) {
@@ -146,6 +136,7 @@ std::string set_aside_as(const fs::path& aside) {
 }
 
 std::string move_aside(const DataPaths& paths, const Place& place, Form form) {
+  // A file that a process holds as its lock keeps its name: two would hold "the" lock otherwise.
   if (form != Form::stranger) require_free(place.path);
   const bool of_store = within(place.path, paths.launcher);
   return told(place, form) + set_aside_as(of_store ? set_aside_from_store(paths.root, place.path)
@@ -239,6 +230,15 @@ NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>&
   return naming(paths.setup_lock, [&] {
     return NativeFileLock(paths.setup_lock, true, NativeLockSharing::none, LockMode::exclusive);
   });
+}
+
+void require_free(const fs::path& path) {
+  const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (!file) return;
+  const auto& calls = system_calls();
+  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+                    errno == EWOULDBLOCK;
+  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
 }
 
 std::vector<std::string> set_aside_marker(const DataPaths& paths) {

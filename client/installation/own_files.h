@@ -28,6 +28,9 @@ std::vector<std::string> mend_locks(const DataPaths& paths);
 /// process that does this can come between the two, since it would set aside the lock that this one
 /// has just taken. Throws as `mend_locks` and `NativeFileLock`, with a message that names the file.
 NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>& mended);
+/// Throws `busy` when a process holds the file that stands there as its lock. Takes anything that
+/// cannot be opened for no lock.
+void require_free(const std::filesystem::path& path);
 
 /// Puts a file in place of a marker that is none, in one step, so that the folder counts as
 /// unfinished throughout; what stood there is set aside. The caller holds the locks. Throws

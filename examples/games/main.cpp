@@ -58,11 +58,17 @@ void play(const tavro::GameLibrary& library, const std::string& id) {
   library.finish_update(id, {});
 }
 
-void repair(const tavro::GameLibrary& library, tavro::TufClient& tuf, const std::string& id) {
+bool verify(const tavro::GameLibrary& library, const std::string& id) {
   const tavro::GameDifferences found = library.verify(id, {});
   for (const std::string& path : found.foreign) std::cout << "Not of the game: " << path << '\n';
-  if (found.is_sound()) return;
-  std::cout << library.repair(id, tuf, {}).replaced << " files replaced\n";
+  std::cout << found.damaged_count << " damaged, " << found.missing_count << " missing, "
+            << found.foreign_count << " not of the game\n";
+  return found.is_sound();
+}
+
+void repair(const tavro::GameLibrary& library, tavro::TufClient& tuf, const std::string& id) {
+  if (!verify(library, id))
+    std::cout << library.repair(id, tuf, {}).replaced << " files replaced\n";
 }
 
 void run(const std::vector<std::string>& words) {
@@ -72,13 +78,14 @@ void run(const std::vector<std::string>& words) {
   const tavro::GameLibrary library(words[0]);
   if (command == "list") return show_installed(library);
   if (command == "play") return play(library, id);
+  if (command == "verify") return void(verify(library, id));
   if (command == "back") return void(library.roll_back(id, {}));
   if (command == "remove") return void(library.remove(id, tavro::PlayerData::kept));
   tavro::RepositoryClient repository(words[0]);
   if (command == "offers") return show_offers(library, repository.tuf());
   if (command == "install") return install(library, repository.tuf(), id);
   if (command == "repair") return repair(library, repository.tuf(), id);
-  tavro::fail("usage", "Commands: list, offers, install, play, repair, back, remove");
+  tavro::fail("usage", "Commands: list, offers, install, play, verify, repair, back, remove");
 }
 
 }  // namespace

@@ -60,43 +60,85 @@ const std::vector<Operation>& operations() {
        [](GameWorld& world) {
          if (fs::exists(world.paths().record)) world.library().remove(world.game, PlayerData::kept);
        },
-       [](GameWorld& world) { return !fs::exists(world.paths().record); }}};
+       [](GameWorld& world) { return !fs::exists(world.paths().record); }},
+      {"remove with saves", installed,
+       [](GameWorld& world) {
+         if (fs::exists(world.paths().record))
+           world.library().remove(world.game, PlayerData::removed);
+       },
+       [](GameWorld& world) { return !fs::exists(world.paths().record); }},
+      {"another channel", installed,
+       [](GameWorld& world) { world.library().set_channel(world.game, "old"); },
+       [](GameWorld& world) { return world.stands("two") && world.record().channel == "old"; }},
+      {"defer", installed, [](GameWorld& world) { world.library().defer(world.game, "three", 0); },
+       [](GameWorld& world) { return world.record().deferral->build_id == "three"; }}};
   return all;
 }
 
+enum class Next { same_call, removal };
+
 struct CutOff : testing::TestWithParam<std::size_t> {
   GameWorld world;
+  const Operation& operation = operations()[GetParam()];
+  const bool changes_build = operation.name == "repair" || operation.name.starts_with("remove");
+  const bool gives_saves_up = operation.name == "remove with saves";
+  bool was_installed = false;
+
   CutOff() {
     world.publish(build_of("one"), "old");
     world.publish(build_of("two"));
     world.tuf().refresh();
   }
 
-  void sweep(Fault fault, int error) {
-    const Operation& operation = operations()[GetParam()];
+  void prepare() {
+    world.clear();
+    operation.before(world);
+    was_installed = world.library().status(world.game).installed;
+    world.trusted.client.reset();
+  }
+
+  /// Whatever was struck, the game can be started all the same: the old build or the new one.
+  void expect_whole() {
+    const GameStatus seen = world.library().status(world.game);
+    EXPECT_EQ(seen.problem, "");
+    if (changes_build) return;
+    EXPECT_TRUE(seen.installed || !was_installed);
+    EXPECT_TRUE(!seen.installed || world.library().verify(world.game, {}).is_sound());
+  }
+
+  void complete(Next next) {
+    if (next == Next::same_call) {
+      EXPECT_EQ(failure_of([&] { operation.work(world); }), "");
+      EXPECT_TRUE(operation.done(world));
+      EXPECT_TRUE(gives_saves_up ? !fs::exists(world.paths().player) : world.saves_stand());
+      return;
+    }
+    const auto code = code_of([&] { world.library().remove(world.game, PlayerData::kept); });
+    EXPECT_TRUE(code.empty() || code == "not_installed") << code;
+    EXPECT_FALSE(fs::exists(world.paths().record));
+    EXPECT_TRUE(gives_saves_up || world.saves_stand());
+  }
+
+  void sweep(Fault fault, int error, Next next) {
     SCOPED_TRACE(operation.name);
     const int rounds = strike_each_call(
-        fault, error,
-        [&] {
-          world.clear();
-          operation.before(world);
-          world.trusted.client.reset();
-        },
-        [&] { operation.work(world); },
+        fault, error, [&] { prepare(); }, [&] { operation.work(world); },
         [&](const Stop& stop) {
+          SCOPED_TRACE(stop.call);
           world.trusted.client.reset();
-          const std::string failure = failure_of([&] { operation.work(world); });
-          EXPECT_EQ(failure, "") << stop.call;
-          EXPECT_TRUE(failure.empty() && operation.done(world));
+          expect_whole();
+          complete(next);
           EXPECT_THAT(world.unexplained(), testing::IsEmpty());
-          EXPECT_TRUE(world.saves_stand());
         });
     EXPECT_GE(rounds, 5);
   }
 };
 
-TEST_P(CutOff, IsCompletedByTheNextCallAfterAFailure) { sweep(Fault::fail, ENOSPC); }
-TEST_P(CutOff, IsCompletedByTheNextCallAfterAKill) { sweep(Fault::kill, EIO); }
+TEST_P(CutOff, IsCompletedByTheNextCallAfterAFailure) {
+  sweep(Fault::fail, GetParam() % 2 == 0 ? ENOSPC : EIO, Next::same_call);
+}
+TEST_P(CutOff, IsCompletedByTheNextCallAfterAKill) { sweep(Fault::kill, EIO, Next::same_call); }
+TEST_P(CutOff, CanBeTakenAwayAfterAKill) { sweep(Fault::kill, EIO, Next::removal); }
 
 INSTANTIATE_TEST_SUITE_P(EachOperation, CutOff,
                          testing::Range(std::size_t{0}, operations().size()));

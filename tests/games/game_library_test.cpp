@@ -120,6 +120,52 @@ TEST_F(Games, IsPreloadedAndActivatedWithoutTheNetwork) {
   expect_clean();
 }
 
+TEST_F(Games, MovesWithItsDataFolder) {
+  using Step = std::function<void()>;
+  const std::vector<std::pair<std::string, Step>> roads = {
+      {"activated", [&] { library.finish_update("space", {}); }},
+      {"given up", [&] { library.discard("space"); }},
+      {"removed", [&] { library.remove("space", PlayerData::kept); }}};
+  for (const bool ready : {true, false})
+    for (const auto& [name, road] : roads) {
+      SCOPED_TRACE(name);
+      world.clear();
+      library.preload("space", world.tuf(), {});
+      json document = parse_json(read_file(world.paths().ready, 9999), 9999);
+      document["versions_path"] = "/somewhere/else/versions";
+      json& identity = document["staging_identity"];
+      identity[0] = identity[0].get<std::uint64_t>() + 1;
+      if (!ready) {
+        document["kind"] = "tavro-install-preparation";
+        for (const fs::path& path : {world.paths().ready, world.paths().record}) fs::remove(path);
+      }
+      const fs::path place = ready ? world.paths().ready : world.paths().preparation;
+      atomic_write(place, document.dump());
+      EXPECT_EQ(code_of(road), "");
+      EXPECT_EQ(library.status("space").installed, ready && name == "activated");
+      expect_clean();
+    }
+  // A copy is another tree, which is taken for ours where it is the same; else it is somebody's.
+  for (const bool same : {true, false})
+    for (const auto& [name, road] : roads) {
+      SCOPED_TRACE(name);
+      world.clear();
+      library.preload("space", world.tuf(), {});
+      const fs::path tree = world.paths().staged(world.record().preload->version);
+      fs::copy(tree, world.data / "copy", fs::copy_options::recursive);
+      fs::remove_all(tree);
+      fs::rename(world.data / "copy", tree);
+      if (!same) write_bytes(tree / "data/level", "mine");
+      const std::string failure = failure_of(road);
+      EXPECT_EQ(failure.find(tree.string()) != failure.npos, !same) << failure;
+      if (!same) {
+        fs::remove_all(tree);
+        library.discard("space");
+      }
+      expect_clean();
+    }
+}
+
 TEST_F(Games, KeepsWhatSomebodyPutIntoAStage) {
   library.preload("space", world.tuf(), {});
   const fs::path mine = world.paths().staged(world.record().preload->version) / "mine";
@@ -152,6 +198,11 @@ TEST_F(Games, RepairsOnlyWhatIsDamaged) {
   const GameDifferences after = library.verify("space", {});
   EXPECT_TRUE(after.is_sound());
   EXPECT_EQ(after.foreign_count, 2U);
+  fs::rename(folder / "mod", world.data / "mod");
+  fs::remove_all(folder);
+  EXPECT_EQ(library.repair("space", world.tuf(), {}).replaced, 3U);
+  EXPECT_TRUE(library.verify("space", {}).is_sound());
+  fs::rename(world.data / "mod", folder / "mod");
   // A folder of the build that became a link is no way to somewhere else.
   fs::rename(folder / "data", world.data / "elsewhere");
   fs::create_directory_symlink(world.data / "elsewhere", folder / "data");
@@ -301,13 +352,13 @@ TEST_F(Games, LeavesAVersionFolderThatIsALink) {
   fs::create_directory_symlink(world.data / "moved", folder);
   for (const auto& attempt : std::vector<std::function<void()>>{
            [&] { library.verify("space", {}); }, [&] { library.repair("space", world.tuf(), {}); },
-           [&] { library.launch("space", {}); },
-           [&] { library.remove("space", PlayerData::kept); }})
+           [&] { library.launch("space", {}); }})
     EXPECT_EQ(code_of(attempt), "unsafe_path");
+  EXPECT_THAT(library.remove("space", PlayerData::kept).kept,
+              testing::ElementsAre(folder.string()));
   EXPECT_TRUE(fs::exists(world.data / "moved/data/level"));
   fs::remove(folder);
   fs::remove_all(world.data / "moved");
-  library.remove("space", PlayerData::kept);
   expect_clean();
 }
 

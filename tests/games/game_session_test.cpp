@@ -4,8 +4,11 @@
 
 #include <csignal>
 #include <iterator>
+#include <thread>
 
 #include "games/game_world.h"
+#include "platform/files/durable_files.h"
+#include "platform/host/system_calls.h"
 
 namespace tavro::games_test {
 
@@ -42,6 +45,7 @@ TEST_F(GameSessions, EndAsTheGameDoes) {
   };
   const std::vector<Row> rows = {{"exit 0", GameOutcome::clean, 0},
                                  {"exit 3", GameOutcome::exited, 3},
+                                 {"exit 200", GameOutcome::exited, 200},
                                  {"kill -9 $$", GameOutcome::killed, 137},
                                  {"exit 0", GameOutcome::never_ready, 0, true},
                                  {"kill -9 $$", GameOutcome::never_ready, 137, true}};
@@ -133,6 +137,46 @@ TEST_F(GameSessions, HoldTheirBuildWhileTheyLast) {
   library.set_channel("space", "stable");
   const auto sessions = fs::directory_iterator(world.paths().sessions);
   EXPECT_EQ(std::distance(begin(sessions), end(sessions)), 8);
+}
+
+TEST_F(GameSessions, AreProtectedByTheGameWhenItsLauncherEnds) {
+  install(build_of("one", "while [ ! -e \"$TAVRO_GAME_STATE/enough\" ]; do sleep 0.02; done"));
+  library.launch("space", {});
+  EXPECT_TRUE(library.status("space").running);
+  EXPECT_EQ(code_of([&] { library.remove("space", PlayerData::removed); }), "game_running");
+  write_bytes(world.paths().state / "enough", "");
+  while (library.status("space").running) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(library.status("space").last_start->outcome, GameOutcome::unknown);
+  library.remove("space", PlayerData::kept);
+  EXPECT_FALSE(fs::exists(world.paths().record));
+}
+
+TEST_F(GameSessions, DoNotGatherOrKeepFromAnything) {
+  install(build_of("one"));
+  private_directory(world.paths().sessions);
+  for (int i = 0; i < 4200; ++i) fs::create_directory(world.paths().sessions / random_id());
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(play().seen.outcome, GameOutcome::clean);
+  const auto sessions = fs::directory_iterator(world.paths().sessions);
+  EXPECT_LE(std::distance(begin(sessions), end(sessions)), 9);
+  EXPECT_EQ(library.status("space").last_start->outcome, GameOutcome::clean);
+}
+
+TEST_F(GameSessions, TellHowTheyEndedOnAFullDisk) {
+  install(build_of("one", "echo said"));
+  SystemCalls calls = system_calls();
+  static bool full = false;
+  calls.write = [](int descriptor, const void* bytes, std::size_t size) -> ssize_t {
+    errno = ENOSPC;
+    return full ? -1 : ::write(descriptor, bytes, size);
+  };
+  GameSession session = library.launch("space", {});
+  const SystemCallScope scope(calls);
+  full = true;
+  EXPECT_NE(code_of([&] { session.wait({}); }), "");
+  full = false;
+  EXPECT_EQ(session.wait({}).output, "said\n");
+  EXPECT_EQ(library.last_output("space"), "said\n");
+  EXPECT_EQ(library.status("space").last_start->outcome, GameOutcome::clean);
 }
 
 TEST_F(GameSessions, StartOnlyWhatIsTheGames) {

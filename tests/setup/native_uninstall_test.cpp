@@ -64,11 +64,18 @@ TEST_F(Uninstall, RemovesALinkInPlaceOfTheNativeFolderAsALink) {
 TEST_F(Uninstall, WaitsForTavroToClose) {
   const auto store = LauncherStore::existing(paths.root);
   auto lease = store->version_guard(store->load().at("candidate"), LockMode::shared);
+  std::optional<FileLock> played;
+  const fs::path leases = paths.root / "games/space/leases";
+  played.emplace(leases / "1.lock", false, LockMode::shared);
   EXPECT_EQ(code_of([&] { at.repair(); }), "tavro_running");
   const auto before = tree_content(paths.root);
   int polls = 0;
   NativeSetupCallbacks callbacks;
-  callbacks.cancelled = [&] { return ++polls == 3 && (lease.reset(), false); };
+  callbacks.cancelled = [&] {
+    if (++polls == 3) lease.reset();
+    if (polls == 4) played.reset();
+    return false;
+  };
   const auto uninstall = [&](std::chrono::milliseconds timeout) {
     return code_of([&] { NativeInstaller::uninstall({paths.root, true, timeout}, callbacks); });
   };

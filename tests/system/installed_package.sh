@@ -23,6 +23,14 @@ included() { grep -oE "$1" | sort -u | sed 's/.*/#include "&"/'; }
   printf 'return 0; }\nint main() {}\n'
 } >"$work/page.cpp"
 
+# What the page of games shows stands in the examples, word for word.
+while read -r line; do
+  grep -qxF -- "$line" <(sed 's/^ *//' "$work"/examples/games/main.cpp "$work"/examples/game/main.c) || {
+    echo "docs/games.md shows what no example has: $line" >&2
+    exit 1
+  }
+done < <(sed -n 's/^    *//p' "$source/docs/games.md")
+
 # The examples' own lists of sources, read without this project's functions.
 {
   printf 'cmake_minimum_required(VERSION 3.25)\nproject(launchers LANGUAGES C CXX)\n'
@@ -37,7 +45,7 @@ add_executable(my-launcher page.cpp)
 END
   shown Building | grep -E '^(find_package|target_link_libraries)'
   echo 'target_link_libraries(bootstrap tavro::start)'
-  printf 'add_subdirectory(%s)\n' examples/launcher examples/setup-progress
+  printf 'add_subdirectory(%s)\n' examples/launcher examples/setup-progress examples/games
 } >"$work/CMakeLists.txt"
 cmake -G Ninja -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/build" -j 2
@@ -57,5 +65,10 @@ for program in "$work"/build/bootstrap "$work"/plain-bootstrap "$work/prefix/bin
   "$program" --help | grep -q '^Usage: '
 done
 "$work/build/my-launcher"
+mkdir -m 700 "$work/games"
+[ -z "$("$work/build/examples/games/example-games" "$work/games" list)" ]
+# A game needs its one header and nothing else.
+cc -std=gnu99 -I"$work/prefix/include" "$work/examples/game/main.c" -o "$work/game"
+"$work/game" 7 | grep -qx 'Found 7 with [0-9]* guesses.'
 "$work/plain-page"
 "$work/prefix/bin/tavro-publish" --help >/dev/null

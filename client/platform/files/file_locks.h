@@ -25,6 +25,8 @@ class FileLock {
   void retain_until_process_exit() noexcept;
   /// Whether this lock still holds the very file that `path` names. Never throws.
   bool matches_path(const std::filesystem::path& path) const noexcept;
+  /// For a child that holds the lock as well, until both have let it go.
+  int descriptor() const noexcept { return descriptor_.get(); }
 
  private:
   UniqueFd descriptor_;

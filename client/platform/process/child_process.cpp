@@ -70,11 +70,14 @@ struct StartChannels {
   UniqueFd input;
   Channel activation;
 
-  StartChannels() {
+  explicit StartChannels(int given_input) {
     start = open_pipe();
     require(bool(start.first), "process_start", "Cannot allocate process-start channel");
     require(protect(start), "process_start", "Cannot protect process-start channel");
-    input.reset(retried([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }));
+    input.reset(retried([&] {
+      return given_input >= 0 ? ::fcntl(given_input, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+                              : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }));
     require(input && leave_standard_streams(input), "process_start",
             "Cannot create game input stream");
     activation = open_socket_pair();
@@ -165,7 +168,8 @@ ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::st
                            const std::map<std::string, std::string>& environment,
                            ChildStreams streams, ChildEnvironment inherited,
                            std::function<void(unsigned long long)> started, ChildGroup group,
-                           ChildControl control, const std::vector<long>& handles, int output) {
+                           ChildControl control, const std::vector<long>& handles, int output,
+                           int input) {
   require_startable(executable, arguments, directory, environment, handles);
   if (control == ChildControl::interrupt) {
     require(streams == ChildStreams::output_inherited && group == ChildGroup::own,
@@ -188,7 +192,7 @@ ChildProcess::ChildProcess(const fs::path& executable, const std::vector<std::st
                          group,
                          interrupt_.get(),
                          output};
-  StartChannels channels;
+  StartChannels channels(input);
   const pid_t child = ::fork();
   if (child == 0) become_image(launch, channels);
   channels.input.reset();
@@ -210,7 +214,9 @@ std::optional<int> ChildProcess::poll() {
   const pid_t ended =
       retried([&] { return ::waitpid(static_cast<pid_t>(pid_), &status, WNOHANG); });
   require(ended >= 0, "process_wait", "Cannot inspect game process");
-  if (ended != 0) exit_status_ = exit_status_of(status);
+  if (ended == 0) return std::nullopt;
+  ended_by_signal_ = WIFSIGNALED(status);
+  exit_status_ = exit_status_of(status);
   return exit_status_;
 }
 

@@ -14,8 +14,7 @@
 
 namespace tavro {
 
-/// Where the child's standard output goes. Its input is always /dev/null, its errors go where this
-/// process's go.
+/// Where the child's standard output goes. Its errors go where this process's go.
 enum class ChildStreams : std::uint32_t { output_to_errors = 0, output_inherited = 1 };
 
 /// What the child inherits of the environment; names of the dynamic loader are LD_... and DYLD_...
@@ -45,7 +44,9 @@ class ChildProcess {
   /// no code of the image has run, and the exception passes on. `handles` belong to other systems
   /// and must be empty here. `output`, unless it is -1, is a descriptor of the caller's that both
   /// output and errors of the child go to, whatever `streams` says; such a child gets no other
-  /// descriptor but its input, not even one that this process inherited itself.
+  /// descriptor but its input, not even one that this process inherited itself. `input`, unless it
+  /// is -1, takes the place of /dev/null as the child's input: a lock on it then lasts as long as
+  /// whoever keeps that input, since both descriptors are of one open file.
   ///
   /// Throws with nothing left running: `launch_handles`, `launch_executable`, `launch_directory`,
   /// `argument_limit`, `argument_encoding`, `process_control` (an environment that names the
@@ -56,7 +57,7 @@ class ChildProcess {
                const std::map<std::string, std::string>& environment, ChildStreams streams,
                ChildEnvironment inherited, std::function<void(unsigned long long)> started,
                ChildGroup group, ChildControl control, const std::vector<long>& handles = {},
-               int output = -1);
+               int output = -1, int input = -1);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -67,6 +68,8 @@ class ChildProcess {
   /// blocks. Throws `process_wait` when the system cannot tell, as in a program that ignores
   /// SIGCHLD: there no end is kept.
   std::optional<int> poll();
+  /// Whether a signal ended the child: a status above 128 may be its own. False until it has ended.
+  bool ended_by_signal() const noexcept { return ended_by_signal_; }
 
   /// Blocks, without a limit, until the child has ended. `cancelled`, which may be empty, is asked
   /// every 5 milliseconds until it is true and the child could be asked to stop: a child that
@@ -90,6 +93,7 @@ class ChildProcess {
 
   unsigned long long pid_ = 0;
   std::optional<int> exit_status_;
+  bool ended_by_signal_ = false;
   std::unique_ptr<InterruptPipe> interrupt_;
 };
 
