@@ -58,6 +58,7 @@ GameRemoval remove_game(GameWriter& writer, PlayerData saves) {
   retire_all(writer);
   GameInstall(writer, {}).discard();
   writer.sweep(true);
+  writer.clean_manifests();
   remove_plain_tree(paths.sessions);
   GameRemoval removal{left_versions(paths.versions)};
   for (const fs::path* folder : {&paths.versions, &paths.staging, &paths.downloads, &paths.leases})
