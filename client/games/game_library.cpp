@@ -225,12 +225,20 @@ GameRemoval GameLibrary::remove(std::string_view game_id, PlayerData saves) cons
   const GamePaths paths(root_, game_id);
   const bool has_saves =
       saves == PlayerData::removed && (bears_name(paths.player) || has_set_aside_player(paths));
-  require(bears_name(paths.record) || bears_name(paths.preparation) || bears_name(paths.ready) ||
-              bears_name(paths.download_record) || has_saves,
-          "not_installed", [&] { return "The game " + paths.game_id + " is not installed"; });
-  GameWriter game(paths);
-  GameInstall(game, {}).settle();
-  return remove_game(game, saves);
+  const bool has_anything = bears_name(paths.record) || bears_name(paths.preparation) ||
+                            bears_name(paths.ready) || bears_name(paths.download_record) ||
+                            has_saves;
+  GameRemoval removal;
+  // A first call that was cut off may have left no more than what nobody has to be told of.
+  if (has_anything || bears_name(paths.lock)) {
+    GameWriter game(paths);
+    GameInstall(game, {}).settle();
+    removal = remove_game(game, saves);
+  }
+  forget_game_offers(root_, game_id);
+  require(has_anything, "not_installed",
+          [&] { return "The game " + paths.game_id + " is not installed"; });
+  return removal;
 }
 
 GameSession GameLibrary::launch(std::string_view game_id,

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "games/game_store.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/file_locks.h"
+#include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
 #include "platform/host/native_platform.h"
@@ -26,6 +28,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t cache_entries = 4096;
+
+fs::path cache_of(const fs::path& data_root) { return data_root / "game-offers"; }
+
+FileLock lock_cache(const fs::path& cache) {
+  return {cache / "offers.lock", false, LockMode::exclusive};
+}
 
 /// A killed transfer leaves its partial file, which no later one goes on with.
 void drop_partial_files(const fs::path& folder, const std::string& final_name) {
@@ -50,7 +58,7 @@ bool has_hashes(const std::string& text, const json& hashes) {
 }  // namespace
 
 GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, GameProgress progress)
-    : cache_(data_root / "game-offers"), tuf_(tuf), progress_(std::move(progress)) {}
+    : cache_(cache_of(data_root)), tuf_(tuf), progress_(std::move(progress)) {}
 
 std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
                               const std::string& meaning, bool keep) {
@@ -70,7 +78,7 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most, std::
   require(bytes <= most, "size_limit",
           [&] { return "The repository's file is too large: " + target; });
   private_directory(cache_);
-  const FileLock lock(cache_ / "offers.lock", false, LockMode::exclusive);
+  const FileLock lock = lock_cache(cache_);
   const fs::path file = safe_join(cache_, target, true);
   drop_partial_files(file.parent_path(), path_utf8(file.filename()));
   tuf_.download(target, cache_, looking, {}, {});
@@ -134,6 +142,19 @@ void require_as_listed(const GameCatalog& catalog, std::string_view channel,
   require(true_words, "catalog_mismatch", [&] {
     return "The game catalogue and the manifest contradict each other: " + manifest.game_id;
   });
+}
+
+void forget_game_offers(const fs::path& data_root, std::string_view game_id) {
+  validate_identifier(game_id);
+  const fs::path cache = cache_of(data_root);
+  const fs::path offers = cache / "games" / game_id;
+  if (!bears_name(offers)) return;
+  try {
+    const FileLock lock = lock_cache(cache);
+    remove_plain_tree(offers);
+  } catch (const std::exception&) {
+    // Another process looks something up: the next look-up of this game cleans as well.
+  }
 }
 
 }  // namespace tavro

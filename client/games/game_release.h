@@ -56,4 +56,7 @@ class GameOffers {
 void require_as_listed(const GameCatalog& catalog, std::string_view channel,
                        const GameRelease& release);
 
+/// Takes away what a cut-off look-up left of the offers of a game, if nobody looks anything up now.
+void forget_game_offers(const std::filesystem::path& data_root, std::string_view game_id);
+
 }  // namespace tavro

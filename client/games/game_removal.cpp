@@ -126,6 +126,7 @@ GameRemoval remove_game(GameWriter& writer, PlayerData saves) {
   leases.clear();
   GameRemoval removal;
   removal.unproved = remove_versions(writer);
+  writer.clean_manifests();
   remove_game_folder(paths.sessions);
   removal.kept = left_versions(paths.versions);
   for (const fs::path* folder : {&paths.versions, &paths.staging, &paths.downloads, &paths.leases})

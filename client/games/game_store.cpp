@@ -56,6 +56,21 @@ GameRecord found_or_new(const GameStore& store) {
   return record;
 }
 
+/// The caller holds the lock of the folder.
+void remove_cut_off_manifests(const fs::path& manifests) {
+  std::size_t entries = 0;
+  std::vector<fs::path> dead;
+  for (const auto& entry : fs::directory_iterator(manifests)) {
+    require(++entries <= manifest_folder_entries, "size_limit", "Too many stored manifests");
+    const std::string name = path_utf8(entry.path().filename());
+    constexpr std::size_t final_name = std::string_view("application-.json").size() + 64;
+    if (name.starts_with("application-") && name.size() > final_name &&
+        torn_write::is_temporary_name(name, name.substr(0, final_name)))
+      dead.push_back(entry.path());
+  }
+  for (const fs::path& path : dead) native_files::remove_or_trash(path, {});
+}
+
 bool says_nothing(const GameRecord& record) {
   return !record.active && !record.previous && !record.preload && record.retired.empty() &&
          !record.removing;
@@ -179,16 +194,13 @@ void GameWriter::keep_manifest(const GameManifest& manifest) const {
   // The folder is shared by all games: whoever writes there holds its lock, so that under the lock
   // every temporary file is a dead one.
   const FileLock lock(paths().manifests_lock, true, LockMode::exclusive);
-  std::size_t entries = 0;
-  for (const auto& entry : fs::directory_iterator(paths().manifests)) {
-    require(++entries <= manifest_folder_entries, "size_limit", "Too many stored manifests");
-    const std::string name = path_utf8(entry.path().filename());
-    constexpr std::size_t final_name = std::string_view("application-.json").size() + 64;
-    if (name.starts_with("application-") && name.size() > final_name &&
-        torn_write::is_temporary_name(name, name.substr(0, final_name)))
-      native_files::remove_or_trash(entry.path(), {});
-  }
+  remove_cut_off_manifests(paths().manifests);
   atomic_write(path, text);
+}
+
+void GameWriter::clean_manifests() const {
+  const FileLock lock(paths().manifests_lock, true, LockMode::exclusive);
+  remove_cut_off_manifests(paths().manifests);
 }
 
 void GameWriter::drop_manifest(std::string_view manifest_ref) const {

@@ -68,6 +68,8 @@ class GameWriter : public GameStore {
 
   /// Stores the manifest by its digest, durably, and answers the digest.
   void keep_manifest(const GameManifest& manifest) const;
+  /// Takes away what was cut off while a manifest was stored, of whichever game.
+  void clean_manifests() const;
   /// Removes a stored manifest that the record does not refer to.
   void drop_manifest(std::string_view manifest_ref) const;
 

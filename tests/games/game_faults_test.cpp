@@ -117,6 +117,8 @@ struct CutOff : testing::TestWithParam<std::size_t> {
     EXPECT_TRUE(code.empty() || code == "not_installed") << code;
     EXPECT_FALSE(fs::exists(world.paths().record));
     EXPECT_TRUE(gives_saves_up || world.saves_stand());
+    // What was cut off of the catalogue, which is all games', goes with the next look at it.
+    world.library().available(world.tuf());
   }
 
   void sweep(Fault fault, int error, Next next) {
