@@ -7,6 +7,7 @@
 #include "domain/error.h"
 #include "domain/identifier.h"
 #include "domain/input.h"
+#include "games/channel_unlock.h"
 #include "games/game_release.h"
 #include "installation/data_folder.h"
 #include "platform/files/safe_path.h"
@@ -142,7 +143,9 @@ GameRelease GameLibrary::release(std::string_view game_id, TufClient& tuf,
   validate_game_channel(channel);
   GameRelease newest = offers.release(id, channel);
   try {
-    require_as_listed(offers.catalog(), channel, newest);
+    const GameCatalog catalog = offers.catalog();
+    UnlockedChannels(root_).require_open(catalog, id, channel);
+    require_as_listed(catalog, channel, newest);
   } catch (const Error& error) {
     if (error.code != "catalog_not_published") throw;
   }

@@ -74,7 +74,8 @@ struct GameUpdate {
 ///
 /// All operations throw `invalid_identity` for what is no identifier, and the codes of the record
 /// and of the stored manifest (see game_store.h); those that change a game also those of
-/// game_install.h.
+/// game_install.h; those that look for a channel's newest build `channel_locked` for one that the
+/// catalogue locks and the player has not opened (see channel_unlock.h).
 class GameLibrary {
  public:
   /// Touches nothing. Throws `unsafe_path` and `native_install_incomplete`.
