@@ -97,7 +97,7 @@ Told<Document> Distributor::fetch(TufClient& tuf) const {
   const fs::path path = kept_path<Document>(folder_);
   torn_write::remove_leftovers(folder_, {path_utf8(path.filename())});
   const auto bytes = fetch_bytes(std::string(Document::kTarget), Document::kMaxBytes, tuf);
-  Told<Document> told{std::nullopt, distributor_clock()};
+  Told<Document> told{.fetched = distributor_clock()};
   json document;
   if (bytes) {
     document = parse_json(*bytes, Document::kMaxBytes);
@@ -124,7 +124,7 @@ std::optional<Told<Document>> Distributor::cached() const {
               kept.contains("document") && kept.contains("fetched") &&
               kept.at("fetched").is_number_unsigned(),
           "invalid_state", damaged);
-  Told<Document> told{std::nullopt, kept.at("fetched").get<std::uint64_t>()};
+  Told<Document> told{.fetched = kept.at("fetched").get<std::uint64_t>(), .is_cached = true};
   if (!kept.at("document").is_null()) told.document = Document::parse(kept.at("document"));
   return told;
 }

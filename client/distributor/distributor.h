@@ -18,9 +18,11 @@ class TufClient;
 template <typename Document>
 struct Told {
   /// Nothing when the distributor published none.
-  std::optional<Document> document;
+  std::optional<Document> document{};
   /// Seconds since 1970.
   std::uint64_t fetched = 0;
+  /// It was not asked for just now.
+  bool is_cached = false;
 
   /// Seconds; 0 for a clock that was put back since.
   std::uint64_t age(std::uint64_t now) const { return now > fetched ? now - fetched : 0; }
