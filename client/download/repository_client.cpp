@@ -50,16 +50,17 @@ struct RepositoryClient::Impl {
   TufClient tuf;
 
   Impl(const DataPaths& paths, const RepositoryRecord& record,
-       const std::shared_ptr<HttpsBudget>& budget)
+       const std::shared_ptr<HttpsBudget>& budget, unsigned long long download_limit)
       : metadata(record.origin + "/tuf/metadata/", record.ca_bundle, 0, budget),
-        targets(record.origin + "/tuf/targets/", record.ca_bundle, 0, budget),
+        targets(record.origin + "/tuf/targets/", record.ca_bundle, download_limit, budget),
         tuf(paths.trust, metadata, targets, client_limits, std::chrono::system_clock::now) {}
 };
 
 RepositoryClient::RepositoryClient(const fs::path& root,
-                                   const std::shared_ptr<HttpsBudget>& budget) {
+                                   const std::shared_ptr<HttpsBudget>& budget,
+                                   unsigned long long download_limit) {
   const DataPaths paths(data_folder(root));
-  impl_ = std::make_unique<Impl>(paths, record_of(paths), budget);
+  impl_ = std::make_unique<Impl>(paths, record_of(paths), budget, download_limit);
 }
 
 RepositoryClient::~RepositoryClient() = default;

@@ -289,6 +289,16 @@ GameChange GameLibrary::roll_back(std::string_view game_id, const GameProgress& 
   return {.build_id = record.active->build_id, .active = true, .staged = false, .changed = true};
 }
 
+void GameLibrary::forget_previous(std::string_view game_id) const {
+  GameWriter game = owner(game_id);
+  GameRecord& record = game.record;
+  if (!record.previous || record.retired.size() >= kMaxRetiredVersions) return;
+  record.retired.push_back(*record.previous);
+  record.previous.reset();
+  game.save();
+  game.sweep(false);
+}
+
 void GameLibrary::set_channel(std::string_view game_id, const std::string& channel) const {
   validate_game_channel(channel);
   GameWriter game = owner(game_id);

@@ -115,6 +115,9 @@ class GameLibrary {
   /// `content_mismatch`, `game_running`.
   GameChange roll_back(std::string_view game_id, const GameProgress& progress) const;
 
+  /// Gives the way back up: takes the previous build away as soon as nothing runs from it.
+  void forget_previous(std::string_view game_id) const;
+
   void set_channel(std::string_view game_id, const std::string& channel) const;
   /// Puts a build off until that time, in seconds since 1970; 0 until another build comes. An empty
   /// build takes it back.
