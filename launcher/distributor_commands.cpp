@@ -88,11 +88,10 @@ std::string status_text(const ServiceStatus& status, std::uint64_t now) {
 
 Answer list_notices(Context& context) {
   const auto told = told_now<Notices>(context);
-  json list = json::array();
   std::vector<std::string> lines;
   const auto shown = told && told->document ? told->document->in_force(distributor_clock())
                                             : std::vector<Notice>();
-  for (const json& notice : Notices{shown}.to_json().at("notices")) list.push_back(notice);
+  json list = Notices{shown}.to_json().at("notices");
   for (const Notice& notice : shown) {
     lines.push_back(std::string(severity_name(notice.severity)) + ": " + notice.title + " (" +
                     notice.id + ", until " + time_text(notice.until) + ")");

@@ -51,6 +51,7 @@ void require_agreed(Context& context) {
   context.show("asking the repository", 0, 0);
   require_agreements(context.root, context.subject(), reachable_repository(context));
   context.close_repository();
+  context.bound_requests(nullptr);
 }
 
 /// A sentence of the report that was kept, if the game ended badly. How it ended is told without

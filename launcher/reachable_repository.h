@@ -5,7 +5,7 @@
 namespace tavro::program {
 
 /// The client of the repository, or null where it cannot be had: while another program has it, or
-/// without the record of a repository. For commands that have something to say without it too.
+/// with a damaged record. For commands that have something to say without it too.
 TufClient* reachable_repository(Context& context);
 
 }  // namespace tavro::program
