@@ -54,12 +54,15 @@ void require_agreed(Context& context) {
   context.bound_requests(nullptr);
 }
 
-/// A sentence of the report that was kept, if the game ended badly. How it ended is told without
-/// one all the same.
-std::string keep_crash_report(Context& context, const GameReport& report) {
+/// Keeps a report if the game ended badly, and answers a sentence of it. How the game ended is told
+/// without one all the same.
+std::string keep_crash_report(Context& context, const GameReport& report, json& document) {
+  document["crash_report"] = nullptr;
   try {
     const auto id = CrashStore(context.root).keep(context.subject(), report);
-    return id ? "\nA crash report was kept: tavro crashes show " + *id : std::string();
+    if (!id) return {};
+    document["crash_report"] = *id;
+    return "\nA crash report was kept: tavro crashes show " + *id;
   } catch (const Error& error) {
     return std::string("\nNo crash report was kept: ") + error.what();
   }
@@ -106,7 +109,8 @@ Answer launch_game(Context& context) {
     return {std::move(document),
             news + "The game goes on; how it ends is not seen. Look with: tavro status " + game,
             exit_cancelled};
-  return {std::move(document), news + report_text(report) + keep_crash_report(context, report),
+  const std::string kept = keep_crash_report(context, report, document);
+  return {std::move(document), news + report_text(report) + kept,
           report.seen.outcome == GameOutcome::clean ? exit_done : exit_game_failed};
 }
 

@@ -63,7 +63,7 @@ std::size_t rest_of(std::string_view text, const Secret& secret) {
   return 0;
 }
 
-void add_folder(std::vector<Secret>& secrets, const fs::path& folder, const char* mark) {
+void add_path(std::vector<Secret>& secrets, const fs::path& folder, const char* mark) {
   std::string text = path_utf8(folder);
   while (text.size() > 1 && text.ends_with('/')) text.pop_back();
   if (text.size() < 2) return;
@@ -71,11 +71,16 @@ void add_folder(std::vector<Secret>& secrets, const fs::path& folder, const char
   secrets.push_back({quote_url(text, true), mark});
 }
 
+/// Under the name it was given, and under the one that the system tells.
+void add_folder(std::vector<Secret>& secrets, const fs::path& folder, const char* mark) {
+  add_path(secrets, folder, mark);
+  std::error_code unknown;
+  const fs::path real = fs::canonical(folder, unknown);
+  if (!unknown) add_path(secrets, real, mark);
+}
+
 void add_home(std::vector<Secret>& secrets, const std::string& home) {
   add_folder(secrets, home, "~");
-  std::error_code ignored;
-  const fs::path real = fs::canonical(home, ignored);
-  if (!ignored) add_folder(secrets, real, "~");
   // Often the user's name in another form.
   secrets.push_back({path_utf8(fs::path(home).filename()), user_mark, Match::as_word});
 }

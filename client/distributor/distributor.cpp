@@ -161,14 +161,17 @@ std::string Distributor::text_of(const Agreement& agreement, TufClient* tuf) con
   return text;
 }
 
-#define TAVRO_DISTRIBUTOR_TELLS(Document)                                       \
-  template Told<Document> Distributor::fetch<Document>(TufClient&) const;       \
-  template std::optional<Told<Document>> Distributor::cached<Document>() const; \
-  template std::optional<Told<Document>> Distributor::known<Document>(TufClient*) const;
-TAVRO_DISTRIBUTOR_TELLS(Notices)
-TAVRO_DISTRIBUTOR_TELLS(ServiceStatus)
-TAVRO_DISTRIBUTOR_TELLS(Agreements)
-TAVRO_DISTRIBUTOR_TELLS(CrashService)
-#undef TAVRO_DISTRIBUTOR_TELLS
+template Told<Notices> Distributor::fetch<Notices>(TufClient&) const;
+template Told<ServiceStatus> Distributor::fetch<ServiceStatus>(TufClient&) const;
+template Told<Agreements> Distributor::fetch<Agreements>(TufClient&) const;
+template Told<CrashService> Distributor::fetch<CrashService>(TufClient&) const;
+template std::optional<Told<Notices>> Distributor::cached<Notices>() const;
+template std::optional<Told<ServiceStatus>> Distributor::cached<ServiceStatus>() const;
+template std::optional<Told<Agreements>> Distributor::cached<Agreements>() const;
+template std::optional<Told<CrashService>> Distributor::cached<CrashService>() const;
+template std::optional<Told<Notices>> Distributor::known<Notices>(TufClient*) const;
+template std::optional<Told<ServiceStatus>> Distributor::known<ServiceStatus>(TufClient*) const;
+template std::optional<Told<Agreements>> Distributor::known<Agreements>(TufClient*) const;
+template std::optional<Told<CrashService>> Distributor::known<CrashService>(TufClient*) const;
 
 }  // namespace tavro
