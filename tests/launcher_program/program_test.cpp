@@ -68,7 +68,7 @@ TEST_F(Program, TakesAGameThroughItsLife) {
 0||updates check --background
 9|ended with status 3|install star --launch
 0|follows the channel beta|channel set star beta
-0|star     2.0    1.|updates check
+0|star   2.0    7|updates check
 0|is put off|updates defer star --build 2.0
 0||updates check --background
 0|Build 2.0 of star is ready|preload star
@@ -78,7 +78,7 @@ TEST_F(Program, TakesAGameThroughItsLife) {
 0|star is updated: build 2.0|update star
 0|Build 1.0 is in use again|rollback star
 0|saves are kept|uninstall star --confirm-game star
-3|verify|operations show 00000000000000000000000000000000
+3|There is no operation|operations show 00000000000000000000000000000000
 2|Unknown command|dance
 2|valid identifiers|status ../../etc)");
   expect_said(client,

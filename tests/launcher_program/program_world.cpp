@@ -51,7 +51,8 @@ void GameRepository::publish(const std::string& game, const std::string& build,
   catalog_.games[game].channels[channel] = {build, game_download_length(manifest),
                                             manifest.expanded_length, sha256, text.size()};
   put_file(folder.path() / "catalog.json", catalog_.to_json().dump());
-  const std::string archive = "game-" + game + "-" + native_platform() + "-" + build + ".tar.zst";
+  const std::string archive =
+      "game-" + game + "-" + std::string(native_platform()) + "-" + build + ".tar.zst";
   const std::string manifest_file = "=" + out + "/game.manifest.json";
   run("repository add --repository repository --key key.pem --target " +
       game_catalog_target(native_platform()) + "=catalog.json --target " +
