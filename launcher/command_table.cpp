@@ -55,7 +55,7 @@ const std::vector<Command>& command_table() {
       {{"operations", "wait"}, wait_for_operation},
       {{"operations", "cancel"}, cancel_operation},
       {{"operations", "retry"}, retry_operation},
-      {{"repository", "configure"}, unavailable},
+      {{"repository", "configure"}, configure_repository},
       {{"updates", "check"}, check_updates},
       {{"updates", "show"}, show_update},
       {{"updates", "defer"}, defer_update},

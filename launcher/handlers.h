@@ -42,6 +42,9 @@ Answer wait_for_operation(Context& context);
 Answer cancel_operation(Context& context);
 Answer retry_operation(Context& context);
 
+// repository_commands.cpp
+Answer configure_repository(Context& context);
+
 // settings_commands.cpp
 Answer get_settings(Context& context);
 Answer set_setting(Context& context);

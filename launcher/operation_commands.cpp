@@ -88,7 +88,8 @@ Answer wait_for_operation(Context& context) {
     if (operation.state != OperationState::running)
       return operation_answer(operation, status_of(operation));
     context.label_progress(request_text(operation));
-    require(context.show(operation.phase, operation.done, operation.total), "cancelled",
+    const std::string phase = operation.phase.empty() ? "starting" : operation.phase;
+    require(context.show(phase, operation.done, operation.total), "cancelled",
             "The operation was not waited for any longer; it goes on");
     std::this_thread::sleep_for(look_period);
   }

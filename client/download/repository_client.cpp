@@ -56,8 +56,7 @@ struct RepositoryClient::Impl {
         tuf(paths.trust, metadata, targets, client_limits, std::chrono::system_clock::now) {}
 };
 
-RepositoryClient::RepositoryClient(const fs::path& root,
-                                   const std::shared_ptr<HttpsBudget>& budget,
+RepositoryClient::RepositoryClient(const fs::path& root, const std::shared_ptr<HttpsBudget>& budget,
                                    unsigned long long download_limit) {
   const DataPaths paths(data_folder(root));
   impl_ = std::make_unique<Impl>(paths, record_of(paths), budget, download_limit);

@@ -223,7 +223,17 @@ void OperationJournal::prune(const std::vector<OperationRecord>& ended, std::uin
   sweep_strays();
 }
 
-/// What a kill left: unfinished writes, and files of operations without an entry.
+/// Progress is not synced: a power cut can leave an entry that says nothing.
+bool OperationJournal::is_damaged(std::string_view id) const {
+  try {
+    static_cast<void>(read(id));
+    return false;
+  } catch (const Error& error) {
+    return error.code == "invalid_json" || error.code == "invalid_state";
+  }
+}
+
+/// What a kill left: unfinished writes, damaged entries, and files of operations without an entry.
 void OperationJournal::sweep_strays() const {
   const auto known = ids();
   std::vector<fs::path> strays;
@@ -234,7 +244,8 @@ void OperationJournal::sweep_strays() const {
     if (!is_lower_hex(id, id_characters) || is_held(id)) continue;
     const bool lost = std::find(known.begin(), known.end(), id) == known.end() &&
                       (name == id + ".lock" || name == id + ".cancel");
-    if (lost || torn_write::is_temporary_name(name, id + ".json") ||
+    if (lost || (name == id + ".json" && is_damaged(id)) ||
+        torn_write::is_temporary_name(name, id + ".json") ||
         torn_write::is_temporary_name(name, id + ".cancel"))
       strays.push_back(entry.path());
   }

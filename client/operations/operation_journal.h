@@ -81,6 +81,7 @@ class OperationJournal {
   bool is_held(std::string_view id) const;
   void prune(const std::vector<OperationRecord>& ended, std::uint64_t now) const;
   void sweep_strays() const;
+  bool is_damaged(std::string_view id) const;
   void remove(std::string_view id) const;
 
   std::filesystem::path folder_;

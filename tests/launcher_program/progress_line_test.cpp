@@ -21,7 +21,7 @@ TEST(ProgressText, FitsEveryWidthAndKeepsTheNumberLongest) {
       EXPECT_EQ(text.find(" 50%") != text.npos, columns >= 12) << columns << text;
     }
   EXPECT_EQ(progress_text(halfway("Space"), 200),
-            "Space: downloading  [###############---------------]   50%  50.0 MiB of 100.0 MiB"
+            "Space: downloading  [##############--------------]   50%  50.0 MiB of 100.0 MiB"
             "  50 s left  1.0 MiB/s");
   EXPECT_EQ(progress_text({"", "asking", 0, 0, 0}, 40), "Asking");
 }
