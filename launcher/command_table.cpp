@@ -20,8 +20,6 @@ const Command& command_of(const CliLine& line) {
 
 }  // namespace
 
-Answer unavailable(Context&) { fail("unavailable", "This client cannot do that yet"); }
-
 const std::vector<Command>& command_table() {
   static const std::vector<Command> table = {
       {{"list"}, list_games},

@@ -72,7 +72,4 @@ Answer self_status(Context& context);
 Answer self_update(Context& context);
 Answer self_cleanup(Context& context);
 
-/// For a command whose service this client does not have. Throws `unavailable`.
-Answer unavailable(Context& context);
-
 }  // namespace tavro::program
