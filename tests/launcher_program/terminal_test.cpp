@@ -24,7 +24,7 @@ std::string told(const Client& client, unsigned short columns, unsigned short th
     setenv("TERM", "xterm", 1);
     setenv("NO_COLOR", "1", 1);
     _exit(Launched::become(program("tavro"), {},
-                           {"--data-dir", client.data.string(), "install", "slow"}));
+                           {"--data-dir", client.data.string(), "install", "slower"}));
   }
   std::string text;
   char block[4096];
@@ -47,7 +47,7 @@ std::string told(const Client& client, unsigned short columns, unsigned short th
 }
 
 TEST(Terminal, HasOneLineThatFitsItsWidth) {
-  repository().publish("slow", "1.0", "exit 0", slow_bytes);
+  repository().publish("slower", "1.0", "exit 0", slow_bytes);
   Client client;
   client.answer("settings set download_limit 100000");
   const std::string text = told(client, 70, 25);
