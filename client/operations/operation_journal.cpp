@@ -189,9 +189,8 @@ std::vector<OperationRecord> OperationJournal::list() const {
   for (const std::string& id : ids()) {
     try {
       operations.push_back(find(id));
-    } catch (const Error& error) {
+    } catch (const Error&) {
       // Gone meanwhile, damaged, or of another version: it stays, and is not told of.
-      if (error.code == "size_limit" || error.code == "permissions") continue;
     }
   }
   std::sort(operations.begin(), operations.end(), [](const auto& left, const auto& right) {
