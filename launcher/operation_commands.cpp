@@ -15,6 +15,12 @@ namespace {
 
 constexpr std::chrono::milliseconds look_period{200};
 
+/// Of a time in milliseconds.
+std::string moment_text(std::uint64_t time) {
+  constexpr std::uint64_t milliseconds_a_second = 1000;
+  return time_text(time / milliseconds_a_second);
+}
+
 std::string request_text(const OperationRecord& operation) {
   std::string text;
   for (const std::string& word : operation.request) text += (text.empty() ? "" : " ") + word;
@@ -37,8 +43,8 @@ std::string progress_word(const OperationRecord& operation) {
 std::string operation_text(const OperationRecord& operation) {
   std::vector<std::string> lines = {
       request_text(operation) + ": " + std::string(operation_state_name(operation.state)),
-      "Operation " + operation.id + ", begun " + time_text(operation.started) +
-          (operation.ended == 0 ? "" : ", ended " + time_text(operation.ended))};
+      "Operation " + operation.id + ", begun " + moment_text(operation.started) +
+          (operation.ended == 0 ? "" : ", ended " + moment_text(operation.ended))};
   if (!progress_word(operation).empty()) lines.push_back(progress_word(operation));
   if (!operation.problem_message.empty()) lines.push_back(operation.problem_message);
   if (operation.state != OperationState::running && operation.state != OperationState::succeeded)
@@ -70,8 +76,8 @@ Answer list_operations(Context& context) {
   std::vector<std::vector<std::string>> rows = {{"OPERATION", "STATE", "BEGUN", "COMMAND"}};
   for (const OperationRecord& each : OperationJournal(context.root).list()) {
     operations.push_back(operation_document(each));
-    rows.push_back({each.id, std::string(operation_state_name(each.state)), time_text(each.started),
-                    request_text(each)});
+    rows.push_back({each.id, std::string(operation_state_name(each.state)),
+                    moment_text(each.started), request_text(each)});
   }
   const std::string text = operations.empty() ? "The journal is empty." : table_text(rows);
   return {{{"operations", std::move(operations)}}, text};

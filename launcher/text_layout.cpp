@@ -46,7 +46,9 @@ bool steers(utf8proc_int32_t character) {
 std::string plain_text(std::string_view text) {
   std::string plain;
   each_character(text, [&](utf8proc_int32_t character, std::string_view bytes) {
-    const bool stays = character == '\n' || (character >= 0 && !steers(character));
+    if (character == '\t') bytes = " ";
+    const bool stays =
+        character == '\t' || character == '\n' || (character >= 0 && !steers(character));
     plain += stays ? bytes : "?";
   });
   return plain;

@@ -9,7 +9,7 @@
 namespace tavro::program {
 
 /// The text as a terminal may have it, whoever wrote it: bytes that are no UTF-8, and characters
-/// that steer a terminal, become "?". Line ends stay.
+/// that steer a terminal, become "?". Line ends stay, and tabulators become spaces.
 std::string plain_text(std::string_view text);
 
 /// How many columns a plain text takes on a terminal: wide characters two, combining ones none.

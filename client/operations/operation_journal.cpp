@@ -25,12 +25,13 @@ constexpr milliseconds asking_period{100};
 constexpr milliseconds writing_period{500};
 constexpr std::size_t id_characters = 32;
 constexpr std::size_t max_entries = 4096;
+constexpr std::uint64_t milliseconds_a_second = 1000;
 constexpr std::size_t max_message = 4096;
 constexpr std::string_view journal_lock = "journal.lock";
 
-std::uint64_t seconds_now() {
+std::uint64_t milliseconds_now() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count());
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<milliseconds>(now).count());
 }
 
 fs::path with_suffix(const fs::path& folder, std::string_view id, std::string_view suffix) {
@@ -93,7 +94,7 @@ bool Operation::report(std::string_view phase, std::uint64_t done, std::uint64_t
 
 void Operation::end(OperationState state) {
   record_.state = state;
-  record_.ended = seconds_now();
+  record_.ended = milliseconds_now();
   atomic_write(path_, record_.to_json().dump());
   remove_file(cancel_path_);
 }
@@ -129,7 +130,7 @@ Operation OperationJournal::begin(std::vector<std::string> request, std::string 
   });
   require(static_cast<std::size_t>(ended - operations.begin()) < most, "too_many_operations",
           "As many operations run as the settings allow");
-  const std::uint64_t now = seconds_now();
+  const std::uint64_t now = milliseconds_now();
   prune({ended, operations.end()}, now);
   OperationRecord record;
   record.id = random_id();
@@ -188,9 +189,8 @@ std::vector<OperationRecord> OperationJournal::list() const {
   for (const std::string& id : ids()) {
     try {
       operations.push_back(find(id));
-    } catch (const Error& error) {
+    } catch (const Error&) {
       // Gone meanwhile, damaged, or of another version: it stays, and is not told of.
-      if (error.code == "size_limit" || error.code == "permissions") continue;
     }
   }
   std::sort(operations.begin(), operations.end(), [](const auto& left, const auto& right) {
@@ -217,7 +217,7 @@ void OperationJournal::prune(const std::vector<OperationRecord>& ended, std::uin
             [](const auto& left, const auto& right) { return left.started > right.started; });
   for (std::size_t i = 0; i < newest_first.size(); ++i) {
     const OperationRecord& each = newest_first[i];
-    const bool old = each.started + kKeptOperationSeconds < now;
+    const bool old = each.started + kKeptOperationSeconds * milliseconds_a_second < now;
     if (i >= kKeptOperations - 1 || old) remove(each.id);
   }
   sweep_strays();

@@ -35,7 +35,7 @@ struct OperationRecord {
   std::string retry_of;
   OperationState state = OperationState::running;
   unsigned long long pid = 0;
-  /// Seconds since 1970; `ended` is 0 while nobody saw its end.
+  /// Milliseconds since 1970; `ended` is 0 while nobody saw its end.
   std::uint64_t started = 0;
   std::uint64_t ended = 0;
   std::string phase;

@@ -94,7 +94,7 @@ TEST_F(Program, AnswersProgramsInOneLine) {
   EXPECT_EQ(game.at("state"), "installed");
   EXPECT_EQ(client.answer("launch space").at("session").at("outcome"), "clean");
   EXPECT_EQ(client.answer("list").at("games").size(), 1);
-  EXPECT_EQ(client.answer("available").at("games").size(), 4);
+  EXPECT_GE(client.answer("available").at("games").size(), 4);
   const json problem = client.answer("repair star", 3).at("problem");
   EXPECT_EQ(problem.at("code"), "not_installed");
   EXPECT_EQ(problem.at("next").at(0), "tavro available, and tavro install star");

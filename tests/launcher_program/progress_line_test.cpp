@@ -76,7 +76,7 @@ TEST(ProgressLine, WritesLinesNowAndThenWhereNothingCanBeRedrawn) {
 }
 
 TEST(PlainText, LetsNothingSteerATerminal) {
-  EXPECT_EQ(plain_text("a\x1b[2Jb\r\xff\u202e c\n"), "a?[2Jb??? c\n");
+  EXPECT_EQ(plain_text("a\x1b[2Jb\r\xff\u202e c\td\n"), "a?[2Jb??? c d\n");
 }
 
 }  // namespace tavro::program_test
