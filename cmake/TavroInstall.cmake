@@ -45,5 +45,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavro.pc DESTINATION ${CMAKE_INSTALL_L
 # For games, which need nothing else of this.
 install(FILES sdk/tavro_game.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS tavro-publish tavro-bootstrap)
-install(FILES man/tavro-bootstrap.1 man/tavro-install.1 man/tavro-publish.1
+install(FILES man/tavro.1 man/tavro-bootstrap.1 man/tavro-install.1 man/tavro-publish.1
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -18,15 +18,8 @@ using WordSet = std::set<std::string, std::less<>>;
 
 constexpr std::size_t kMaxSettingBytes = 16384;
 
-struct Grammar {
-  Words words;
-  std::size_t operands;
-  WordSet flags;
-  WordSet options;
-};
-
 // Searched from the top: a row whose first words are another's whole name stands before it.
-const std::vector<Grammar> grammar = {
+const std::vector<CliCommand> grammar = {
     {{"list"}, 0, {}, {}},
     {{"available"}, 0, {}, {}},
     {{"notices"}, 0, {}, {}},
@@ -111,16 +104,13 @@ bool starts_with(const Words& args, const Words& words) {
   return args.size() >= words.size() && std::equal(words.begin(), words.end(), args.begin());
 }
 
-/// What follows the words of a command, sorted by the command's row.
-struct Line {
-  const Grammar& row;
-  WordSet flags = {};
-  std::map<std::string, std::string, std::less<>> options = {};
-  Words operands = {};
+/// A line with the questions that the checks ask of it.
+struct Line : CliLine {
+  explicit Line(const CliCommand& row) : CliLine{&row, {}, {}, {}} {}
 
-  bool is(std::string_view first) const { return row.words.front() == first; }
+  bool is(std::string_view first) const { return command->words.front() == first; }
   bool is(std::string_view first, std::string_view second) const {
-    return row.words.size() == 2 && is(first) && row.words[1] == second;
+    return command->words.size() == 2 && is(first) && command->words[1] == second;
   }
   bool given(std::string_view option) const { return options.contains(option); }
   bool confirmed_by(std::string_view option) const {
@@ -129,8 +119,8 @@ struct Line {
   }
 };
 
-Line read_line(const Grammar& row, const Words& args) {
-  Line line{row};
+Line read_line(const CliCommand& row, const Words& args) {
+  Line line(row);
   for (std::size_t i = row.words.size(); i < args.size(); ++i) {
     const std::string& word = args[i];
     if (row.flags.contains(word)) {
@@ -150,7 +140,7 @@ Line read_line(const Grammar& row, const Words& args) {
 }
 
 void check_operands(const Line& line) {
-  require(line.operands.size() == line.row.operands, "usage",
+  require(line.operands.size() == line.command->operands, "usage",
           "Wrong number of command operands; run tavro --help");
   require(std::none_of(line.operands.begin(), line.operands.end(),
                        [](const std::string& operand) { return operand.empty(); }),
@@ -207,7 +197,7 @@ void check_command(const Line& line) {
 }
 
 void check_identifiers(const Line& line) {
-  if (!line.operands.empty() && identified.contains(line.row.words.front()))
+  if (!line.operands.empty() && identified.contains(line.command->words.front()))
     identifier(line.operands.front());
   for (const char* option : {"--game", "--build", "--session"}) {
     const auto found = line.options.find(option);
@@ -237,17 +227,23 @@ bool is_maintenance(const Words& args) {
 
 bool cli_option_has_value(std::string_view word) { return values.contains(word); }
 
-void validate_cli_command(const Words& args) {
-  if (is_maintenance(args)) return;
-  const auto row = std::find_if(grammar.begin(), grammar.end(), [&](const Grammar& candidate) {
+const std::vector<CliCommand>& cli_commands() { return grammar; }
+
+CliLine read_cli_command(const Words& args) {
+  const auto row = std::find_if(grammar.begin(), grammar.end(), [&](const CliCommand& candidate) {
     return starts_with(args, candidate.words);
   });
   require(row != grammar.end(), "usage", "Unknown command; run tavro --help");
-  const Line line = read_line(*row, args);
+  Line line = read_line(*row, args);
   check_operands(line);
   check_consent(line);
   check_command(line);
   check_identifiers(line);
+  return line;
+}
+
+void validate_cli_command(const Words& args) {
+  if (!is_maintenance(args)) read_cli_command(args);
 }
 
 }  // namespace tavro

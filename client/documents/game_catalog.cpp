@@ -36,6 +36,8 @@ CatalogBuild read_build(const json& value, const std::string& expected_target) {
           [&] { return "The game catalogue names another manifest than " + expected_target; });
   build.manifest_sha256 = sha256(manifest.at("sha256"));
   build.manifest_length = bounded_length(manifest.at("length"), kMaxGameManifestBytes);
+  if (const json* lock = find_member(value, "locked"))
+    build.unlock_sha256 = sha256(lock->at("code_sha256"));
   return build;
 }
 
@@ -114,7 +116,7 @@ json GameCatalog::to_json() const {
   json listed = json::array();
   for (const auto& [id, game] : games) {
     json channels = json::object();
-    for (const auto& [name, build] : game.channels)
+    for (const auto& [name, build] : game.channels) {
       channels[name] = {{"build_id", build.build_id},
                         {"download_length", build.download_length},
                         {"installed_length", build.installed_length},
@@ -122,6 +124,9 @@ json GameCatalog::to_json() const {
                          {{"target", game_manifest_target(id, platform, name)},
                           {"sha256", build.manifest_sha256},
                           {"length", build.manifest_length}}}};
+      if (!build.unlock_sha256.empty())
+        channels[name]["locked"] = {{"code_sha256", build.unlock_sha256}};
+    }
     listed.push_back(
         {{"game_id", id}, {"display_name", game.display_name}, {"channels", std::move(channels)}});
   }

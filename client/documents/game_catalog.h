@@ -46,6 +46,9 @@ struct CatalogBuild {
   /// SHA-256 of the bytes of the manifest, and how many there are.
   std::string manifest_sha256;
   std::uint64_t manifest_length = 0;
+  /// SHA-256 of the code that opens the channel to a player; empty for an open channel. A lock
+  /// keeps players out by courtesy alone: the build is public to whoever knows its target.
+  std::string unlock_sha256 = {};
 
   bool operator==(const CatalogBuild&) const = default;
 };

@@ -67,16 +67,16 @@ struct RepositoryClient::Impl {
   TufClient tuf;
 
   Impl(const DataPaths& paths, const RepositoryRecord& record,
-       const std::shared_ptr<HttpsBudget>& budget)
+       const std::shared_ptr<HttpsBudget>& budget, unsigned long long download_limit)
       : metadata(record.origin + "/tuf/metadata/", record.ca_bundle, 0, budget),
-        targets(record.origin + "/tuf/targets/", record.ca_bundle, 0, budget),
+        targets(record.origin + "/tuf/targets/", record.ca_bundle, download_limit, budget),
         tuf(open_trust(paths, metadata, targets)) {}
 };
 
-RepositoryClient::RepositoryClient(const fs::path& root,
-                                   const std::shared_ptr<HttpsBudget>& budget) {
+RepositoryClient::RepositoryClient(const fs::path& root, const std::shared_ptr<HttpsBudget>& budget,
+                                   unsigned long long download_limit) {
   const DataPaths paths(data_folder(root));
-  impl_ = std::make_unique<Impl>(paths, record_of(paths), budget);
+  impl_ = std::make_unique<Impl>(paths, record_of(paths), budget, download_limit);
 }
 
 RepositoryClient::~RepositoryClient() = default;

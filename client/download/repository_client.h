@@ -31,12 +31,14 @@ struct RepositoryRecord {
 class RepositoryClient {
  public:
   /// Reads the record and opens the trust folder; sends nothing. `budget` (may be null) bounds all
-  /// requests of a check in passing. Throws `native_install_incomplete` while setup has not
+  /// requests of a check in passing, `download_limit` (in bytes per second, 0 for none) each
+  /// download. Throws `native_install_incomplete` while setup has not
   /// finished in the folder, `not_installed` without a record, `busy` while another client has the
   /// trust folder, the codes of `RepositoryRecord::parse`, and what `HttpsTransport` and
   /// `TufClient` throw.
   explicit RepositoryClient(const std::filesystem::path& root,
-                            const std::shared_ptr<HttpsBudget>& budget = nullptr);
+                            const std::shared_ptr<HttpsBudget>& budget = nullptr,
+                            unsigned long long download_limit = 0);
   RepositoryClient(const RepositoryClient&) = delete;
   RepositoryClient& operator=(const RepositoryClient&) = delete;
   ~RepositoryClient();

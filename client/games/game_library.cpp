@@ -7,6 +7,7 @@
 #include "domain/error.h"
 #include "domain/identifier.h"
 #include "domain/input.h"
+#include "games/channel_unlock.h"
 #include "games/game_release.h"
 #include "installation/data_folder.h"
 #include "platform/files/safe_path.h"
@@ -91,7 +92,9 @@ GameRelease GameLibrary::release(std::string_view game_id, TufClient& tuf,
   validate_game_channel(channel);
   GameRelease newest = offers.release(id, channel);
   try {
-    require_as_listed(offers.catalog(), channel, newest);
+    const GameCatalog catalog = offers.catalog();
+    UnlockedChannels(root_).require_open(catalog, id, channel);
+    require_as_listed(catalog, channel, newest);
   } catch (const Error& error) {
     if (error.code != "catalog_not_published") throw;
   }
@@ -203,6 +206,16 @@ GameChange GameLibrary::roll_back(std::string_view game_id, const GameProgress& 
   std::swap(record.active, record.previous);
   game.save();
   return {.build_id = record.active->build_id, .active = true, .staged = false, .changed = true};
+}
+
+void GameLibrary::forget_previous(std::string_view game_id) const {
+  GameWriter game = owner(game_id);
+  GameRecord& record = game.record;
+  if (!record.previous || record.retired.size() >= kMaxRetiredVersions) return;
+  record.retired.push_back(*record.previous);
+  record.previous.reset();
+  game.save();
+  game.sweep(false);
 }
 
 void GameLibrary::set_channel(std::string_view game_id, const std::string& channel) const {

@@ -74,7 +74,8 @@ struct GameUpdate {
 ///
 /// All operations throw `invalid_identity` for what is no identifier, and the codes of the record
 /// and of the stored manifest (see game_store.h); those that change a game also those of
-/// game_install.h.
+/// game_install.h; those that look for a channel's newest build `channel_locked` for one that the
+/// catalogue locks and the player has not opened (see channel_unlock.h).
 class GameLibrary {
  public:
   /// Touches nothing. Throws `unsafe_path` and `native_install_incomplete`.
@@ -113,6 +114,9 @@ class GameLibrary {
   /// build that was active is put off until another one comes. Throws `no_previous_build`,
   /// `content_mismatch`, `game_running`.
   GameChange roll_back(std::string_view game_id, const GameProgress& progress) const;
+
+  /// Gives the way back up: takes the previous build away as soon as nothing runs from it.
+  void forget_previous(std::string_view game_id) const;
 
   void set_channel(std::string_view game_id, const std::string& channel) const;
   /// Puts a build off until that time, in seconds since 1970; 0 until another build comes. An empty

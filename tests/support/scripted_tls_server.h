@@ -9,6 +9,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -52,6 +53,11 @@ class ScriptedTlsServer {
   void say_to_ranges(const std::string& answer) {
     const std::scoped_lock lock(mutex_);
     range_answer_ = answer;
+  }
+  /// What the next requests get, one each, before all others get what `say` said.
+  void say_first(std::deque<std::string> answers) {
+    const std::scoped_lock lock(mutex_);
+    first_answers_ = std::move(answers);
   }
   /// The requests so far, head and body as they came.
   std::vector<std::string> requests() const {
@@ -134,7 +140,11 @@ class ScriptedTlsServer {
         const std::scoped_lock lock(mutex_);
         requests_.push_back(request);
         const bool other = !range_answer_.empty() && request.find("\r\nRange: ") != request.npos;
-        const std::string& answer = other ? range_answer_ : answer_;
+        std::string answer = other ? range_answer_ : answer_;
+        if (!first_answers_.empty()) {
+          answer = first_answers_.front();
+          first_answers_.pop_front();
+        }
         SSL_write(session.get(), answer.data(), static_cast<int>(answer.size()));
       }
       if (stall_) read_request(session.get());
@@ -146,6 +156,7 @@ class ScriptedTlsServer {
   std::atomic<bool> stall_ = false;
   UniqueFd listener_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   std::string port_, answer_, range_answer_;
+  std::deque<std::string> first_answers_;
   std::filesystem::path bundle_;
   mutable std::mutex mutex_;
   std::vector<std::string> requests_;
