@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 /// A private folder for one check; gone afterwards.
 class Scratch {
  public:
-  Scratch() : path_(fs::temp_directory_path() / ("tavro-check-" + random_id())) {
+  explicit Scratch(const fs::path& place) : path_(place / ("tavro-check-" + random_id())) {
     private_directory(path_);
   }
   Scratch(Scratch&&) = delete;
@@ -108,7 +108,7 @@ class Downloads {
 
 json check_repository(const CheckRequest& request, Transport& metadata, Transport& targets,
                       const Progress& progress) {
-  const Scratch scratch;
+  const Scratch scratch(fs::temp_directory_path());
   const fs::path trust = scratch.path() / "trust";
   TufClient::initialize(trust, read_file(request.root, client_limits.root_bytes));
   TufClient client(trust, metadata, targets, client_limits, std::chrono::system_clock::now);
@@ -122,11 +122,15 @@ json check_repository(const CheckRequest& request, Transport& metadata, Transpor
                      {"hashes", description.at("hashes")}});
     if (request.download) downloads.bring_in(found.back(), progress);
   }
+  json document = {{"url", request.url}, {"targets", std::move(found)}};
+  if (request.games) {
+    const Scratch work(request.folder.empty() ? scratch.path() : request.folder);
+    document["games"] = check_games(client, work.path(), progress, request.told);
+  }
   json roles = proved_roles(trust);
-  return {{"url", request.url},
-          {"trusted_until", earliest_expiry(roles)},
-          {"roles", std::move(roles)},
-          {"targets", std::move(found)}};
+  document["trusted_until"] = earliest_expiry(roles);
+  document["roles"] = std::move(roles);
+  return document;
 }
 
 json check_repository(const CheckRequest& request, const Progress& progress) {

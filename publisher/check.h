@@ -6,6 +6,7 @@
 
 #include "domain/json.h"
 #include "domain/progress.h"
+#include "publisher/check_games.h"
 #include "transport/transport.h"
 
 namespace tavro {
@@ -19,13 +20,17 @@ struct CheckRequest {
   /// Where downloads stay, below `targets`, and go on when an earlier run was stopped. Empty: they
   /// are removed once they are verified.
   std::filesystem::path folder{};
+  /// Prove all games, too; a folder is then also where the room for the largest one is found.
+  bool games = false;
+  GameTold told{};
 };
 
 /// Looks at a repository as a client does that trusts nothing but this root, with the client's own
 /// code, and keeps nothing but what `folder` asks for. The result has `url`, `trusted_until`,
 /// `roles` (`version` and `expires` of each role that was proved) and `targets` (`path`, `length`
 /// and `hashes` of each; of a download into `folder` also `file`, and `at_hand`, the bytes that
-/// were there before). Every failure is the client's; `busy` while another check has the folder.
+/// were there before), and for `games` that of `check_games`. Every failure is the client's; `busy`
+/// while another check has the folder.
 json check_repository(const CheckRequest& request, const Progress& progress);
 
 /// The same over other transports, to the metadata and to the targets; `url` and `ca_bundle` are

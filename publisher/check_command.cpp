@@ -1,3 +1,5 @@
+#include <set>
+
 #include "domain/error.h"
 #include "publisher/check.h"
 #include "publisher/commands.h"
@@ -16,14 +18,38 @@ std::string told(const json& target, bool downloaded) {
   return at_hand == 0 ? text : text + ", with " + at_hand.dump() + " bytes at hand before";
 }
 
+/// Of all builds, as a part of the sentence. Throws `games_failed` if one of them is not as it must
+/// be.
+std::string games_told(const json& games) {
+  std::size_t failed = 0;
+  std::string first;
+  std::set<std::string> ids;
+  for (const json& build : games) {
+    ids.insert(build.value("game_id", ""));
+    if (!build.contains("problem")) continue;
+    if (failed++ == 0)
+      first = build.value("game_id", "the catalogue") + " (" +
+              build.at("problem").at("code").get<std::string>() + ")";
+  }
+  require(failed == 0, "games_failed", [&] {
+    return "Of " + std::to_string(games.size()) + " builds " + std::to_string(failed) +
+           " cannot be installed, the first of them " + first;
+  });
+  return std::to_string(games.size()) + " builds of " + std::to_string(ids.size()) +
+         " games can be installed";
+}
+
 CommandResult check(const Arguments& arguments, const CommandContext& context) {
   const CheckRequest request{.url = arguments.value("URL"),
                              .root = path_option(arguments, "--root"),
                              .ca_bundle = path_option(arguments, "--ca-bundle"),
                              .targets = arguments.values("--target"),
                              .download = arguments.has("--download"),
-                             .folder = path_option(arguments, "--folder")};
-  require(request.download || request.folder.empty(), "usage", "--folder needs --download");
+                             .folder = path_option(arguments, "--folder"),
+                             .games = arguments.has("--games"),
+                             .told = [&](const std::string& line) { context.phase(line); }};
+  require(request.download || request.games || request.folder.empty(), "usage",
+          "--folder needs --download or --games");
   json document = check_repository(request, context.phase("Checking…"));
   std::string sentence = "A client trusts " + request.url + " until " +
                          document.at("trusted_until").get<std::string>() + ":";
@@ -34,6 +60,7 @@ CommandResult check(const Arguments& arguments, const CommandContext& context) {
   }
   for (const json& target : document.at("targets"))
     sentence += "; " + told(target, request.download);
+  if (request.games) sentence += "; " + games_told(document.at("games"));
   return {sentence + '.', std::move(document)};
 }
 
@@ -48,6 +75,8 @@ std::vector<PublishCommand> check_commands() {
         {"--ca-bundle", "FILE", "Certificates to trust (PEM); the system's unless given"},
         {"--target", "PATH", "Look this target up, too", OptionUse::repeated},
         {"--download", "", "Download the targets and verify their bytes", OptionUse::flag},
+        {"--games", "", "Prove every build of the game catalogues as an install does",
+         OptionUse::flag},
         {"--folder", "DIR", "Keep downloads here; a stopped one goes on when run again"}},
        check},
   };

@@ -16,7 +16,7 @@ constexpr std::size_t max_role_name = 100;
 
 json delegation_record(const Delegation& delegation) {
   require(delegation.paths.empty() != delegation.hash_prefixes.empty(), "usage",
-          "Choose what is delegated with either --path or --hash-prefix");
+          "Choose what is delegated with either --game and --path, or --hash-prefix");
   json record = authority_record(delegation.keys);
   const std::size_t keys = record.at("keyids").size();
   require(delegation.keys.threshold <= keys, "invalid_threshold", [&] {

@@ -8,6 +8,8 @@
 #include "domain/json_fields.h"
 #include "platform/files/safe_path.h"
 #include "publisher/commands.h"
+#include "publisher/publishing.h"
+#include "publisher/release.h"
 
 namespace tavro {
 namespace {
@@ -67,6 +69,7 @@ json manifest_members(const fs::path& folder, const json& described) {
 ReleaseRequest request_of(const Arguments& arguments) {
   const fs::path folder = path_option(arguments, "DIR");
   ReleaseRequest request = packing_request(arguments, ReleaseKind::game);
+  request.encrypt = arguments.has("--encrypt");
   request.folder = folder / game_files;
   const json described =
       parse_json(read_file(folder / game_description, description_bytes), description_bytes);
@@ -78,37 +81,69 @@ ReleaseRequest request_of(const Arguments& arguments) {
   read_fields("invalid_game", "game.json has missing or malformed fields", [&] {
     request.game = manifest_members(folder, described);
     request.identity.executable = described.at("executable").get<std::string>();
-    // Builds of several games may lie in one repository.
+    // Beside its manifests, so that one delegation covers all of a game.
     if (request.identity.archive_target.empty())
-      request.identity.archive_target = "game-" + text_member(described, "game_id") + '-' +
-                                        request.identity.platform + '-' +
+      request.identity.archive_target = "games/" + text_member(described, "game_id") + '/' +
+                                        request.identity.platform + '/' +
                                         request.identity.build_id + ".tar.zst";
   });
   return request;
 }
 
+Release packed(const Arguments& arguments, const CommandContext& context) {
+  return make_release(request_of(arguments), context.phase("Packing…"));
+}
+
+GameManifest manifest_of(const Release& release) {
+  return GameManifest::parse(parse_json(release.manifest_bytes, release.manifest_bytes.size()));
+}
+
 CommandResult make_game(const Arguments& arguments, const CommandContext& context) {
-  const ReleaseRequest request = request_of(arguments);
-  const Release release = make_release(request, context.phase("Packing…"));
-  const GameManifest game =
-      GameManifest::parse(parse_json(release.manifest_bytes, release.manifest_bytes.size()));
+  const Release release = packed(arguments, context);
+  const GameManifest game = manifest_of(release);
   return {"Packed " + game.display_name + " (" + game.game_id + ") " + game.build_id + " in " +
               path_utf8(release.manifest.parent_path()) + ".",
           {{"game_id", game.game_id},
            {"build_id", game.build_id},
            {"manifest", path_utf8(release.manifest)},
-           {"archive", path_utf8(release.archive)},
+           {"archive", path_utf8(release.archive.file)},
            {"presentation", game.presentation.summary()}}};
+}
+
+CommandResult release_game(const Arguments& arguments, const CommandContext& context) {
+  const Release release = packed(arguments, context);
+  const GameManifest game = manifest_of(release);
+  CommandResult result = publish_release(arguments, context, release.manifest.parent_path());
+  result.document.update({{"game_id", game.game_id},
+                          {"build_id", game.build_id},
+                          {"manifest_sha256", digest(release.manifest_bytes, "sha256")}});
+  return result;
+}
+
+std::vector<OptionRule> game_options() {
+  std::vector<OptionRule> options = packing_options(
+      {{"--encrypt", "", "Encrypt the archive under a key of its own", OptionUse::flag}});
+  options.insert(options.begin(),
+                 {"DIR", "", "The folder of game.json, what that names, and the build in \"files\"",
+                  OptionUse::required});
+  return options;
+}
+
+std::vector<OptionRule> release_options() {
+  std::vector<OptionRule> options = game_options();
+  for (const OptionRule& rule : {channel_rule, hold_key_rule, delegator_rule})
+    options.push_back(rule);
+  return signing_options(std::move(options));
 }
 
 }  // namespace
 
 std::vector<PublishCommand> game_commands() {
-  std::vector<OptionRule> options = packing_options({});
-  options.insert(options.begin(),
-                 {"DIR", "", "The folder of game.json, what that names, and the build in \"files\"",
-                  OptionUse::required});
-  return {{"game", "Pack a game with what its players see of it", std::move(options), make_game}};
+  return {
+      {"game", "Pack a game with what its players see of it", game_options(), make_game},
+      {"release game", "Pack a game and publish it as the newest build of a channel",
+       release_options(), release_game},
+  };
 }
 
 }  // namespace tavro

@@ -38,9 +38,9 @@ class Planner {
 
   /// A release brings its manifest and its archive; the manifest is the entry.
   json release(const Release& release) {
-    const std::string archive = path_utf8(release.archive.filename());
+    const std::string archive = path_utf8(release.archive.file.filename());
     take(archive);
-    plan_.archives[archive] = release.archive;
+    plan_.archives[archive] = release.archive.file;
     return document(path_utf8(release.manifest.filename()), release.manifest_bytes);
   }
 

@@ -160,6 +160,19 @@ json Publication::put_target(const fs::path& source,
                              const Progress& progress) {
   OutputFile file(staging_ / incoming);
   const std::string sha256 = copy_hashed(source, file, progress);
+  return take(file, sha256, name_of);
+}
+
+json Publication::put_target(std::string_view bytes,
+                             const std::function<std::string(const std::string& sha256)>& name_of) {
+  OutputFile file(staging_ / incoming);
+  file.write(bytes);
+  return take(file, digest(bytes, "sha256"), name_of);
+}
+
+/// Gives what was written the name of its target.
+json Publication::take(OutputFile& file, const std::string& sha256,
+                       const std::function<std::string(const std::string& sha256)>& name_of) {
   json description = {{"length", file.written()}, {"hashes", {{"sha256", sha256}}}};
   const std::string name = name_of(sha256);
   if (names_.erase(name) == 1 && system_calls().unlink((staging_ / name).c_str()) != 0)
@@ -173,6 +186,10 @@ json Publication::put_target(const fs::path& source,
     names_.insert(name);
   }
   return description;
+}
+
+std::string Publication::read(const std::string& name, unsigned long long max_bytes) const {
+  return read_file((names_.contains(name) ? staging_ : served_) / name, max_bytes);
 }
 
 /// Whether clients that see nothing else of the change would see this file.

@@ -14,6 +14,8 @@
 
 namespace tavro {
 
+class OutputFile;
+
 /// The folder of a repository that a server shows, and what clients look for in it.
 inline constexpr std::string_view served_folder = "public";
 inline constexpr std::string_view metadata_folder = "tuf/metadata";
@@ -60,6 +62,13 @@ class Publication {
                   const std::function<std::string(const std::string& sha256)>& name_of,
                   const Progress& progress);
 
+  /// The same for a target that is made here, without a file of its own.
+  json put_target(std::string_view bytes,
+                  const std::function<std::string(const std::string& sha256)>& name_of);
+
+  /// The content that will stand under this name once the change shows. Throws as `read_file`.
+  std::string read(const std::string& name, unsigned long long max_bytes) const;
+
   /// Makes the change durable and shows it. After a failure of the very last sync it may show
   /// already: read the repository again. Throws `file_write`, `file_sync`, `insufficient_space`;
   /// `target_conflict` when a file that is served no longer by right is in the way of a folder, or
@@ -67,6 +76,8 @@ class Publication {
   void commit();
 
  private:
+  json take(OutputFile& file, const std::string& sha256,
+            const std::function<std::string(const std::string& sha256)>& name_of);
   bool shows(const std::string& name) const;
   void move_in(const std::string& last);
   void exchange();

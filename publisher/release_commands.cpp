@@ -49,7 +49,7 @@ CommandResult make(const ReleaseRequest& request, std::string_view what,
               path_utf8(release.manifest.parent_path()) + ".",
           {{"build_id", release.build_id},
            {"manifest", path_utf8(release.manifest)},
-           {"archive", path_utf8(release.archive)}}};
+           {"archive", path_utf8(release.archive.file)}}};
 }
 
 CommandResult make_archive(const Arguments& arguments, const CommandContext& context) {

@@ -63,6 +63,13 @@ void require_portable(const std::string& path) {
   }
 }
 
+std::string listed_sha256(const std::string& path, const json& description) {
+  const json& hashes = description.at("hashes");
+  require(hashes.contains("sha256"), "invalid_hashes",
+          [&] { return "The repository lists no SHA-256 of " + path; });
+  return hashes.at("sha256").get<std::string>();
+}
+
 void make_served_folders(const fs::path& repository) {
   fs::path folder = repository;
   for (const char* name : {"public", "tuf", "metadata"})
@@ -134,20 +141,44 @@ void Repository::require_no_conflict(const std::string& role, const std::string&
   }
 }
 
+/// The name of new content of a path, if the role may have it.
+std::string Repository::served_name(const std::string& role, const std::string& path,
+                                    const std::string& sha256) {
+  require_no_conflict(role, path, {{"sha256", sha256}});
+  std::string name = target_name(state_, path, sha256);
+  require_portable(name);
+  return name;
+}
+
 std::string Repository::put_target(const std::string& role, const std::string& path,
                                    const fs::path& file, const Progress& progress) {
   require_portable(path);
   json& body = role_body(role);
   require_delegated(state_, role, path);
-  const auto name_of = [&](const std::string& sha256) {
-    require_no_conflict(role, path, {{"sha256", sha256}});
-    std::string name = target_name(state_, path, sha256);
-    require_portable(name);
-    return name;
-  };
-  const json description = publication_.put_target(file, name_of, progress);
+  const json description = publication_.put_target(
+      file, [&](const std::string& sha256) { return served_name(role, path, sha256); }, progress);
   body["targets"][path] = description;
   return description.at("hashes").at("sha256");
+}
+
+void Repository::put_target(const std::string& role, const std::string& path,
+                            std::string_view bytes) {
+  require_portable(path);
+  json& body = role_body(role);
+  require_delegated(state_, role, path);
+  body["targets"][path] = publication_.put_target(
+      bytes, [&](const std::string& sha256) { return served_name(role, path, sha256); });
+}
+
+std::string Repository::read_target(const std::string& path, unsigned long long max_bytes) const {
+  const std::optional<ListedTarget> listed = look_up(state_, path);
+  require(listed.has_value(), "target_not_found",
+          [&] { return "The repository lists no target " + path; });
+  const std::string sha256 = listed_sha256(path, listed->description);
+  std::string bytes = publication_.read(target_name(state_, path, sha256), max_bytes);
+  require(digest(bytes, "sha256") == sha256, "content_mismatch",
+          [&] { return "The repository serves other content than it lists: " + path; });
+  return bytes;
 }
 
 void Repository::remove_target(const std::string& role, const std::string& path) {

@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "domain/progress.h"
 #include "domain/unique_fd.h"
@@ -38,6 +39,12 @@ class Repository {
   /// `Publication::put_target`.
   std::string put_target(const std::string& role, const std::string& path,
                          const std::filesystem::path& file, const Progress& progress);
+  /// The same for a target that is made here.
+  void put_target(const std::string& role, const std::string& path, std::string_view bytes);
+  /// The content that a client would get of a target path that `look_up` finds, with what has
+  /// changed so far. Throws `size_limit` for a larger one, `content_mismatch` when it is not what
+  /// is listed, and as `read_file`.
+  std::string read_target(const std::string& path, unsigned long long max_bytes) const;
   /// The bytes stay for clients that have the old metadata, until `prune`. `target_not_found`.
   void remove_target(const std::string& role, const std::string& path);
 
@@ -69,6 +76,8 @@ class Repository {
  private:
   Repository(const std::filesystem::path& folder, RepositoryState state);
   json& role_body(const std::string& role);
+  std::string served_name(const std::string& role, const std::string& path,
+                          const std::string& sha256);
   void require_no_conflict(const std::string& role, const std::string& path, const json& hashes);
   void publish_root(Signers& signers);
   void publish_role(const std::string& role, Signers& signers, const std::string& expires);

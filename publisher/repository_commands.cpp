@@ -1,77 +1,17 @@
+#include <algorithm>
+#include <iterator>
 #include <set>
 
-#include "domain/crypto.h"
 #include "domain/error.h"
+#include "domain/identifier.h"
 #include "domain/input.h"
 #include "publisher/commands.h"
-#include "publisher/release.h"
-#include "publisher/repository.h"
+#include "publisher/game_catalogs.h"
+#include "publisher/publishing.h"
 #include "tuf/client_limits.h"
-#include "tuf/metadata.h"
 
 namespace tavro {
 namespace {
-
-constexpr unsigned long long targets_days = 365;
-constexpr unsigned long long snapshot_days = 30;
-constexpr unsigned long long timestamp_days = 7;
-
-std::filesystem::path repository_path(const Arguments& arguments) {
-  return path_option(arguments, "--repository");
-}
-
-Signers signers_of(const Arguments& arguments) {
-  const std::vector<std::string>& files = arguments.values("--key");
-  require(!files.empty(), "usage", "Choose a key to sign with: --key FILE");
-  std::vector<SigningKey> keys;
-  for (const std::string& file : files) keys.push_back(SigningKey::load(path_from_utf8(file)));
-  return Signers(std::move(keys));
-}
-
-RepositoryExpiry expiry_of(const Arguments& arguments) {
-  const auto in_days = [&](std::string_view option, unsigned long long fallback) {
-    return expiry_in_days(static_cast<unsigned>(arguments.number(option, 1, most_days, fallback)));
-  };
-  return {.targets = in_days("--targets-days", targets_days),
-          .snapshot = in_days("--snapshot-days", snapshot_days),
-          .timestamp = in_days("--timestamp-days", timestamp_days)};
-}
-
-std::string role_of(const Arguments& arguments) {
-  return arguments.has("--role") ? arguments.value("--role") : "targets";
-}
-
-/// What the repository says now.
-CommandResult told(const RepositoryState& state, const std::filesystem::path& path) {
-  json roles;
-  std::string list, until, first;
-  const auto add = [&](const std::string& role, const json& body) {
-    const auto expires = body.at("expires").get<std::string>();
-    roles[role] = {{"version", body.at("version")}, {"expires", expires}};
-    list += (list.empty() ? "" : ", ") + role + ' ' + body.at("version").dump();
-    if (!until.empty() && parse_tuf_time(until) <= parse_tuf_time(expires)) return;
-    until = expires;
-    first = role;
-  };
-  add("root", state.root);
-  add("timestamp", state.timestamp);
-  add("snapshot", state.snapshot);
-  for (const auto& [role, body] : state.roles) add(role, body);
-  return {"Published " + list + " in " + path_utf8(path) + "; " + first + " expires first, at " +
-              until + ".",
-          {{"path", path_utf8(path)}, {"roles", std::move(roles)}, {"trusted_until", until}}};
-}
-
-/// Opens the repository, lets `change` collect, and publishes.
-template <typename Change>
-CommandResult published(const Arguments& arguments, Change&& change) {
-  Signers signers = signers_of(arguments);
-  const RepositoryExpiry expiry = expiry_of(arguments);
-  Repository repository(repository_path(arguments));
-  change(repository);
-  repository.publish(signers, expiry);
-  return told(repository.state(), repository_path(arguments));
-}
 
 CommandResult new_repository(const Arguments& arguments, const CommandContext&) {
   Signers signers = signers_of(arguments);
@@ -80,52 +20,31 @@ CommandResult new_repository(const Arguments& arguments, const CommandContext&) 
   return told(Repository::create(place, root, signers, expiry_of(arguments)), place);
 }
 
-struct ChosenTarget {
-  std::string path;
-  std::filesystem::path file;
-  std::string sha256;  ///< empty for any content
-};
-
-/// The two files of a release, under their own target paths.
-void choose_release(std::vector<ChosenTarget>& chosen, const std::filesystem::path& folder) {
-  const Release release = read_client_release(folder);
-  chosen.push_back({path_utf8(release.manifest.filename()), release.manifest,
-                    digest(release.manifest_bytes, "sha256")});
-  chosen.push_back({release.archive_target, release.archive, release.archive_sha256});
+/// "PATH=FILE".
+ChosenTarget chosen_target(const std::string& text) {
+  const std::size_t equals = text.find('=');
+  require(equals != std::string::npos, "usage",
+          [&] { return "A target is given as PATH=FILE: " + text; });
+  ChosenTarget target{text.substr(0, equals), path_from_utf8(text.substr(equals + 1)), {}};
+  require(!is_game_catalog(target.path), "usage",
+          "A game catalogue follows from the games; repository catalog makes it anew");
+  return target;
 }
 
 /// "PATH=FILE", or releases.
 std::vector<ChosenTarget> chosen_targets(const Arguments& arguments) {
   std::vector<ChosenTarget> chosen;
-  for (const std::string& text : arguments.values("--target")) {
-    const std::size_t equals = text.find('=');
-    require(equals != std::string::npos, "usage",
-            [&] { return "A target is given as PATH=FILE: " + text; });
-    chosen.push_back({text.substr(0, equals), path_from_utf8(text.substr(equals + 1)), {}});
-  }
+  for (const std::string& text : arguments.values("--target"))
+    chosen.push_back(chosen_target(text));
   for (const std::string& folder : arguments.values("--release"))
-    choose_release(chosen, path_from_utf8(folder));
+    std::ranges::move(release_targets(arguments, path_from_utf8(folder)),
+                      std::back_inserter(chosen));
   require(!chosen.empty(), "usage", "Choose what to add with --target PATH=FILE or --release DIR");
   std::set<std::string> paths;
   for (const ChosenTarget& target : chosen)
     require(paths.insert(target.path).second, "usage",
             [&] { return "Target was given twice: " + target.path; });
   return chosen;
-}
-
-CommandResult publish_targets(const Arguments& arguments, const CommandContext& context,
-                              const std::vector<ChosenTarget>& chosen) {
-  return published(arguments, [&](Repository& repository) {
-    const Progress progress = context.phase("Copying…");
-    for (const ChosenTarget& target : chosen) {
-      const std::string sha256 =
-          repository.put_target(role_of(arguments), target.path, target.file, progress);
-      // A manifest and an archive that differ would only show on the machines of users.
-      require(target.sha256.empty() || target.sha256 == sha256, "content_mismatch", [&] {
-        return "The release has changed since it was made: " + path_utf8(target.file);
-      });
-    }
-  });
 }
 
 CommandResult add_targets(const Arguments& arguments, const CommandContext& context) {
@@ -135,7 +54,7 @@ CommandResult add_targets(const Arguments& arguments, const CommandContext& cont
 CommandResult remove_targets(const Arguments& arguments, const CommandContext&) {
   const std::vector<std::string>& paths = arguments.values("--target");
   require(!paths.empty(), "usage", "Choose what to remove with --target PATH");
-  return published(arguments, [&](Repository& repository) {
+  return publish_change(arguments, GameCatalogs::kept_true, [&](Repository& repository) {
     for (const std::string& path : paths) repository.remove_target(role_of(arguments), path);
   });
 }
@@ -149,6 +68,12 @@ RoleKeys keys_of(const Arguments& arguments, const std::string& option,
   return keys;
 }
 
+/// All that is published of a game. A `*` does not cross a `/`, and clients look one folder deeper.
+std::vector<std::string> game_patterns(const std::string& game) {
+  validate_identifier(game);
+  return {"games/" + game + "/*", "games/" + game + "/*/*"};
+}
+
 CommandResult delegate(const Arguments& arguments, const CommandContext&) {
   Delegation delegation{.name = arguments.value("--name"),
                         .keys = keys_of(arguments, "--role-key", "--threshold", {}),
@@ -157,19 +82,23 @@ CommandResult delegate(const Arguments& arguments, const CommandContext&) {
                         .terminating = arguments.has("--terminating")};
   require(!delegation.keys.records.empty(), "usage",
           "Choose who signs for the role with --role-key FILE");
-  return published(arguments, [&](Repository& repository) {
+  for (const std::string& game : arguments.values("--game"))
+    std::ranges::move(game_patterns(game), std::back_inserter(delegation.paths));
+  // What clients find may follow from the order of roles, and what they find makes a catalogue.
+  return publish_change(arguments, GameCatalogs::kept_true, [&](Repository& repository) {
     repository.delegate(role_of(arguments), delegation);
   });
 }
 
 CommandResult undelegate(const Arguments& arguments, const CommandContext&) {
-  return published(
-      arguments, [&](Repository& repository) { repository.undelegate(arguments.value("--name")); });
+  return publish_change(arguments, GameCatalogs::kept_true, [&](Repository& repository) {
+    repository.undelegate(arguments.value("--name"));
+  });
 }
 
 CommandResult rotate(const Arguments& arguments, const CommandContext&) {
   const std::string expires = root_expiry(arguments);
-  return published(arguments, [&](Repository& repository) {
+  return publish_change(arguments, GameCatalogs::untouched, [&](Repository& repository) {
     RootRequest request = root_request(repository.state().root);
     request.expires = expires;
     const auto change = [&](const std::string& role, RoleKeys& keys) {
@@ -186,13 +115,14 @@ CommandResult rotate(const Arguments& arguments, const CommandContext&) {
 CommandResult renew(const Arguments& arguments, const CommandContext&) {
   const std::vector<std::string>& roles = arguments.values("--role");
   require(!roles.empty(), "usage", "Choose what to sign again with --role NAME");
-  return published(arguments, [&](Repository& repository) {
+  return publish_change(arguments, GameCatalogs::untouched, [&](Repository& repository) {
     for (const std::string& role : roles) repository.renew(role);
   });
 }
 
 CommandResult refresh_timestamp(const Arguments& arguments, const CommandContext&) {
-  return published(arguments, [](Repository& repository) { repository.renew("timestamp"); });
+  return publish_change(arguments, GameCatalogs::untouched,
+                        [](Repository& repository) { repository.renew("timestamp"); });
 }
 
 CommandResult prune(const Arguments& arguments, const CommandContext&) {
@@ -202,14 +132,6 @@ CommandResult prune(const Arguments& arguments, const CommandContext&) {
       "Removed " + std::to_string(removed) + " files that " + path_utf8(path) + " no longer names.",
       {{"path", path_utf8(path)}, {"removed", removed}}};
 }
-
-const OptionRule repository_rule{"--repository", "DIR", "The repository", OptionUse::required};
-const OptionRule key_rule{"--key", "FILE",
-                          "A private key; each document is signed by those that its role lists",
-                          OptionUse::repeated};
-const OptionRule timestamp_days_rule{"--timestamp-days", "N",
-                                     "Days until the timestamp expires; 7"};
-const OptionRule delegator_rule{"--role", "NAME", "The role that lists it; targets unless given"};
 
 std::vector<OptionRule> rotation_options() {
   return signing_options(
@@ -232,28 +154,13 @@ std::vector<OptionRule> delegation_options() {
        {"--role", "NAME", "The role that delegates; targets unless given"},
        {"--role-key", "FILE", "A key of the role, private or public", OptionUse::repeated},
        {"--threshold", "N", "Signatures that the role needs; 1 unless given"},
+       {"--game", "ID", "All of this game, for a studio that signs it", OptionUse::repeated},
        {"--path", "PATTERN", "Target paths, with *, ? and [...]", OptionUse::repeated},
        {"--hash-prefix", "HEX", "Or the beginning of their SHA-256", OptionUse::repeated},
        {"--terminating", "", "What it does not list, no later role may list", OptionUse::flag}});
 }
 
 }  // namespace
-
-std::vector<OptionRule> signing_options(std::vector<OptionRule> own) {
-  own.insert(own.begin(), repository_rule);
-  own.push_back(key_rule);
-  own.push_back({"--targets-days", "N", "Days until what targets roles sign now expires; 365"});
-  own.push_back({"--snapshot-days", "N", "The same for the snapshot; 30"});
-  own.push_back(timestamp_days_rule);
-  return own;
-}
-
-CommandResult publish_release(const Arguments& arguments, const CommandContext& context,
-                              const std::filesystem::path& folder) {
-  std::vector<ChosenTarget> chosen;
-  choose_release(chosen, folder);
-  return publish_targets(arguments, context, chosen);
-}
 
 std::vector<PublishCommand> repository_commands() {
   return {
@@ -263,9 +170,11 @@ std::vector<PublishCommand> repository_commands() {
       {"repository add", "Publish targets",
        signing_options(
            {{"--target", "PATH=FILE", "A target path and its file", OptionUse::repeated},
-            {"--release", "DIR", "A launcher or bootstrap release: its manifest and its archive",
+            {"--release", "DIR", "A launcher, bootstrap or game release: all that it has",
              OptionUse::repeated},
-            delegator_rule}),
+            delegator_rule,
+            channel_rule,
+            hold_key_rule}),
        add_targets},
       {"repository remove", "Withdraw targets",
        signing_options(

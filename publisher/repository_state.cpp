@@ -35,6 +35,30 @@ bool selects(const json& record, std::string_view path) {
   });
 }
 
+/// One look-up: what was visited, and whether a terminating role has ended it.
+struct LookUp {
+  const RepositoryState& state;
+  std::string_view path;
+  std::set<std::string, std::less<>> visited = {};
+  bool ended = false;
+
+  std::optional<ListedTarget> in(const std::string& role) {
+    if (!visited.insert(role).second) return std::nullopt;
+    const json& body = state.roles.at(role);
+    const auto own = body.at("targets").find(path);
+    if (own != body.at("targets").end()) return ListedTarget{role, *own};
+    if (!body.contains("delegations")) return std::nullopt;
+    for (const json& record : body.at("delegations").at("roles")) {
+      if (!selects(record, path)) continue;
+      std::optional<ListedTarget> found = in(record.at("name").get_ref<const std::string&>());
+      if (found || ended) return found;
+      ended = record.at("terminating").get<bool>();
+      if (ended) return std::nullopt;
+    }
+    return std::nullopt;
+  }
+};
+
 struct Document {
   json whole;
   std::string bytes;
@@ -155,6 +179,10 @@ void require_delegated(const RepositoryState& state, std::string_view role, std:
     });
     current = delegator_of(state, current);
   }
+}
+
+std::optional<ListedTarget> look_up(const RepositoryState& state, std::string_view path) {
+  return LookUp{state, path}.in("targets");
 }
 
 std::string root_name(const json& body) {

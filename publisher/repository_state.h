@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -41,6 +42,17 @@ std::string delegator_of(const RepositoryState& state, std::string_view role);
 
 /// Throws `target_not_delegated` unless the delegations down to the role select the path.
 void require_delegated(const RepositoryState& state, std::string_view role, std::string_view path);
+
+/// What a client is told of a target path, and by which role. Valid as long as the state is not
+/// changed.
+struct ListedTarget {
+  std::string role;
+  const json& description;
+};
+
+/// Looks the path up as a client does: depth first in the order of the delegations, those that do
+/// not select it left out, and no further than a terminating one.
+std::optional<ListedTarget> look_up(const RepositoryState& state, std::string_view path);
 
 /// Names below the served folder. A document of another role than root and timestamp, and a target,
 /// have names that depend on the version or the hash where snapshots are consistent. A role whose

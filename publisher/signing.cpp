@@ -38,6 +38,14 @@ void require_signed(const std::string& role, const json& document, const Authori
 
 }  // namespace
 
+bool Signers::can_sign(const Authority& authority) const {
+  const std::set<std::string> listed = ids_of(authority.record);
+  std::set<std::string> at_hand;
+  for (const SigningKey& key : keys_)
+    if (listed.contains(key.id())) at_hand.insert(key.id());
+  return at_hand.size() >= positive_version(authority.record.at("threshold"));
+}
+
 json Signers::sign(const json& body, const std::set<std::string>& ids) {
   std::vector<const SigningKey*> chosen;
   for (const SigningKey& key : keys_)

@@ -17,6 +17,8 @@ class Signers {
 
   /// The document with a signature by each key of the list that is at hand.
   json sign(const json& body, const std::set<std::string>& ids);
+  /// Whether the keys at hand are enough for this authority.
+  bool can_sign(const Authority& authority) const;
   /// Throws `key_unused` when one of the keys has signed nothing: another one was meant.
   void require_all_used() const;
 

@@ -151,20 +151,25 @@ void GameArchive::fetch(TufClient& tuf, GameDownloads& downloads, const GameProg
 
 void GameArchive::extract(const SnapshotManifest& part, const ReservedTree& tree,
                           const GameProgress& progress) const {
-  const Progress counted = [&](auto done, auto total) {
+  extract_game(manifest_, part, archive_file_, key_file_, tree, [&](auto done, auto total) {
     return !progress || progress("unpacking", done, total);
-  };
+  });
+}
+
+void extract_game(const GameManifest& manifest, const SnapshotManifest& part,
+                  const fs::path& archive, const fs::path& key, const ReservedTree& tree,
+                  const Progress& progress) {
   const auto extract_from = [&](auto&& source) {
     with_own_failures(source, [&](auto&& bytes) {
-      extract_snapshot_part(manifest_, part, bytes, tree.root, counted, tree);
+      extract_snapshot_part(manifest, part, bytes, tree.root, progress, tree);
     });
   };
-  if (key_) {
-    EncryptedSource source(archive_file_, key_file_, manifest_);
+  if (is_encrypted_release(manifest)) {
+    EncryptedSource source(archive, key, manifest);
     extract_from([&](char* buffer, std::size_t size) { return source.read(buffer, size); });
     return;
   }
-  const UniqueFd file = open_archive(archive_file_);
+  const UniqueFd file = open_archive(archive);
   extract_from([&](char* buffer, std::size_t size) { return read_block(file, buffer, size); });
 }
 

@@ -61,14 +61,6 @@ unsigned long long blocks_of(const fs::path& path) {
              : 0;
 }
 
-void require_authorized(const json& description, const GameTarget& target) {
-  require(length(description) == target.length &&
-              has_text(description.at("hashes"), "sha256", target.sha256),
-          "content_mismatch", [&] {
-            return "The repository signs another file than the release names: " + target.path;
-          });
-}
-
 void require_room(const fs::path& directory, unsigned long long bytes) {
   const StorageVolume volume = inspect_storage_volume(directory);
   // A volume in memory without a bound tells no capacity.
@@ -79,6 +71,14 @@ void require_room(const fs::path& directory, unsigned long long bytes) {
 }
 
 }  // namespace
+
+void require_authorized(const json& description, const GameTarget& target) {
+  require(length(description) == target.length &&
+              has_text(description.at("hashes"), "sha256", target.sha256),
+          "content_mismatch", [&] {
+            return "The repository signs another file than the release names: " + target.path;
+          });
+}
 
 GameDownloads::GameDownloads(const GameWriter& writer)
     : writer_(writer), entries_(proved(writer.document(writer.paths().download_record))) {}

@@ -18,6 +18,9 @@ struct GameTarget {
   std::string sha256;
 };
 
+/// Throws `content_mismatch` unless the signed description is that of the release.
+void require_authorized(const json& description, const GameTarget& target);
+
 /// The downloads of one game. A document of the game names each file before its first byte is
 /// taken, so that whatever a crash leaves in the folder can be gone on with, or taken away again.
 /// An archive of a game may be larger than what the receipts of the launcher's own downloads admit.

@@ -44,7 +44,10 @@ void drop_partial_files(const fs::path& folder, const std::string& final_name) {
 }  // namespace
 
 GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf)
-    : cache_(data_root / "game-offers"), tuf_(tuf) {}
+    : GameOffers(data_root, tuf, native_platform()) {}
+
+GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, std::string_view platform)
+    : cache_(data_root / "game-offers"), tuf_(tuf), platform_(platform) {}
 
 std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
                               const std::string& meaning, bool keep) {
@@ -75,19 +78,17 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most, std::
 }
 
 GameCatalog GameOffers::catalog() {
-  const std::string platform(native_platform());
   const std::string text =
-      fetch(game_catalog_target(platform), kMaxCatalogBytes, "catalog_not_published",
-            "The repository publishes no games for " + platform, true);
+      fetch(game_catalog_target(platform_), kMaxCatalogBytes, "catalog_not_published",
+            "The repository publishes no games for " + platform_, true);
   GameCatalog catalog = GameCatalog::parse(parse_json(text, kMaxCatalogBytes));
-  require(catalog.platform == platform, "catalog_mismatch",
+  require(catalog.platform == platform_, "catalog_mismatch",
           "The game catalogue is that of another platform");
   return catalog;
 }
 
 GameRelease GameOffers::release(const std::string& game_id, const std::string& name) {
-  const std::string platform(native_platform());
-  const std::string target = game_manifest_target(game_id, platform, name);
+  const std::string target = game_manifest_target(game_id, platform_, name);
   const std::string text =
       fetch(target, kMaxGameManifestBytes, "game_not_published",
             "The repository publishes no such build: " + game_id + ", " + name, false);
@@ -100,7 +101,7 @@ GameRelease GameOffers::release(const std::string& game_id, const std::string& n
                       target};
   require(release.manifest.game_id == game_id, "content_mismatch",
           "The repository's manifest is that of another game");
-  require(release.manifest.platform == platform, "platform_mismatch",
+  require(release.manifest.platform == platform_, "platform_mismatch",
           "The repository's manifest is for another platform");
   release.manifest_ref = manifest_reference(release.manifest);
   return release;
@@ -113,8 +114,7 @@ void require_as_listed(const GameCatalog& catalog, std::string_view channel,
   if (game == catalog.games.end()) return;
   const auto listed = game->second.channels.find(channel);
   if (listed == game->second.channels.end()) return;
-  const bool true_words = game->second.display_name == manifest.display_name &&
-                          listed->second.build_id == manifest.build_id &&
+  const bool true_words = listed->second.build_id == manifest.build_id &&
                           listed->second.manifest_sha256 == release.manifest_sha256 &&
                           listed->second.download_length == game_download_length(manifest) &&
                           listed->second.installed_length == manifest.expanded_length;

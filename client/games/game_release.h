@@ -30,6 +30,8 @@ struct GameRelease {
 class GameOffers {
  public:
   GameOffers(const std::filesystem::path& data_root, TufClient& tuf);
+  /// The same for what is offered to another platform.
+  GameOffers(const std::filesystem::path& data_root, TufClient& tuf, std::string_view platform);
 
   /// Throws `catalog_not_published`, `catalog_mismatch` (for another platform), `size_limit` before
   /// a byte of it is taken, and the codes of `GameCatalog::parse` and of the client.
@@ -46,10 +48,12 @@ class GameOffers {
 
   std::filesystem::path cache_;
   TufClient& tuf_;
+  std::string platform_;
 };
 
 /// Throws `catalog_mismatch` unless the catalogue tells the truth of the newest release of a
-/// channel, as far as it lists it.
+/// channel, as far as it lists it. The name is not compared: a catalogue has one for all channels
+/// of a game, and a new one comes to them one after the other.
 void require_as_listed(const GameCatalog& catalog, std::string_view channel,
                        const GameRelease& release);
 

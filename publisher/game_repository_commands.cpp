@@ -1,0 +1,66 @@
+#include "domain/error.h"
+#include "domain/identifier.h"
+#include "publisher/commands.h"
+#include "publisher/game_catalogs.h"
+#include "publisher/publishing.h"
+
+namespace tavro {
+namespace {
+
+/// Everything of a game, or the manifests of one channel: of all platforms, or of one.
+std::vector<std::string> withdrawn_paths(const Arguments& arguments, const json& targets) {
+  const std::string id = arguments.value("--game");
+  const std::string platform = arguments.value("--platform");
+  const std::string channel = arguments.value("--channel");
+  validate_identifier(id);
+  const std::string folder = "games/" + id + '/' + (platform.empty() ? "" : platform + '/');
+  std::vector<std::string> paths;
+  for (const auto& target : targets.items()) {
+    const auto manifest = game_manifest_path(target.key());
+    const bool of_channel = manifest && manifest->is_channel && manifest->name == channel;
+    if (target.key().starts_with(folder) && (channel.empty() || of_channel))
+      paths.push_back(target.key());
+  }
+  require(!paths.empty(), "target_not_found",
+          [&] { return "Role " + role_of(arguments) + " publishes nothing like that of " + id; });
+  return paths;
+}
+
+CommandResult withdraw(const Arguments& arguments, const CommandContext&) {
+  std::vector<std::string> paths;
+  CommandResult result =
+      publish_change(arguments, GameCatalogs::kept_true, [&](Repository& repository) {
+        const std::string role = role_of(arguments);
+        const auto body = repository.state().roles.find(role);
+        require(body != repository.state().roles.end(), "unknown_role",
+                [&] { return "The repository has no role " + role + " that lists targets"; });
+        paths = withdrawn_paths(arguments, body->second.at("targets"));
+        for (const std::string& path : paths) repository.remove_target(role, path);
+      });
+  result.document["withdrawn"] = paths;
+  return result;
+}
+
+CommandResult make_catalog(const Arguments& arguments, const CommandContext&) {
+  return publish_change(arguments, GameCatalogs::untouched, [&](Repository& repository) {
+    const CatalogUpkeep made = make_catalogs(repository, arguments.value("--role"));
+    require(!made.renewed.empty(), "target_not_found", "The repository publishes no games");
+  });
+}
+
+}  // namespace
+
+std::vector<PublishCommand> game_repository_commands() {
+  return {
+      {"repository withdraw", "Withdraw a game, or one of its channels",
+       signing_options({{"--game", "ID", "The game", OptionUse::required},
+                        {"--channel", "NAME", "Only this channel, and no build that it had"},
+                        {"--platform", "NAME", "Of this platform; of all unless given"},
+                        delegator_rule}),
+       withdraw},
+      {"repository catalog", "Make the game catalogues anew from all that is published",
+       signing_options({{"--role", "NAME", "The role that has them from now on"}}), make_catalog},
+  };
+}
+
+}  // namespace tavro
