@@ -20,9 +20,9 @@ const OptionRule help_rule{"--help", "", "Print this text", OptionUse::flag};
 
 std::vector<PublishCommand> all_commands() {
   std::vector<PublishCommand> all;
-  for (const auto subject :
-       {key_commands, root_commands, release_commands, game_commands, theme_commands,
-        package_commands, repository_commands, game_repository_commands, check_commands})
+  for (const auto subject : {key_commands, root_commands, release_commands, game_commands,
+                             theme_commands, package_commands, repository_commands,
+                             game_repository_commands, service_commands, check_commands})
     std::ranges::move(subject(), std::back_inserter(all));
   for (PublishCommand& command : all) {
     command.options.push_back(json_rule);

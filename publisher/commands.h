@@ -49,6 +49,7 @@ std::vector<PublishCommand> package_commands();
 std::vector<PublishCommand> theme_commands();
 std::vector<PublishCommand> repository_commands();
 std::vector<PublishCommand> game_repository_commands();
+std::vector<PublishCommand> service_commands();
 std::vector<PublishCommand> check_commands();
 
 /// The expiry of a root: `--expires TIME`, or `--days N` from now. Throws `usage` unless exactly
