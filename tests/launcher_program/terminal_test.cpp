@@ -32,12 +32,12 @@ std::string told(const Client& client, unsigned short columns, unsigned short th
   for (ssize_t count; (count = read(terminal, block, sizeof block)) > 0;) {
     text.append(block, static_cast<std::size_t>(count));
     const auto draws = std::count(text.begin(), text.end(), '\r');
-    if (draws > 20 && !std::exchange(resized, true)) {
+    if (draws > 3 && !std::exchange(resized, true)) {
       size.ws_col = then;
       ioctl(terminal, TIOCSWINSZ, &size);
       text += '\f';
     }
-    if (draws > 40) (void)!write(terminal, "\x03", 1);
+    if (draws > 6) (void)!write(terminal, "\x03", 1);
   }
   close(terminal);
   int status = 0;
