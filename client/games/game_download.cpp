@@ -72,8 +72,8 @@ std::string scope_of(const GameTarget& target, const std::string& manifest_ref) 
   return canonical_json({{"kind", kind}, {"target", target.path}, {"reference", manifest_ref}});
 }
 
-/// What a kill left of writing a resume record, or of removing a file. In a folder that somebody filled with files of his
-/// own it is not worth the search.
+/// What a kill left of writing a resume record, or of removing a file. In a folder that somebody
+/// filled with files of his own it is not worth the search.
 void remove_torn_records(const fs::path& folder, const std::string& record) {
   std::vector<fs::path> dead;
   std::size_t entries = 0;

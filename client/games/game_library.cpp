@@ -215,7 +215,7 @@ void GameLibrary::forget_previous(std::string_view game_id) const {
   record.retired.push_back(*record.previous);
   record.previous.reset();
   game.save();
-  game.sweep(false);
+  game.sweep();
 }
 
 void GameLibrary::set_channel(std::string_view game_id, const std::string& channel) const {

@@ -62,10 +62,7 @@ GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, GameProgress p
 
 GameOffers::GameOffers(const fs::path& data_root, TufClient& tuf, std::string_view platform,
                        GameProgress progress)
-    : cache_(cache_of(data_root)),
-      tuf_(tuf),
-      platform_(platform),
-      progress_(std::move(progress)) {}
+    : cache_(cache_of(data_root)), tuf_(tuf), platform_(platform), progress_(std::move(progress)) {}
 
 std::string GameOffers::fetch(const std::string& target, std::size_t most, std::string_view missing,
                               const std::string& meaning, bool keep) {
