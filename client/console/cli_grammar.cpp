@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "domain/error.h"
 #include "domain/identifier.h"
@@ -106,7 +107,7 @@ bool starts_with(const Words& args, const Words& words) {
 
 /// A line with the questions that the checks ask of it.
 struct Line : CliLine {
-  explicit Line(const CliCommand& row) : CliLine{&row, {}, {}, {}} {}
+  explicit Line(const CliCommand& row) { command = &row; }
 
   bool is(std::string_view first) const { return command->words.front() == first; }
   bool is(std::string_view first, std::string_view second) const {
@@ -239,7 +240,7 @@ CliLine read_cli_command(const Words& args) {
   check_consent(line);
   check_command(line);
   check_identifiers(line);
-  return line;
+  return {line.command, std::move(line.flags), std::move(line.options), std::move(line.operands)};
 }
 
 void validate_cli_command(const Words& args) {
