@@ -117,6 +117,8 @@ class WaitingUpdate {
  private:
   std::string find_damage() const {
     if (!release_) return path_utf8(paths_.pending) + " was damaged or is not for this version";
+    if (const auto link = moves_.staged_link(); !link.empty())
+      return path_utf8(link) + " is a link";
     try {
       const auto changed = changed_file(paths_, *release_);
       if (changed.empty()) return {};

@@ -140,19 +140,27 @@ BootstrapMoves::BootstrapMoves(const BootstrapPaths& paths,
   }
   // Only now: until the new entry point is in place, the old one may need them.
   order_.insert(order_.end(), unneeded.begin(), unneeded.end());
-  keep_within_the_trees(exchanges);
-  if (exchanges == Exchanges::completed) complete_exchanges();
-  moves_ = earlier_moves();
-}
-
-void BootstrapMoves::keep_within_the_trees(Exchanges exchanges) {
-  for (const auto& [path, file] : update_)
-    if (const auto link = link_on_way(paths_.update, path);
-        !link.empty() && exchanges == Exchanges::completed)
-      native_files::remove_or_trash(link, {});
+  // Nor may one move to where a link of the installed tree leads.
   std::erase_if(order_, [&](const fs::path& path) {
     return !link_on_way(paths_.installed, path.parent_path()).empty();
   });
+  if (exchanges == Exchanges::completed) {
+    remove_staged_links();
+    complete_exchanges();
+  }
+  moves_ = earlier_moves();
+}
+
+fs::path BootstrapMoves::staged_link() const {
+  for (const auto& [path, file] : update_)
+    if (auto link = link_on_way(paths_.update, path); !link.empty()) return link;
+  return {};
+}
+
+void BootstrapMoves::remove_staged_links() const {
+  for (const auto& [path, file] : update_)
+    if (const auto link = link_on_way(paths_.update, path); !link.empty())
+      native_files::remove_or_trash(link, {});
 }
 
 BootstrapMoves::Move BootstrapMoves::places(const std::string& path) const {

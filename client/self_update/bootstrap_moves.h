@@ -44,7 +44,8 @@ class BootstrapMoves {
   /// brings every old file back, with or without them.
   enum class Undo { for_later, for_good };
 
-  /// What becomes of an exchange that was cut off. One that is left counts as no move yet.
+  /// What becomes of an exchange that was cut off, and of links in the staged tree. An exchange
+  /// that is left counts as no move yet.
   enum class Exchanges { completed, left };
 
   /// Finds what earlier runs have moved, and completes an exchange that was cut off: `file_write`
@@ -55,6 +56,9 @@ class BootstrapMoves {
 
   /// Whether anything of the update is in the installed tree.
   bool begun() const noexcept { return !moves_.empty(); }
+
+  /// A link in the staged tree that a file would come through, or nothing.
+  std::filesystem::path staged_link() const;
 
   /// Moves what is still staged, and sets aside what the update no longer holds. Throws
   /// `file_write`, `file_remove` or what `private_directory` throws; the moves so far are kept.
@@ -77,9 +81,9 @@ class BootstrapMoves {
     std::filesystem::path aside;
   };
 
-  /// No file may move to or from where a link leads: one in the staged tree goes, so that what is
-  /// behind it counts as missing, and what the installed tree has behind one is left out.
-  void keep_within_the_trees(Exchanges exchanges);
+  /// No file may move from where a link leads: it goes, so that what is behind it counts as
+  /// missing.
+  void remove_staged_links() const;
   Move places(const std::string& path) const;
   /// Whether a ".old" beside a missing file can be that file, and not one left from an update
   /// before: such a one is a file of the old manifest, or a folder that made way for the file.
