@@ -139,6 +139,28 @@ std::string catalog_role(const Repository& repository, const std::string& platfo
   return listed ? listed->role : "targets";
 }
 
+/// The code of a channel is in no manifest, and outlives its builds.
+void keep_locks(const std::optional<GameCatalog>& before, GameCatalog& made) {
+  if (!before) return;
+  for (const auto& [id, game] : before->games) {
+    const auto now = made.games.find(id);
+    if (now == made.games.end()) continue;
+    for (const auto& [channel, build] : game.channels)
+      if (const auto same = now->second.channels.find(channel); same != now->second.channels.end())
+        same->second.unlock_sha256 = build.unlock_sha256;
+  }
+}
+
+/// That of a catalogue which its role may be about to lose.
+std::optional<GameCatalog> readable_catalog(const Repository& repository,
+                                            const std::string& platform) {
+  try {
+    return present_catalog(repository, platform);
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
 void put_catalog(Repository& repository, const std::string& role, const GameCatalog& catalog) {
   const json document = catalog.to_json();
   const std::string text = document_text(document);
@@ -192,7 +214,8 @@ CatalogUpkeep keep_catalogs(Repository& repository, const Signers& signers) {
   for (const std::string platform : platforms) {
     const std::optional<GameCatalog> present = present_catalog(repository, platform);
     if (!present && games[platform].empty()) continue;
-    const GameCatalog made = CatalogMaker(repository, platform, present).make(games[platform]);
+    GameCatalog made = CatalogMaker(repository, platform, present).make(games[platform]);
+    keep_locks(present, made);
     if (made == present) continue;
     const std::string role = catalog_role(repository, platform);
     if (signers.can_sign(authority_of(repository.state(), role))) {
@@ -215,11 +238,29 @@ CatalogUpkeep make_catalogs(Repository& repository, const std::string& role) {
     if (!listed && games[platform].empty() && role.empty()) continue;
     const std::string present = catalog_role(repository, platform);
     const std::string wanted = role.empty() ? present : role;
+    GameCatalog made = CatalogMaker(repository, platform, std::nullopt).make(games[platform]);
+    keep_locks(readable_catalog(repository, platform), made);
     if (listed && present != wanted) repository.remove_target(present, path);
-    put_catalog(repository, wanted,
-                CatalogMaker(repository, platform, std::nullopt).make(games[platform]));
+    put_catalog(repository, wanted, made);
     require(catalog_role(repository, platform) == wanted, "target_conflict",
             [&] { return "Clients would not look for " + path + " in role " + wanted; });
+    done.renewed.push_back(platform);
+  }
+  return done;
+}
+
+CatalogUpkeep lock_channel(Repository& repository, std::string_view game_id,
+                           std::string_view channel, std::string_view code_sha256) {
+  CatalogUpkeep done;
+  for (const std::string platform : platforms) {
+    std::optional<GameCatalog> catalog = present_catalog(repository, platform);
+    if (!catalog) continue;
+    const auto game = catalog->games.find(game_id);
+    if (game == catalog->games.end()) continue;
+    const auto build = game->second.channels.find(channel);
+    if (build == game->second.channels.end()) continue;
+    build->second.unlock_sha256 = code_sha256;
+    put_catalog(repository, catalog_role(repository, platform), *catalog);
     done.renewed.push_back(platform);
   }
   return done;

@@ -49,4 +49,9 @@ CatalogUpkeep keep_catalogs(Repository& repository, const Signers& signers);
 /// `target_conflict` when clients would find another role's instead.
 CatalogUpkeep make_catalogs(Repository& repository, const std::string& role);
 
+/// Lets players install a channel only with the code of this SHA-256, or again without one when it
+/// is empty, on every platform that has the channel; later builds stay under it.
+CatalogUpkeep lock_channel(Repository& repository, std::string_view game_id,
+                           std::string_view channel, std::string_view code_sha256);
+
 }  // namespace tavro

@@ -1,5 +1,7 @@
 #include "domain/error.h"
 #include "domain/identifier.h"
+#include "domain/input.h"
+#include "games/channel_unlock.h"
 #include "publisher/commands.h"
 #include "publisher/game_catalogs.h"
 #include "publisher/publishing.h"
@@ -48,6 +50,19 @@ CommandResult make_catalog(const Arguments& arguments, const CommandContext&) {
   });
 }
 
+CommandResult lock(const Arguments& arguments, const CommandContext&) {
+  const std::string id = arguments.value("--game"), channel = arguments.value("--channel");
+  const std::string file = arguments.value("--code-file");
+  require(file.empty() == arguments.has("--open"), "usage", "Give --code-file FILE, or --open");
+  const std::string code_sha256 =
+      file.empty() ? std::string() : unlock_code_sha256(read_file(file, 2 * kMaxUnlockCode));
+  return publish_change(arguments, GameCatalogs::untouched, [&](Repository& repository) {
+    const CatalogUpkeep changed = lock_channel(repository, id, channel, code_sha256);
+    require(!changed.renewed.empty(), "target_not_found",
+            [&] { return "No catalogue lists channel " + channel + " of " + id; });
+  });
+}
+
 }  // namespace
 
 std::vector<PublishCommand> game_repository_commands() {
@@ -58,6 +73,12 @@ std::vector<PublishCommand> game_repository_commands() {
                         {"--platform", "NAME", "Of this platform; of all unless given"},
                         delegator_rule}),
        withdraw},
+      {"repository lock", "Let players have a channel only with a code, or without one again",
+       signing_options({{"--game", "ID", "The game", OptionUse::required},
+                        {"--channel", "NAME", "The channel", OptionUse::required},
+                        {"--code-file", "FILE", "Holds the code; the catalogue tells its SHA-256"},
+                        {"--open", "", "Without a code again", OptionUse::flag}}),
+       lock},
       {"repository catalog", "Make the game catalogues anew from all that is published",
        signing_options({{"--role", "NAME", "The role that has them from now on"}}), make_catalog},
   };

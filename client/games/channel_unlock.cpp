@@ -40,6 +40,13 @@ std::string lock_of(const GameCatalog& catalog, std::string_view game_id,
 
 }  // namespace
 
+std::string unlock_code_sha256(std::string_view code) {
+  const std::string_view plain = trimmed(code);
+  require(!plain.empty() && plain.size() <= kMaxUnlockCode, "usage",
+          "An access code has 1 to 256 bytes");
+  return digest(plain, "sha256");
+}
+
 UnlockedChannels::UnlockedChannels(const fs::path& data_root)
     : folder_(data_folder(data_root) / "unlocked-channels") {
   require_complete_native_install(folder_.parent_path());
@@ -73,13 +80,10 @@ std::vector<std::string> UnlockedChannels::unlock(const GameCatalog& catalog,
                                                   std::string_view game_id,
                                                   std::string_view code) const {
   const fs::path path = path_of(game_id);
-  const std::string_view plain = trimmed(code);
-  require(!plain.empty() && plain.size() <= kMaxUnlockCode, "usage",
-          "An access code has 1 to 256 bytes, on standard input");
+  const std::string code_sha256 = unlock_code_sha256(code);
   const auto game = catalog.games.find(game_id);
   require(game != catalog.games.end(), "game_not_published",
           [&] { return "The repository publishes no such game: " + std::string(game_id); });
-  const std::string code_sha256 = digest(plain, "sha256");
   std::vector<std::string> names;
   for (const auto& [channel, build] : game->second.channels)
     if (build.unlock_sha256 == code_sha256) names.push_back(channel);

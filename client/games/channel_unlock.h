@@ -13,6 +13,10 @@ namespace tavro {
 /// Bytes of a code that opens a channel.
 inline constexpr std::size_t kMaxUnlockCode = 256;
 
+/// What a catalogue tells of the code: the SHA-256 of its bytes without blanks around them. Throws
+/// `usage` for one that is empty or too long.
+std::string unlock_code_sha256(std::string_view code);
+
 /// The channels that the player opened with a code, one durable document a game in the data folder.
 /// Holds nothing open. The code itself is kept nowhere.
 class UnlockedChannels {

@@ -132,6 +132,31 @@ TEST_F(GameRoad, TheCatalogueTellsWhatIsPublishedAfterEveryChange) {
   EXPECT_EQ(install("quest", back), "game_not_published");
 }
 
+TEST_F(GameRoad, ALockStaysOnAChannelUntilItIsOpened) {
+  const auto locked = [&] {
+    std::string found;
+    as_client([&](TufClient& tuf) {
+      const fs::path folder = home / random_id();
+      fs::create_directory(folder);
+      const auto file = tuf.download(game_catalog_target(native_platform()), folder, {}, {}, {});
+      const auto catalog = GameCatalog::parse(json::parse(read_file(file, kMaxCatalogBytes)));
+      found = catalog.games.at("quest").channels.at("stable").unlock_sha256;
+    });
+    return found;
+  };
+  release("quest", "1", all);
+  write_bytes(home / "code", " a long secret\n");
+  done("repository lock --game quest --channel stable --code-file @code" + all);
+  EXPECT_EQ(locked(), digest("a long secret", "sha256"));
+  release("quest", "2", all);
+  done("repository catalog" + all);
+  EXPECT_EQ(locked(), digest("a long secret", "sha256"));
+  EXPECT_EQ(refused("repository lock --game quest --channel beta --open" + all),
+            "target_not_found");
+  done("repository lock --game quest --channel stable --open" + all);
+  EXPECT_EQ(locked(), "");
+}
+
 TEST_F(GameRoad, AnEncryptedBuildOpensWithItsOwnKeyOnly) {
   release("quest", "1", "--encrypt --hold-key" + all);
   EXPECT_EQ(install("quest"), "key_not_published");
