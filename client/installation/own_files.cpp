@@ -223,8 +223,14 @@ std::vector<std::string> mend_locks(const DataPaths& paths) {
 
 NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>& mended) {
   const UniqueFd folder = posix_files::open(paths.root, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  // It is held for these lines only. Where folders cannot be locked it has to go without.
-  if (folder) retried([&] { return system_calls().flock(folder.get(), LOCK_EX); });
+  // It is held for these lines only, and whoever holds it takes the lock himself; it is not waited
+  // for, since a process can be stopped anywhere. Where folders cannot be locked it has to go
+  // without.
+  const bool held =
+      folder &&
+      retried([&] { return system_calls().flock(folder.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+      errno == EWOULDBLOCK;
+  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
   const auto done = mend(paths, {setup_place(paths)});
   mended.insert(mended.end(), done.begin(), done.end());
   return naming(paths.setup_lock, [&] {

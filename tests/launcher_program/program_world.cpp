@@ -2,8 +2,6 @@
 
 #include <iterator>
 
-#include "documents/game_manifest.h"
-#include "platform/host/native_platform.h"
 #include "support/installation.h"
 
 namespace tavro::program_test {
@@ -21,7 +19,6 @@ void GameRepository::run(const std::string& words) const {
 }
 
 GameRepository::GameRepository() {
-  catalog_.platform = native_platform();
   run("keys new --out key.pem");
   run("root new --days 9 --out root.json --key key.pem");
   run("repository new --repository repository --root root.json --key key.pem");
@@ -32,7 +29,6 @@ void GameRepository::publish(const std::string& game, const std::string& build,
                              const std::string& script, std::size_t bytes,
                              const std::string& channel) {
   const fs::path tree = folder.path() / (game + build);
-  const std::string out = game + "-" + build;
   const std::string name = game == "star" ? "星の王子さま" : game;
   put_file(tree / "game.json",
            json({{"game_id", game}, {"display_name", name}, {"executable", "run"}}).dump());
@@ -42,23 +38,8 @@ void GameRepository::publish(const std::string& game, const std::string& build,
   for (std::size_t i = 0; noise.size() < bytes; ++i)
     noise += digest(build + std::to_string(i), "sha256");
   put_file(tree / "files/noise", noise);
-  run("game '" + tree.string() + "' --build " + build + " --out " + out);
-  const std::string text = read_file(folder.path() / out / "game.manifest.json", 1 << 22);
-  const GameManifest manifest = GameManifest::parse(json::parse(text));
-  const std::string sha256 = digest(text, "sha256");
-  catalog_.games[game].game_id = game;
-  catalog_.games[game].display_name = name;
-  catalog_.games[game].channels[channel] = {build, game_download_length(manifest),
-                                            manifest.expanded_length, sha256, text.size()};
-  put_file(folder.path() / "catalog.json", catalog_.to_json().dump());
-  const std::string archive =
-      "game-" + game + "-" + std::string(native_platform()) + "-" + build + ".tar.zst";
-  const std::string manifest_file = "=" + out + "/game.manifest.json";
-  run("repository add --repository repository --key key.pem --target " +
-      game_catalog_target(native_platform()) + "=catalog.json --target " +
-      game_manifest_target(game, native_platform(), channel) + manifest_file + " --target " +
-      game_manifest_target(game, native_platform(), sha256) + manifest_file + " --target " +
-      archive + "=" + out + "/" + archive);
+  run("release game '" + tree.string() + "' --build " + build + " --channel " + channel +
+      " --out " + game + "-" + build + " --repository repository --key key.pem");
 }
 
 Client::Client() {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "documents/game_catalog.h"
 #include "support/testing.h"
 #include "system/installer_program.h"
 #include "system/nginx.h"
@@ -23,8 +22,6 @@ class GameRepository {
 
  private:
   void run(const std::string& words) const;
-
-  GameCatalog catalog_;
 };
 
 GameRepository& repository();

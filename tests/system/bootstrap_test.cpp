@@ -150,8 +150,8 @@ TEST_F(Bootstrap, StartsTheWorkingVersionWhenTheDiskKeepsTheOtherFromItsTrial) {
         const FailNthCall full(1, error, Fault::fail, call);
         return run_launcher_bootstrap(root, "cli", {}, std::chrono::milliseconds(10000), {});
       });
-      EXPECT_THAT(started.rest(),
-                  AllOf(HasSubstr(code), EndsWith("the working one starts\n1.0.0\n")));
+      EXPECT_THAT(started.rest(), AllOf(HasSubstr(code), HasSubstr("; the working one starts\n"),
+                                        EndsWith("\n1.0.0\n")));
       EXPECT_EQ(state(open ? "attempt" : "candidate"), open ? attempt : second);
     }
   // No child takes this line, and the version is not to blame for it.
