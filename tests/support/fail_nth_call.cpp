@@ -106,9 +106,9 @@ int replace_open_file(int descriptor) {
 int strike_each_call(Fault fault, int error, const std::function<void()>& prepare,
                      const std::function<void()>& work,
                      const std::function<void(const Stop&)>& check) {
-  constexpr int most_rounds = 10000;
+  constexpr int most_rounds = 10000, whole_sweep = 20;
   const int stride = fault == Fault::kill ? process_stride : 1;
-  for (int nth = 1; nth <= most_rounds; nth += stride) {
+  for (int nth = 1; nth <= most_rounds; nth += nth < whole_sweep ? 1 : stride) {
     prepare();
     Stop stop{.nth = nth, .call = {}, .code = {}};
     const pid_t child = fault == Fault::kill ? fork() : 0;

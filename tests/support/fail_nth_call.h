@@ -63,7 +63,7 @@ struct Stop {
 /// Runs `prepare`, then `work` with call 1 struck, then `check`; the same for call 2, 3, ... until
 /// a round ends with nothing struck, which must succeed. Answers how many calls there were, so
 /// that a test can demand some. For `Fault::kill` each `work` is a child process,
-/// and `process_stride` calls lie between the stops.
+/// and behind the first twenty `process_stride` calls lie between the stops.
 int strike_each_call(Fault fault, int error, const std::function<void()>& prepare,
                      const std::function<void()>& work,
                      const std::function<void(const Stop&)>& check);
