@@ -126,16 +126,6 @@ void check_platform(PlatformCheck& check, const std::string& platform,
     for (const auto& channel : game.channels) add(check.check(catalog, game, channel.first));
 }
 
-bool has_catalog(TufClient& client, const std::string& platform) {
-  try {
-    static_cast<void>(client.target(game_catalog_target(platform)));
-    return true;
-  } catch (const Error& error) {
-    if (error.code != "target_not_found") throw;
-    return false;
-  }
-}
-
 }  // namespace
 
 json check_games(TufClient& client, const fs::path& work, const Progress& progress,
@@ -147,7 +137,7 @@ json check_games(TufClient& client, const fs::path& work, const Progress& progre
     all.push_back(std::move(found));
   };
   for (const std::string platform : {"linux-x86_64", "macos-aarch64", "windows-x86_64"}) {
-    if (!has_catalog(client, platform)) continue;
+    if (!client.find_target(game_catalog_target(platform))) continue;
     any = true;
     const Passing folder(work / platform);
     private_directory(folder.path());

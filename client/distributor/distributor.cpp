@@ -71,14 +71,9 @@ Distributor::Distributor(const fs::path& data_root) : folder_(data_folder(data_r
 /// The bytes of a target; nothing when the repository has none. The caller holds the lock.
 std::optional<std::string> Distributor::fetch_bytes(const std::string& target, std::size_t most,
                                                     TufClient& tuf) const {
-  json description;
-  try {
-    description = tuf.target(target);
-  } catch (const Error& error) {
-    if (error.code != "target_not_found") throw;
-    return std::nullopt;
-  }
-  require(length(description) <= most, "size_limit",
+  const std::optional<json> description = tuf.find_target(target);
+  if (!description) return std::nullopt;
+  require(length(*description) <= most, "size_limit",
           [&] { return "The repository's file is too large: " + target; });
   const fs::path place = folder_ / incoming;
   // What a run that was killed left there is of no use: these files are small.

@@ -141,12 +141,9 @@ std::vector<GameTarget> GameArchive::targets() const {
 void GameArchive::require_published(TufClient& tuf) const {
   require_authorized(tuf, archive_);
   if (!key_) return;
-  try {
-    require_authorized(tuf, *key_);
-  } catch (const Error& error) {
-    if (error.code != "target_not_found") throw;
-    fail("key_not_published", "The key of this build is not published yet; try again later");
-  }
+  require(tuf.find_target(key_->path).has_value(), "key_not_published",
+          "The key of this build is not published yet; try again later");
+  require_authorized(tuf, *key_);
 }
 
 void GameArchive::fetch(TufClient& tuf, GameDownloads& downloads, const GameProgress& progress) {

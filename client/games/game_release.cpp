@@ -71,14 +71,9 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most, std::
   };
   // The first look brings the repository's own documents.
   require(looking(0, 0), "cancelled", "Operation cancelled at a safe boundary");
-  json description;
-  try {
-    description = tuf_.target(target);
-  } catch (const Error& error) {
-    if (error.code != "target_not_found") throw;
-    fail(missing, meaning);
-  }
-  const auto bytes = length(description);
+  const std::optional<json> description = tuf_.find_target(target);
+  require(description.has_value(), missing, meaning);
+  const auto bytes = length(*description);
   require(bytes <= most, "size_limit",
           [&] { return "The repository's file is too large: " + target; });
   private_directory(cache_);
@@ -88,7 +83,7 @@ std::string GameOffers::fetch(const std::string& target, std::size_t most, std::
   tuf_.download(target, cache_, looking, {}, {});
   // What was proved lay in a file; what is used are these bytes.
   std::string text = read_file(file, most);
-  require(text.size() == bytes && has_hashes(text, description.at("hashes")), "content_mismatch",
+  require(text.size() == bytes && has_hashes(text, description->at("hashes")), "content_mismatch",
           [&] { return "This file of game offers changed meanwhile: " + path_utf8(file); });
   if (keep) return text;
   native_files::remove_or_trash(file, {});

@@ -139,12 +139,9 @@ class Staging {
 
   /// The published descriptor's digest; nothing when none is published.
   std::optional<std::string> published_digest() {
-    try {
-      return signed_sha256(tuf_.target(launcher_manifest_target(native_platform())));
-    } catch (const Error& error) {
-      if (error.code != "target_not_found") throw;
-      return std::nullopt;
-    }
+    const auto description = tuf_.find_target(launcher_manifest_target(native_platform()));
+    if (!description) return std::nullopt;
+    return signed_sha256(*description);
   }
 
   /// The answer of a check in passing that has nothing to stage; null when it goes on.

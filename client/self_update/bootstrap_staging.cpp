@@ -47,14 +47,9 @@ class Scratch {
 /// The exact text of the published descriptor, or nothing when none is published.
 std::optional<std::string> published_descriptor(const BootstrapPaths& paths, TufClient& tuf) {
   const std::string target = bootstrap_manifest_target();
-  json description;
-  try {
-    description = tuf.target(target);
-  } catch (const Error& error) {
-    if (error.code != "target_not_found") throw;
-    return std::nullopt;
-  }
-  require(description.at("length") <= bootstrap_descriptor_bytes, "size_limit",
+  const std::optional<json> description = tuf.find_target(target);
+  if (!description) return std::nullopt;
+  require(description->at("length") <= bootstrap_descriptor_bytes, "size_limit",
           "Bootstrap update manifest exceeds 512 KiB");
   return read_file(tuf.download(target, paths.downloads, {}, {}, {}), bootstrap_descriptor_bytes);
 }

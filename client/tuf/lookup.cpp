@@ -32,18 +32,24 @@ bool selects(const json& record, std::string_view path) {
 }  // namespace
 
 json TufClient::Impl::target(std::string_view path) {
+  auto description = find_target(path);
+  require(description.has_value(), "target_not_found",
+          [&] { return "Target is not authorized by the repository: " + std::string(path); });
+  return *std::move(description);
+}
+
+std::optional<json> TufClient::Impl::find_target(std::string_view path) {
   validate_relative_path(path, false);
   if (!refreshed) refresh();
   if (!selected_loaded) load_selected_metadata();
   Walk walk{.path = path, .visited = {}};
-  const std::optional<json> description = visit(walk, "targets", targets);
-  require(description.has_value(), "target_not_found",
-          [&] { return "Target is not authorized by the repository: " + std::string(path); });
+  std::optional<json> description = visit(walk, "targets", targets);
+  if (!description) return std::nullopt;
   length(*description);
   const bool hashed = description->contains("hashes") && description->at("hashes").is_object() &&
                       !description->at("hashes").empty();
   require(hashed, "invalid_hashes", "Target has no authenticated hashes");
-  return *description;
+  return description;
 }
 
 /// What this role says about the path, or those to whom it delegates, depth first in the order of

@@ -79,6 +79,9 @@ TufClient::~TufClient() = default;
 void TufClient::refresh() { impl_->refresh(); }
 
 json TufClient::target(std::string_view path) { return impl_->target(path); }
+std::optional<json> TufClient::find_target(std::string_view path) {
+  return impl_->find_target(path);
+}
 
 std::optional<json> TufClient::Impl::local(std::string_view role) const {
   const std::filesystem::path path = role_cache(directory, role);

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -83,6 +84,8 @@ class TufClient {
   /// Refreshes on first use. Throws `unsafe_path` before any request, `target_not_found`,
   /// `delegation_limit`, `missing_role`, and as `refresh`.
   json target(std::string_view path);
+  /// The same, or nothing where that throws `target_not_found`.
+  std::optional<json> find_target(std::string_view path);
 
   /// Brings the target into the private folder `directory`, under its own relative path, and
   /// answers the path of the file, whose bytes are proved. A file that stands there already is

@@ -77,6 +77,7 @@ struct TufClient::Impl {
     bool terminated = false;
   };
   json target(std::string_view path);
+  std::optional<json> find_target(std::string_view path);
   std::optional<json> visit(Walk& walk, const std::string& role, const json& document);
   std::optional<json> visit_delegation(Walk& walk, const json& record, const json& keys);
 
