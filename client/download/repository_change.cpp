@@ -71,11 +71,12 @@ void change_repository(const fs::path& data_root, const RepositoryChoice& choice
   if (own) atomic_write(bundle = place / "ca.pem", choice.ca_bundle);
   try {
     prove_repository(proved, bundle, choice);
-    take_trust(paths, proved);
   } catch (...) {
     remove_path_quietly(proved);
     throw;
   }
+  // Out of reach of that removal: once it is exchanged, the old trust lies there.
+  take_trust(paths, proved);
   if (own) atomic_write(paths.repository_ca, choice.ca_bundle);
   atomic_write(paths.repository, record);
   remove_plain_tree(proved);

@@ -11,7 +11,6 @@
 #include "installation/installation_record.h"
 #include "platform/files/durable_files.h"
 #include "platform/files/running_files.h"
-#include "platform/files/torn_write.h"
 
 namespace tavro {
 namespace {
@@ -82,14 +81,6 @@ void remove_old_files(const BootstrapPaths& paths) {
     removed(paths.old_files);
   else if (!stands(paths.old_files))
     atomic_write(paths.old_files, {});
-}
-
-void remove_torn_writes(const BootstrapPaths& paths, std::initializer_list<fs::path> documents) {
-  for (const auto& entry : children(paths.manifest.parent_path()))
-    for (const auto& document : documents)
-      if (torn_write::is_temporary_name(path_utf8(entry.filename()),
-                                        path_utf8(document.filename())))
-        removed(entry);
 }
 
 }  // namespace tavro

@@ -46,10 +46,4 @@ std::optional<SnapshotManifest> working_bootstrap(const BootstrapPaths& paths);
 /// `std::filesystem::filesystem_error` for a walk that breaks off, and what `atomic_write` throws.
 void remove_old_files(const BootstrapPaths& paths);
 
-/// Removes what atomic writes to these documents of the folder "native" left when they were cut
-/// off. The caller holds the locks under which they are written. A file that cannot be removed
-/// stays; throws as `children`.
-void remove_torn_writes(const BootstrapPaths& paths,
-                        std::initializer_list<std::filesystem::path> documents);
-
 }  // namespace tavro

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cerrno>
 #include <exception>
 #include <system_error>
 
@@ -11,6 +12,7 @@
 #include "domain/json_fields.h"
 #include "installation/data_folder.h"
 #include "platform/files/durable_files.h"
+#include "platform/files/held_directory.h"
 #include "platform/files/private_storage.h"
 #include "platform/files/running_files.h"
 #include "platform/files/torn_write.h"
@@ -21,8 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t ledger_bytes = 262144;
-constexpr std::size_t shortcut_bytes = 65536;
 constexpr char file_name[] = "shortcuts.json";
 
 OwnedShortcut parse_entry(const json& value) {
@@ -94,6 +94,19 @@ void write(const fs::path& root, const Entries& entries) {
 bool unchanged(const OwnedShortcut& entry) {
   const fs::path path = path_from_utf8(entry.path);
   return is_plain_file(path) && digest(read_file(path, shortcut_bytes), "sha256") == entry.sha256;
+}
+
+bool remove_unchanged(const OwnedShortcut& entry) {
+  const fs::path path = path_from_utf8(entry.path);
+  const auto node = posix_files::node_at(path);
+  if (!node || !unchanged(entry)) return false;
+  const auto held = posix_files::hold_name(path, posix_files::ParentLink::followed);
+  const int error = held.parent ? posix_files::remove_file_in(held.parent.get(), held.name,
+                                                              node->st_dev, node->st_ino)
+                                : errno;
+  require(error == 0 || error == ESTALE, "file_remove",
+          [&] { return "Cannot remove " + path_utf8(path) + posix_files::because(error); });
+  return error == 0;
 }
 
 bool holds(const fs::path& path, std::string_view text) noexcept {

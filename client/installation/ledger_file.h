@@ -13,6 +13,8 @@ namespace tavro::ledger_file {
 using Entries = std::vector<OwnedShortcut>;
 
 inline constexpr std::size_t max_shortcuts = 128;
+inline constexpr std::size_t ledger_bytes = 262144;
+inline constexpr std::size_t shortcut_bytes = 65536;
 
 std::filesystem::path path_in(const std::filesystem::path& root);
 
@@ -26,6 +28,10 @@ void write(const std::filesystem::path& root, const Entries& entries);
 
 /// Whether the entry's file is a regular file with the recorded bytes. Throws as `read_file`.
 bool unchanged(const OwnedShortcut& entry);
+
+/// Whether the file had the recorded bytes and was removed; one that took its name meanwhile stays.
+/// Throws as `unchanged`, and `file_remove`.
+bool remove_unchanged(const OwnedShortcut& entry);
 
 /// Whether a regular file at the path has exactly these bytes; false also when nobody can tell.
 bool holds(const std::filesystem::path& path, std::string_view text) noexcept;

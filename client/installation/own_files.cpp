@@ -129,6 +129,16 @@ std::vector<Place> part_places(const DataPaths& paths) {
   return places;
 }
 
+/// Throws `busy` when a process holds this open file or folder as its lock. Where it cannot be
+/// locked at all it is taken for free.
+void require_not_held(const UniqueFd& file) {
+  if (!file) return;
+  const auto& calls = system_calls();
+  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+                    errno == EWOULDBLOCK;
+  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
+}
+
 fs::path aside_name(const fs::path& path) { return set_aside_start(path).native() + random_id(); }
 
 std::string set_aside_as(const fs::path& aside) {
@@ -226,11 +236,7 @@ NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>&
   // It is held for these lines only, and whoever holds it takes the lock himself; it is not waited
   // for, since a process can be stopped anywhere. Where folders cannot be locked it has to go
   // without.
-  const bool held =
-      folder &&
-      retried([&] { return system_calls().flock(folder.get(), LOCK_EX | LOCK_NB); }) != 0 &&
-      errno == EWOULDBLOCK;
-  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
+  require_not_held(folder);
   const auto done = mend(paths, {setup_place(paths)});
   mended.insert(mended.end(), done.begin(), done.end());
   return naming(paths.setup_lock, [&] {
@@ -239,12 +245,7 @@ NativeFileLock take_setup_lock(const DataPaths& paths, std::vector<std::string>&
 }
 
 void require_free(const fs::path& path) {
-  const UniqueFd file = posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (!file) return;
-  const auto& calls = system_calls();
-  const bool held = retried([&] { return calls.flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
-                    errno == EWOULDBLOCK;
-  require(!held, "busy", [] { return branded("Another Tavro operation is using this state"); });
+  require_not_held(posix_files::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
 }
 
 std::vector<std::string> set_aside_marker(const DataPaths& paths) {
@@ -255,7 +256,10 @@ std::vector<std::string> set_aside_marker(const DataPaths& paths) {
   atomic_private_create(aside, {});
   const bool exchanged =
       host::exchange_names(AT_FDCWD, aside.c_str(), AT_FDCWD, marker.path.c_str()) == 0;
-  require(exchanged, "file_write", [&] { return "Cannot set aside " + path_utf8(marker.path); });
+  if (const int error = errno; !exchanged) {
+    native_files::remove_quietly(aside);
+    fail("file_write", "Cannot set aside " + path_utf8(marker.path) + posix_files::because(error));
+  }
   sync_directory(paths.root);
   return {told(marker, Form::stranger) + set_aside_as(aside)};
 }

@@ -70,6 +70,8 @@ auto naming(const std::filesystem::path& path, const Work& work) {
     return work();
   } catch (const Error& error) {
     if (error.code == "busy") throw;
+    if (!error.next_commands.empty())
+      throw Error(error.code, message_naming(error, path), error.next_commands);
     fail(error.code, named_message(error, path));
   }
 }

@@ -37,7 +37,9 @@ class Opening {
     const auto node = posix_files::node_in(parent, name);
     if (!node || !S_ISDIR(node->st_mode)) return;
     // What a repair has set aside is nothing of the installation's, and only goes with all of it.
-    if (!passes_others_ && path.filename().native().find("set-aside") != std::string::npos) return;
+    const std::string own_name = path.filename().native();
+    const bool set_aside = own_name == "set-aside" || own_name.find(".set-aside-") != own_name.npos;
+    if (!passes_others_ && set_aside) return;
     const bool own = node->st_uid == ::geteuid();
     if (own && (node->st_mode & S_IRWXU) != S_IRWXU) give_rights(parent, name, path);
     const auto& calls = system_calls();

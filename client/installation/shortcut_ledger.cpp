@@ -81,8 +81,7 @@ Outcome remove_entries(const Entries& entries) {
     try {
       ledger_file::remove_leftovers(path);
       if (!shortcut_place::is_taken(path)) continue;
-      const bool ours = ledger_file::unchanged(entry);
-      if (ours) native_files::remove_or_trash(path, {});
+      const bool ours = ledger_file::remove_unchanged(entry);
       (ours ? outcome.removal.removed : outcome.removal.changed).push_back(path);
     } catch (const std::exception&) {
       if (!outcome.failure) outcome.failure = std::current_exception();

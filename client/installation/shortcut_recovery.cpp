@@ -25,9 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using ledger_file::Entries;
+using ledger_file::ledger_bytes;
+using ledger_file::shortcut_bytes;
 
-constexpr std::size_t ledger_bytes = 262144;
-constexpr std::size_t shortcut_bytes = 65536;
 constexpr std::string_view launcher_suffix = "launcher";
 constexpr std::string_view game_prefix = "game-";
 
@@ -120,12 +120,6 @@ std::optional<fs::path> program_elsewhere(const OwnedShortcut& entry, const fs::
   return shortcut->executable;
 }
 
-Entries entries_elsewhere(const fs::path& root) {
-  Entries entries = ledger_file::read(root);
-  std::erase_if(entries, [&](const auto& entry) { return !program_elsewhere(entry, root); });
-  return entries;
-}
-
 /// Whether the program is gone with its data folder: what can be looked at, and is not there. A
 /// volume that is not mounted says nothing.
 bool leads_nowhere(const fs::path& program) {
@@ -142,10 +136,8 @@ bool is_chosen_place(const fs::path& path, const std::string& start) {
 }
 
 /// Whether the shortcut stays where it is, and leads here from now on.
-bool keeps_its_place(const OwnedShortcut& entry, const fs::path& root) {
-  const auto program = program_elsewhere(entry, root);
-  return program && leads_nowhere(*program) &&
-         is_chosen_place(path_from_utf8(entry.path), name_start(root));
+bool keeps_its_place(const OwnedShortcut& entry, const fs::path& program, const fs::path& root) {
+  return leads_nowhere(program) && is_chosen_place(path_from_utf8(entry.path), name_start(root));
 }
 
 /// Takes such entries out of the ledger, and their files away where they lead nowhere. One that
@@ -155,9 +147,8 @@ void release_elsewhere(const fs::path& root) {
   Entries kept;
   for (const auto& entry : ledger_file::read(root)) {
     const auto program = program_elsewhere(entry, root);
-    if (!program || keeps_its_place(entry, root)) kept.push_back(entry);
-    if (program && leads_nowhere(*program))
-      native_files::remove_or_trash(path_from_utf8(entry.path), {});
+    if (!program || keeps_its_place(entry, *program, root)) kept.push_back(entry);
+    if (program && leads_nowhere(*program)) ledger_file::remove_unchanged(entry);
   }
   ledger_file::write(root, kept);
 }
@@ -206,17 +197,18 @@ FoundShortcuts adopt_native_shortcuts(const fs::path& root, const fs::path& exec
 }
 
 std::vector<fs::path> follow_moved_folder(const fs::path& root, const fs::path& executable) {
-  const Entries moved = entries_elsewhere(root);
-  if (moved.empty()) return {};
+  bool any = false;
   std::vector<fs::path> made;
   // The new ones first: a crash leaves both, and the next repair ends it.
-  for (const auto& entry : moved) {
-    if (keeps_its_place(entry, root)) continue;
+  for (const auto& entry : ledger_file::read(root)) {
+    const auto program = program_elsewhere(entry, root);
+    any = any || program;
+    if (!program || keeps_its_place(entry, *program, root)) continue;
     const fs::path path = native_menu_entry(root, entry.game, entry.name);
     create_owned_native_shortcut({executable, root, entry.game, entry.name}, path);
     made.push_back(path);
   }
-  release_elsewhere(root);
+  if (any) release_elsewhere(root);
   return made;
 }
 

@@ -103,7 +103,8 @@ class StoreRepair {
   void prove_downloads() {
     try {
       launcher_download_receipts(directory_);
-    } catch (const Error&) {
+    } catch (const Error& error) {
+      if (error.code == "crypto_failure") throw;
       for (const auto* folder : {"download-intents", "downloads"}) {
         set_aside(directory_ / folder, " cannot be explained");
         private_directory(directory_ / folder);
@@ -128,7 +129,8 @@ class StoreRepair {
   static bool proves_descriptor(const fs::path& path, const std::string& name) {
     try {
       return digest(read_file(path, launcher_descriptor_bytes), "sha256") == name;
-    } catch (const Error&) {
+    } catch (const Error& error) {
+      if (says_nothing(error, path)) throw;
       return false;
     }
   }
@@ -150,7 +152,8 @@ class StoreRepair {
       else
         tree_bytes(path, tree_entries);
       return true;
-    } catch (const Error&) {
+    } catch (const Error& error) {
+      if (error.code == "crypto_failure") throw;
       return false;
     }
   }
@@ -178,7 +181,8 @@ class StoreRepair {
     try {
       store.manifest(reference);
       return stands(store.payload(reference));
-    } catch (const Error&) {
+    } catch (const Error& error) {
+      if (error.code == "crypto_failure") throw;
       return false;
     }
   }

@@ -15,6 +15,7 @@
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
+#include "platform/files/torn_write.h"
 #include "self_update/bootstrap_moves.h"
 #include "self_update/bootstrap_release.h"
 #include "self_update/held_signals.h"
@@ -210,7 +211,10 @@ void apply_staged_bootstrap(const BootstrapPaths& paths, const fs::path& image,
   {
     // No other bootstrap may run while files move, and none is looked for in vain.
     const auto lifetime = lifetime_lock(paths, LockMode::exclusive);
-    remove_torn_writes(paths, {paths.pending, paths.manifest, paths.rejected, paths.old_files});
+    torn_write::remove_leftovers(
+        paths.manifest.parent_path(),
+        {paths.pending.filename().native(), paths.manifest.filename().native(),
+         paths.rejected.filename().native(), paths.old_files.filename().native()});
     if (!stands(paths.pending)) return remove_update_leftovers(paths);
     text = read_waiting_update(paths);
     if (is_committed(paths, text)) return remove_record(paths);

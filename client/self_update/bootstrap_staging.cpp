@@ -15,6 +15,7 @@
 #include "platform/files/managed_tree.h"
 #include "platform/files/running_files.h"
 #include "platform/files/safe_path.h"
+#include "platform/files/torn_write.h"
 #include "platform/host/native_platform.h"
 #include "platform/storage/storage_plan.h"
 #include "platform/storage/storage_volume.h"
@@ -96,7 +97,9 @@ BootstrapStaging stage_bootstrap_update(const fs::path& root, TufClient& tuf,
   require_complete_native_install(paths.root);
   const NativeFileLock lock(paths.lock, true, NativeLockSharing::read, LockMode::exclusive);
   if (stands(paths.pending)) return {false, "pending", {}};
-  remove_torn_writes(paths, {paths.pending, paths.rejected, paths.old_files});
+  torn_write::remove_leftovers(paths.manifest.parent_path(), {paths.pending.filename().native(),
+                                                              paths.rejected.filename().native(),
+                                                              paths.old_files.filename().native()});
   // Without its record a tree is a leftover, also of a removal that was cut off.
   remove_path_quietly(paths.update);
   BootstrapStaging result;

@@ -11,7 +11,8 @@ class HeldSignals;
 inline constexpr char bootstrap_start_check_environment[] = "TAVRO_BOOTSTRAP_START_CHECK";
 
 /// What a test start came to: `stopped` when this process was asked to stop meanwhile, `unmade`
-/// when no process could be made at all. Neither tells anything about the image.
+/// when no process could be made at all. Neither tells anything about the image;
+/// in its place, `unmade` counts as a failure all the same.
 enum class StartVerdict { passed, failed, stopped, unmade };
 
 /// The test start of a new bootstrap: `image` is started once and must end with 0 within `limit`; a

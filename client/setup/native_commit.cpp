@@ -76,7 +76,8 @@ void commit_theme(const DataPaths& paths, const NativePackage& package) {
   const fs::path live = theme_directory(paths.root);
   remove_plain_tree(staged);
   if (!package.theme) {
-    remove_plain_tree(live);
+    // As a part that is replaced: a link in it must not keep a repair from its end.
+    if (stands(live)) native_files::rename_replace(live, paths.staging / "old-theme");
     return;
   }
   atomic_write(staged / kThemeDefinition, package.theme->definition);

@@ -31,18 +31,6 @@ bool is_directory_itself(const fs::path& path) {
   return fs::is_directory(fs::symlink_status(path));
 }
 
-void remove_entry(const fs::path& path, const fs::path& trash, std::vector<fs::path>& deferred) {
-  if (is_directory_itself(path)) {
-    for (const auto& child : children(path)) remove_entry(child, trash, deferred);
-    // A directory may stay behind for an entry that could only be set aside.
-    if (!deferred.empty()) {
-      native_files::remove_quietly(path);
-      return;
-    }
-  }
-  if (!native_files::remove_or_trash(path, trash)) deferred.push_back(path);
-}
-
 /// Outside the data folder. Where nothing has to be set aside, a temporary folder that cannot be
 /// used stops no removal.
 fs::path folder_for_trash(const fs::path& root) {
@@ -69,7 +57,7 @@ class Removal {
       if (!remove_data_ && is_player_data(entry))
         result.kept.push_back(entry);
       else
-        remove_entry(entry, trash_, result.deferred);
+        native_files::remove_tree_or_trash(entry, trash_, result.deferred);
     }
   }
 

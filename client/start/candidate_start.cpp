@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -146,15 +147,18 @@ bool Supervision::stop() {
 
 void Supervision::reject(StartupCause cause) {
   cause.sentence += ending();
-  std::cerr << "tavro: launcher build " << attempt_.reference.build_id << " did not start ("
-            << cause.code << "): " << cause.sentence << std::endl;
   const bool stopped = stop();
+  std::exception_ptr unrecorded;
   try {
     store_.reject_candidate(attempt_, stopped ? "startup_failed" : "startup_unconfirmed", cause);
   } catch (const Error&) {
     // The attempt stays open for the next start; what may still run counts for more.
-    if (stopped) throw;
+    if (stopped) unrecorded = std::current_exception();
   }
+  // Last: a stream that nobody reads may end this process.
+  std::cerr << "tavro: launcher build " << attempt_.reference.build_id << " did not start ("
+            << cause.code << "): " << cause.sentence << std::endl;
+  if (unrecorded) std::rethrow_exception(unrecorded);
   // Another version beside one that may still run would share its data.
   require(stopped, "launcher_startup_timeout",
           "Launcher candidate exit is unconfirmed; the working launcher remains selected");

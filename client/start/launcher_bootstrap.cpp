@@ -223,7 +223,7 @@ void BootstrapRun::prove_failed_before(const LauncherManifest& manifest, const f
   if (!failed_before) return;
   verify_snapshot_tree(manifest, payload);
   std::cerr << "tavro: launcher build " << reference.build_id << " did not start before ("
-            << failed_candidate_->problem << "); nothing else is left to start" << std::endl;
+            << failed_candidate_->problem << "); it is tried again" << std::endl;
 }
 
 std::int64_t BootstrapRun::count_start(const LauncherManifest& manifest, const fs::path& payload,

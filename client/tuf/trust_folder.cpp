@@ -1,9 +1,7 @@
 #include "tuf/trust_folder.h"
 
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
-#include <cerrno>
 #include <iterator>
 #include <set>
 #include <system_error>
@@ -31,14 +29,6 @@ constexpr std::size_t max_entries = 4096;
 
 unsigned long long version_of(const json& document) {
   return positive_version(document.at("signed").at("version"));
-}
-
-/// A failure that says nothing about the document: it may prove the next time. A file that this
-/// user may not read never will.
-bool says_nothing(const Error& error, const fs::path& file) {
-  if (error.code == "crypto_failure") return true;
-  if (error.code != "file_read") return false;
-  return ::access(file.c_str(), R_OK) == 0 || errno != EACCES;
 }
 
 /// The document that `proof` answers; null when there is none that proves.
@@ -69,7 +59,8 @@ bool signs(const json& root, const json& next) {
   try {
     verify_threshold(next, root.at("signed").at("keys"), root.at("signed").at("roles").at("root"));
     return true;
-  } catch (const Error&) {
+  } catch (const Error& error) {
+    if (error.code == "crypto_failure") throw;
     return false;
   }
 }

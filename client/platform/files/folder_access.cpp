@@ -1,6 +1,7 @@
 #include "platform/files/folder_access.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -52,6 +53,12 @@ std::vector<fs::path> folder_entries(const fs::path& folder, std::size_t max_ent
   }
   if (error) refuse_folder(folder, error.value());
   return entries;
+}
+
+bool says_nothing(const Error& error, const fs::path& file) {
+  if (error.code == "crypto_failure") return true;
+  if (error.code != "file_read") return false;
+  return ::access(file.c_str(), R_OK) == 0 || errno != EACCES;
 }
 
 }  // namespace tavro

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "domain/error.h"
+
 /// Looking into folders that may be closed to this user: every failure names the folder, says why,
 /// and what the user can do about it.
 namespace tavro {
@@ -23,5 +25,9 @@ std::vector<std::filesystem::path> folder_entries(const std::filesystem::path& f
                                                   std::size_t max_entries,
                                                   std::string_view too_many,
                                                   std::string_view code = "size_limit");
+
+/// Whether this failure to read or prove the file says nothing about it, and may be gone the next
+/// time. A file that this user may not read never will be read.
+bool says_nothing(const Error& error, const std::filesystem::path& file);
 
 }  // namespace tavro

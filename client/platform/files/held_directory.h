@@ -44,7 +44,7 @@ int remove_empty_in(int directory, const char* name) noexcept;
 
 /// Removes all that the directory holds, or what stands at a name, recursively and without
 /// following links; goes on behind what it cannot remove. 0, or the first `errno` number. Each
-/// level of a tree takes a descriptor.
+/// level of a tree takes two descriptors.
 int remove_all_in(int directory);
 int remove_tree_in(int directory, const char* name);
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <vector>
 
 /// File operations for running programs, whose files not every system can remove or replace.
 namespace tavro::native_files {
@@ -13,6 +14,13 @@ void rename_replace(const std::filesystem::path& from, const std::filesystem::pa
 /// never happens where a running file can be removed. Throws `file_remove`.
 bool remove_or_trash(const std::filesystem::path& path,
                      const std::filesystem::path& trash_directory);
+
+/// Removes an entry with all that it holds, and tells what was only set aside. Each level goes
+/// through the one above it, so that nothing behind a link is touched, whatever is exchanged
+/// meanwhile. Throws `file_remove` for the first entry that stays.
+void remove_tree_or_trash(const std::filesystem::path& path,
+                          const std::filesystem::path& trash_directory,
+                          std::vector<std::filesystem::path>& deferred);
 
 /// Removes one entry as `remove_or_trash`, but best effort. True when the path is gone.
 bool remove_quietly(const std::filesystem::path& path) noexcept;
